@@ -1,0 +1,1 @@
+#include "common/debug_log.h"

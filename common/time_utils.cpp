@@ -1,0 +1,1 @@
+#include "common/time_utils.h"

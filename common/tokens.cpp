@@ -1,0 +1,1 @@
+#include "common/tokens.h"

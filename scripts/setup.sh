@@ -1,0 +1,20 @@
+#!/bin/sh
+# Installs, from Debian's packages, whatever the build and the tests need and
+# the machine lacks. Safe to run again: it installs nothing that is present.
+set -eu
+
+pkgs="cmake g++ make ninja-build libgtest-dev iproute2 nftables python3 util-linux"
+missing=""
+for p in $pkgs; do
+    dpkg -s "$p" >/dev/null 2>&1 || missing="$missing $p"
+done
+[ -z "$missing" ] && exit 0
+
+if [ "$(id -u)" = 0 ]; then SUDO=""; elif command -v sudo >/dev/null; then SUDO="sudo"; else
+    echo "setup: missing packages:$missing (run as root to install them)" >&2
+    exit 1
+fi
+echo "setup: installing$missing"
+export DEBIAN_FRONTEND=noninteractive
+$SUDO apt-get update -q
+$SUDO apt-get install -y -q --no-install-recommends $missing
