@@ -65,25 +65,33 @@ public:
     // Read-only views for callers and tests.
     int GetDepth() const { return m_nDepth.load(std::memory_order_relaxed); }
     int GetMode() const { return m_nMode; }
-    int GetGeneration() const { return m_nGeneration; }
+    int GetGeneration() const { return m_nGeneration.load(std::memory_order_relaxed); }
     const char* GetFileName() const { return m_pFileName; }
 
     // Field order follows the record of the log's design.
 private:
-    int OpenCheck();
-    void CloseCheck();
-    int GenerationFileCheck();
-    void OpenAtNaming();
-    int WriteLocked(int level, bool stamp, bool tabs, const char* fmt, va_list ap);
-    void WriteTabs();
+    // Opens the stream one write goes to: the kept stream of mode 0, or a
+    // fresh stream of modes 1 to 3 that CloseCheck closes again. *fp may be
+    // left null with SUCCESS (an unknown mode writes nothing).
+    int OpenCheck(FILE** fp);
+    void CloseCheck(FILE* fp);
+    int GenerationFileCheck(FILE** fp);
+    int OpenAtNaming();
+    void FindNewestGeneration();
+    // BeginWrite takes the mutex when lock is set and runs OpenCheck; the
+    // caller writes to *fp only when it returned SUCCESS and *fp is set, and
+    // always calls EndWrite with the same lock flag.
+    int BeginWrite(FILE** fp, bool lock);
+    void EndWrite(FILE* fp, bool lock);
 
     char* m_pFileName = nullptr;
-    FILE* m_pStream = nullptr;
+    FILE* m_pStream = nullptr;  // mode 0 only; modes 1 to 3 open per write
     std::atomic<int> m_nDepth{0};
     int m_nMode = 0;
     int m_nErrOutput = 1;
     pthread_mutex_t m_Mutex;
-    int m_nGeneration = 0;
+    // Changed by DbPrintfErrRtn too, which runs without the mutex.
+    std::atomic<int> m_nGeneration{0};
     int m_nGenerationCount = 2;
     int m_nSizeLimit = 0x100000;
 };

@@ -1,1 +1,119 @@
 #include "common/time_utils.h"
+
+#include <stdio.h>
+#include <sys/select.h>
+#include <time.h>
+
+#include "common/return_codes.h"
+
+namespace {
+
+// A null time means "now", so callers stamping the current moment need not
+// fetch it themselves.
+timeval time_or_now(const timeval* tv)
+{
+    timeval now;
+    if (tv != nullptr) {
+        return *tv;
+    }
+    gettimeofday(&now, nullptr);
+    return now;
+}
+
+// strftime leaves its output undefined when the text does not fit, so the
+// text is made in a roomy buffer and then cut into the caller's.
+void format_tm(char* out, size_t size, const char* fmt, const struct tm& tmv)
+{
+    if (strftime(out, size, fmt, &tmv) == 0) {
+        out[0] = '\0';
+    }
+}
+
+}  // namespace
+
+int GetTimeStr_Easy(char* buf, int size, const timeval* tv, DbPrintf_Class* /*pDB*/)
+{
+    if (buf == nullptr || size <= 0) {
+        return DEBUG_WARNING;
+    }
+    timeval t = time_or_now(tv);
+    struct tm tmv;
+    localtime_r(&t.tv_sec, &tmv);
+    char text[512];
+    format_tm(text, sizeof text, "%Y/%m/%d %H:%M:%S", tmv);
+    snprintf(buf, static_cast<size_t>(size), "%s", text);
+    return SUCCESS;
+}
+
+int GetTimeStr_DumpLog(char* buf, int size, const timeval* tv, DbPrintf_Class* /*pDB*/)
+{
+    if (buf == nullptr || size <= 0) {
+        return DEBUG_WARNING;
+    }
+    timeval t = time_or_now(tv);
+    struct tm tmv;
+    localtime_r(&t.tv_sec, &tmv);
+    char text[512];
+    format_tm(text, sizeof text, "%Y/%m/%d %H:%M:%S", tmv);
+    snprintf(buf, static_cast<size_t>(size), "%s(%ld)", text, static_cast<long>(t.tv_usec / 1000));
+    return SUCCESS;
+}
+
+int GetTimeStr_Log(char* buf, int size, const timeval* tv, DbPrintf_Class* /*pDB*/)
+{
+    if (buf == nullptr || size <= 0) {
+        return DEBUG_WARNING;
+    }
+    timeval t = time_or_now(tv);
+    struct tm tmv;
+    localtime_r(&t.tv_sec, &tmv);
+    char text[512];
+    format_tm(text, sizeof text, "%Y/%m/%d (%a) %H:%M:%S", tmv);
+    snprintf(buf, static_cast<size_t>(size), "%s [%ld (us)]", text, static_cast<long>(t.tv_usec));
+    return SUCCESS;
+}
+
+int GetTimeStr_Http(char* buf, int size, const timeval* tv, DbPrintf_Class* /*pDB*/)
+{
+    if (buf == nullptr || size <= 0) {
+        return DEBUG_WARNING;
+    }
+    timeval t = time_or_now(tv);
+    struct tm tmv;
+    gmtime_r(&t.tv_sec, &tmv);
+    char text[512];
+    format_tm(text, sizeof text, "%a, %d %b %Y %H:%M:%S GMT", tmv);
+    snprintf(buf, static_cast<size_t>(size), "%s", text);
+    return SUCCESS;
+}
+
+int UsecSleep(long long usec, DbPrintf_Class* /*pDB*/)
+{
+    if (usec < 0) {
+        usec = 0;
+    }
+    timeval tv;
+    tv.tv_sec = static_cast<time_t>(usec / 1000000);
+    tv.tv_usec = static_cast<suseconds_t>(usec % 1000000);
+    // No descriptors: select only waits. EINTR (a signal such as the
+    // worker's SIGUSR1) ends the wait early on purpose.
+    select(0, nullptr, nullptr, nullptr, &tv);
+    return SUCCESS;
+}
+
+long long GetDifftime64(const timeval* earlier, const timeval* later, DbPrintf_Class* /*pDB*/)
+{
+    if (earlier == nullptr || later == nullptr) {
+        return 0;
+    }
+    long long a = static_cast<long long>(earlier->tv_sec) * 1000000LL + earlier->tv_usec;
+    long long b = static_cast<long long>(later->tv_sec) * 1000000LL + later->tv_usec;
+    return b - a;
+}
+
+int SleepExponentSec(int attempt, DbPrintf_Class* pDB)
+{
+    int exponent = attempt < 0 ? 0 : (attempt > 6 ? 6 : attempt);
+    UsecSleep((1LL << exponent) * 1000000LL, pDB);
+    return SUCCESS;
+}
