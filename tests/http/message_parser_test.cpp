@@ -1,0 +1,293 @@
+#include "http/message_parser.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "common/return_codes.h"
+#include "common/string_buf.h"
+#include "http/char_tables.h"
+
+namespace {
+
+// The parser borrows its bytes; each run gets an exactly sized heap copy so
+// that AddressSanitizer reports any read past the end.
+struct Bytes {
+    explicit Bytes(const std::string& s) : v(s.begin(), s.end()) {}
+    unsigned char* data() { return v.empty() ? nullptr : v.data(); }
+    int size() const { return static_cast<int>(v.size()); }
+    std::vector<unsigned char> v;
+};
+
+std::string span(const OneToken_Class& t)
+{
+    return t.GetPtr() == nullptr ? std::string() : std::string(reinterpret_cast<const char*>(t.GetPtr()), t.GetLength());
+}
+
+std::string header(const HTTPMessageParser_Class& p, const char* name)
+{
+    OneToken_Class* val = nullptr;
+    if (p.m_HeaderLines.Search_NameToVal(name, &val) != SUCCESS) {
+        return "<none>";
+    }
+    return span(*val);
+}
+
+struct HeadRow {
+    const char* input;
+    int code;
+    int status;
+    const char* error;   // exact text, or nullptr for "no fault"
+    int lines;           // header lines stored (checked on SUCCESS)
+    int keepAlive;
+    int host;
+    const char* note;
+};
+
+const HeadRow kHeadRows[] = {
+    {"\r\n", SUCCESS, 0, nullptr, 0, 1, 0, "blank line only"},
+    {"\n", SUCCESS, 0, nullptr, 0, 1, 0, "bare LF ends the head"},
+    {"Host: a\r\nAccept: */*\r\n\r\n", SUCCESS, 0, nullptr, 2, 1, 1, "CRLF lines"},
+    {"Host: a\nAccept: */*\n\n", SUCCESS, 0, nullptr, 2, 1, 1, "LF lines"},
+    {"hOsT:x\r\n\r\n", SUCCESS, 0, nullptr, 1, 1, 1, "Host in any case, no blank before value"},
+    {"Hostname: x\r\n\r\n", SUCCESS, 0, nullptr, 1, 1, 0, "the colon is part of the Host comparison"},
+    {"Connection: close\r\n\r\n", SUCCESS, 0, nullptr, 1, 0, 0, "close"},
+    {"CONNECTION:   CLOSE\r\n\r\n", SUCCESS, 0, nullptr, 1, 0, 0, "close in capitals after blanks"},
+    {"Connection: close, TE\r\n\r\n", SUCCESS, 0, nullptr, 1, 1, 0, "close among other tokens"},
+    {"Connection: close \r\n\r\n", SUCCESS, 0, nullptr, 1, 1, 0, "trailing blank: not exactly five bytes"},
+    {"Connection: keep-alive\r\nConnection: close\r\n\r\n", SUCCESS, 0, nullptr, 2, 0, 0, "repeat"},
+    {"X-A: 1\r\n two\r\n\r\n", SUCCESS, 0, nullptr, 1, 1, 0, "folded value stays one header"},
+    {"X-A:\r\n\r\n", SUCCESS, 0, nullptr, 1, 1, 0, "empty value"},
+    {"Content Length: 5\r\n\r\n", HTTP_INVALID_SYNTAX, 400, "[Offset 7]:Found illigal character. [0x20]", 0, 1,
+     0, "space inside a name"},
+    {"X-A: 1\r\n", HTTP_INVALID_SYNTAX, 400, "[Offset 7]:Syntax error. Illigal header end.", 0, 1, 0,
+     "no blank line"},
+    {"X-A: 1\r\n\r", HTTP_INVALID_SYNTAX, 400, "[Offset 8]:Syntax error. Illigal header end.", 0, 1, 0,
+     "CR as the last byte"},
+    {"X-A: 1", HTTP_INVALID_SYNTAX, 400, "[Offset 6]:Syntax error. Illigal header end.", 0, 1, 0,
+     "value without a line end"},
+    {"X-A:   ", HTTP_INVALID_SYNTAX, 400, "[Offset 7]:Syntax error. Illigal header end.", 0, 1, 0,
+     "buffer ends in blanks"},
+    {"X-A:", HTTP_INVALID_SYNTAX, 400, "[Offset 4]:Syntax error. Illigal header end.", 0, 1, 0,
+     "buffer ends at the colon"},
+    {"X-A\r\n\r\n", HTTP_INVALID_SYNTAX, 400, "[Offset 3]:Found illigal character. [0x0d]", 0, 1, 0,
+     "line without a colon"},
+    {"X-A 1", HTTP_INVALID_SYNTAX, 400, "[Offset 3]:Found illigal character. [0x20]", 0, 1, 0,
+     "blank before any colon"},
+    {"X-A", HTTP_INVALID_SYNTAX, 400,
+     "[Offset 3]:Syntax error. Not found charactor [0x3a] , Start[offset 0] to hedder end.", 0, 1, 0,
+     "name runs to the end"},
+    {" X-A: 1\r\n\r\n", HTTP_INVALID_SYNTAX, 400, "[Offset 0]:Syntax error.", 0, 1, 0,
+     "continuation where a line should begin"},
+    {"\rX: 1\r\n\r\n", HTTP_INVALID_SYNTAX, 400, "[Offset 0]:Found illigal character. [0x0d]", 0, 1, 0,
+     "lone CR at a line start"},
+    {"X`: 1\r\n\r\n", HTTP_INVALID_SYNTAX, 400, "[Offset 1]:Found illigal character. [0x60]", 0, 1, 0,
+     "backquote is not a token character"},
+    {"X\xc3: 1\r\n\r\n", HTTP_INVALID_SYNTAX, 400, "[Offset 1]:Found illigal character. [0xc3]", 0, 1, 0,
+     "high bytes are refused"},
+};
+
+TEST(HeaderLines, Table)
+{
+    for (const HeadRow& row : kHeadRows) {
+        SCOPED_TRACE(row.note);
+        Bytes in(row.input);
+        HTTPMessageParser_Class p;
+        p.SetBuffer(in.data(), in.size());
+        EXPECT_EQ(row.code, p.Parsing_HedderLine());
+        EXPECT_EQ(row.status, p.m_nStatus);
+        EXPECT_STREQ(row.error ? row.error : "", p.m_strError);
+        if (row.code == SUCCESS) {
+            EXPECT_EQ(in.size(), p.m_nPos) << "the whole head is consumed";
+            EXPECT_EQ(row.lines, p.m_HeaderLines.GetCount());
+            EXPECT_EQ(row.keepAlive, p.m_nKeepAlive);
+            EXPECT_EQ(row.host, p.Flag_HOST);
+        }
+    }
+}
+
+// Every strict prefix of an accepted head lacks its blank line and must be
+// refused without reading beyond its end.
+TEST(HeaderLines, RefusesEveryTruncationOfAnAcceptedHead)
+{
+    for (const HeadRow& row : kHeadRows) {
+        if (row.code != SUCCESS) {
+            continue;
+        }
+        std::string full(row.input);
+        for (size_t cut = 0; cut < full.size(); cut++) {
+            SCOPED_TRACE(std::string(row.note) + ", cut at " + std::to_string(cut));
+            Bytes in(full.substr(0, cut));
+            HTTPMessageParser_Class p;
+            p.SetBuffer(in.data(), in.size());
+            EXPECT_EQ(HTTP_INVALID_SYNTAX, p.Parsing_HedderLine());
+            EXPECT_EQ(400, p.m_nStatus);
+        }
+    }
+}
+
+TEST(HeaderLines, NamesKeepTheirColonAndValuesTheirFolding)
+{
+    Bytes in("Content-Length: 12\r\nX-Fold: a\r\n\tb\r\nX-Fold: second\r\n\r\nBODY");
+    HTTPMessageParser_Class p;
+    p.SetBuffer(in.data(), in.size());
+    ASSERT_EQ(SUCCESS, p.Parsing_HedderLine());
+    int n = 0;
+    EXPECT_EQ(SUCCESS, p.m_HeaderLines.Search_NameToVal_RtnInt("Content-Length:", &n));
+    EXPECT_EQ(12, n);
+    EXPECT_EQ("<none>", header(p, "Content-Length"));
+    EXPECT_EQ("a\r\n\tb", header(p, "X-Fold:")) << "the first of two repeats, folding kept raw";
+    EXPECT_EQ("second", span(p.m_HeaderLines.Get(2)->m_Val));
+    EXPECT_EQ('B', in.v[p.m_nPos]) << "the position stops right after the blank line";
+}
+
+TEST(HeaderLines, AcceptsAtMost127Lines)
+{
+    std::string head;
+    for (int i = 0; i < 127; i++) {
+        head += "X-" + std::to_string(i) + ": v\r\n";
+    }
+    {
+        Bytes in(head + "\r\n");
+        HTTPMessageParser_Class p;
+        p.SetBuffer(in.data(), in.size());
+        EXPECT_EQ(SUCCESS, p.Parsing_HedderLine());
+        EXPECT_EQ(127, p.m_HeaderLines.GetCount());
+    }
+    {
+        Bytes in(head + "X-last: v\r\n\r\n");
+        HTTPMessageParser_Class p;
+        p.SetBuffer(in.data(), in.size());
+        EXPECT_EQ(HTTP_INVALID_SYNTAX, p.Parsing_HedderLine());
+        EXPECT_EQ(413, p.m_nStatus);
+        EXPECT_STREQ("HTTP hedder Lines Over 128.", p.m_strError);
+    }
+}
+
+struct VersionRow {
+    const char* input;
+    int code;
+    int major;
+    int minor;
+    const char* protocol;
+    const char* note;
+};
+
+const VersionRow kVersionRows[] = {
+    {"HTTP/1.1 ", SUCCESS, 1, 1, "HTTP", "usual"},
+    {"HTTP/1.0\r\n", SUCCESS, 1, 0, "HTTP", "ends at CR"},
+    {"PiPP/12.345 ", SUCCESS, 12, 345, "PiPP", "any protocol name, several digits"},
+    {"HTTP/1 x", NOTFOUND_PROTOCOLINFO, 1, -1, "HTTP", "no minor version"},
+    {"HTTP/.1 ", NOTFOUND_PROTOCOLINFO, -1, -1, "HTTP", "no major digits"},
+    {"HTTP/1. ", NOTFOUND_PROTOCOLINFO, 1, -1, "HTTP", "no minor digits"},
+    {"HTTP/1.", NOTFOUND_PROTOCOLINFO, 1, -1, "HTTP", "ends after the dot"},
+    {"HTTP/", NOTFOUND_PROTOCOLINFO, -1, -1, "HTTP", "ends after the slash"},
+    {"HTTP/99999999999999999999.1 ", NOTFOUND_PROTOCOLINFO, -1, -1, "HTTP", "20-digit major overflows"},
+    {"HTTP/1.99999999999999999999 ", NOTFOUND_PROTOCOLINFO, 1, -1, "HTTP", "20-digit minor overflows"},
+    {"HTTP/1.1", HTTP_INVALID_SYNTAX, 1, -1, "HTTP", "digits run to the end of the buffer"},
+    {"HT TP/1.1 ", NOTFOUND_PROTOCOLINFO, -1, -1, "", "blank in the name"},
+    {"HTTP1.1 ", NOTFOUND_PROTOCOLINFO, -1, -1, "", "no slash at all"},
+};
+
+TEST(ProtocolVersion, Table)
+{
+    for (const VersionRow& row : kVersionRows) {
+        Bytes in(row.input);
+        HTTPMessageParser_Class p;
+        p.SetBuffer(in.data(), in.size());
+        EXPECT_EQ(row.code, p.Get_ProtocolVersion()) << row.note;
+        EXPECT_EQ(row.major, p.m_nMajorVersion) << row.note;
+        EXPECT_EQ(row.minor, p.m_nMinorVersion) << row.note;
+        EXPECT_EQ(row.protocol, span(p.m_Protocol)) << row.note;
+    }
+}
+
+TEST(Scanner, NumberOverflowIsReportedButTheScanGoesOn)
+{
+    Bytes in("18446744073709551617;");
+    HTTPMessageParser_Class p;
+    p.SetBuffer(in.data(), in.size());
+    long long v = 0;
+    int overflow = 0;
+    EXPECT_EQ(SUCCESS, p.GetNumber(&v, &overflow));
+    EXPECT_EQ(1, overflow);
+    EXPECT_EQ(';', in.v[p.m_nPos]);
+
+    Bytes max("9223372036854775807;");
+    p.SetBuffer(max.data(), max.size());
+    EXPECT_EQ(SUCCESS, p.GetNumber(&v, &overflow));
+    EXPECT_EQ(0, overflow);
+    EXPECT_EQ(9223372036854775807LL, v);
+}
+
+TEST(Scanner, LeadingLineBreaksAndBlanks)
+{
+    Bytes crlf("\r\n\r\n\n");
+    HTTPMessageParser_Class p;
+    p.SetBuffer(crlf.data(), crlf.size());
+    EXPECT_EQ(HTTP_INVALID_SYNTAX, p.SkipRead_BeforeHTTPHeader_ReturnCode());
+    EXPECT_EQ(400, p.m_nStatus);
+    EXPECT_STREQ("All receiving characters were return codes.", p.m_strError);
+
+    Bytes blanks("ab \t ");
+    p.Clear();
+    p.SetBuffer(blanks.data(), blanks.size());
+    p.m_nPos = 2;
+    int count = -1;
+    EXPECT_EQ(HTTP_INVALID_SYNTAX, p.SkipRead_BetweenSpace(&count));
+    EXPECT_EQ(3, count);
+    EXPECT_STREQ("[Offset 5]:Syntax error. Start[offset 2] to hedder end were Space[0x20].", p.m_strError);
+
+    Bytes line("HTTP/1.1 x\r\n");
+    p.Clear();
+    p.SetBuffer(line.data(), line.size());
+    p.m_nPos = 8;
+    EXPECT_EQ(SUCCESS, p.SkipRead_toNextLine(&count));
+    EXPECT_EQ(1, count) << "only the stray x counts";
+    EXPECT_EQ(line.size(), p.m_nPos);
+}
+
+TEST(Scanner, ClearForgetsTheLastHead)
+{
+    Bytes in("Host: a\r\nConnection: close\r\n\r\n");
+    HTTPMessageParser_Class p;
+    p.SetBuffer(in.data(), in.size());
+    ASSERT_EQ(SUCCESS, p.Parsing_HedderLine());
+    Bytes bad("X");
+    p.SetBuffer(bad.data(), bad.size());
+    p.Parsing_HedderLine();
+    p.Clear();
+    EXPECT_EQ(0, p.m_nStatus);
+    EXPECT_STREQ("", p.m_strError);
+    EXPECT_EQ(0, p.m_HeaderLines.GetCount());
+    EXPECT_EQ(1, p.m_nKeepAlive);
+    EXPECT_EQ(0, p.Flag_HOST);
+
+    StringBuf_Class out(1024);
+    p.SetBuffer(in.data(), in.size());
+    ASSERT_EQ(SUCCESS, p.Parsing_HedderLine());
+    p.OutputBuffer(&out);
+    EXPECT_NE(nullptr, strstr(out.c_str(), "--- Header 2 ---\n")) << out.c_str();
+}
+
+TEST(CharTables, ClassesDifferWhereTheSyntaxNeedsThem)
+{
+    for (int c = 0x80; c < 0x100; c++) {
+        ASSERT_EQ(0, HTTP_TokenChar[c] | HTTP_URI[c] | HTTP_HeaderChar[c]) << c;
+    }
+    for (unsigned char c : std::string(" \"(),/:;<=>?@[\\]{}`\x7f\t")) {
+        EXPECT_EQ(0, HTTP_TokenChar[c]) << "separator " << int(c);
+    }
+    for (unsigned char c : std::string("#%&+-./0:=?@AZ_az")) {
+        EXPECT_EQ(1, HTTP_URI[c]) << int(c);
+    }
+    for (unsigned char c : std::string(" !\"$'()*,;<>[\\]^`{|}~")) {
+        EXPECT_EQ(0, HTTP_URI[c]) << int(c);
+    }
+    EXPECT_EQ(1, HTTP_HeaderChar['\t'] & HTTP_HeaderChar['\r'] & HTTP_HeaderChar['\n'] & HTTP_HeaderChar['~']);
+    EXPECT_EQ(0, HTTP_HeaderChar['`'] | HTTP_HeaderChar[0x7f] | HTTP_HeaderChar[0]);
+}
+
+}  // namespace
