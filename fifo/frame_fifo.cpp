@@ -1,0 +1,765 @@
+#include "fifo/frame_fifo.h"
+
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include "common/debug_log.h"
+#include "common/return_codes.h"
+#include "common/time_utils.h"
+
+CMFifo g_Fifo;
+
+namespace {
+
+constexpr long long kChangePollUsec = 1000;
+
+}  // namespace
+
+CMFifo::CMFifo() = default;
+
+CMFifo::~CMFifo()
+{
+    // Also frees what a failed Setup or ChangeFifoLength left behind, which
+    // leave m_nSetup at 0.
+    Cleanup();
+}
+
+int CMFifo::SetLog(DbPrintf_Class* pDB, int nLevel)
+{
+    m_pDB = pDB;
+    m_nLogLevel = nLevel;
+    return SUCCESS;
+}
+
+// The in-use count and the changing flag form the drain barrier of
+// ChangeFifoLength. An operation first counts itself in and only then looks
+// at the flag, while ChangeFifoLength raises the flag and only then waits
+// for the count: with sequentially consistent atomics one of the two always
+// sees the other, so no operation can slip into the ring while it is being
+// rebuilt (testing the flag alone before counting in leaves that window).
+bool CMFifo::EnterSlots()
+{
+    m_nInUse.fetch_add(1);
+    if (m_nChanging.load() != 0) {
+        m_nInUse.fetch_sub(1);
+        return false;
+    }
+    return true;
+}
+
+void CMFifo::LeaveSlots()
+{
+    m_nInUse.fetch_sub(1);
+}
+
+int CMFifo::Setup(int nLengthFifo, int nLengthWriteOnlyZone, int nBufferSizeVideo,
+                  int nBufferSizeOption, int /*nChannel*/)
+{
+    if (m_nSetup.load(std::memory_order_relaxed) != 0) {
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::Setup] m_nSetup != 0\n");
+        return ALREADY_INITIALIZE;
+    }
+    if (nLengthFifo < 1) {
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::Setup] nLength_Fifo(%d) < 1\n", nLengthFifo);
+        return INVALID_ARGUMENT;
+    }
+    if (nLengthWriteOnlyZone < 2) {
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::Setup] nLength_WriteOnlyZone(%d) <= 1\n",
+                  nLengthWriteOnlyZone);
+        return INVALID_ARGUMENT;
+    }
+    if (nBufferSizeVideo < 1) {
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::Setup] nBufferSize_Video(%d) <= 0\n",
+                  nBufferSizeVideo);
+        return INVALID_ARGUMENT;
+    }
+    if (nBufferSizeOption < 1) {
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::Setup] nBufferSize_Option(%d) <= 0\n",
+                  nBufferSizeOption);
+        return INVALID_ARGUMENT;
+    }
+
+    // A failed Setup whose caller skipped Cleanup must not leak its slots.
+    if (m_ppFifo != nullptr) {
+        DbPrintf_Class* pDB = m_pDB;
+        int nLevel = m_nLogLevel;
+        Cleanup();
+        SetLog(pDB, nLevel);
+    }
+
+    m_nChanging.store(0);
+    m_nInUse.store(0);
+    nLength_Fifo = nLengthFifo;
+    nLength_WriteOnlyZone = nLengthWriteOnlyZone;
+    m_nBufferSize_Video = nBufferSizeVideo;
+    nBufferSize_Option = nBufferSizeOption;
+    m_lnDataNo_PublicTop.store(0, std::memory_order_relaxed);
+    m_lnDataNo_PublicTail.store(-1, std::memory_order_relaxed);
+    m_lnDataNo_Input.store(0, std::memory_order_relaxed);
+
+    const int nSlots = nLength_Fifo + nLength_WriteOnlyZone;
+    const int nArrayBytes = static_cast<int>(sizeof(_StrBuffer*)) * nSlots;
+    m_ppFifo = static_cast<_StrBuffer**>(calloc(1, nArrayBytes));
+    if (m_ppFifo == nullptr) {
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::Setup] calloc(1,%d) failed\n", nArrayBytes);
+        return SYS_FUNC_ERROR;
+    }
+    for (int i = 0; i < nSlots; i++) {
+        int ret = AllocStrBuffer(&m_ppFifo[i], m_nBufferSize_Video, nBufferSize_Option);
+        if (ret != SUCCESS) {
+            TimePrint(m_pDB, m_nLogLevel, "[CMFifo::Setup] AllocStrBuffer failed ::%d\n", ret);
+            return ret;
+        }
+    }
+    m_nSetup.store(1, std::memory_order_relaxed);
+    return SUCCESS;
+}
+
+int CMFifo::Cleanup()
+{
+    if (m_ppFifo != nullptr) {
+        const int nSlots = nLength_Fifo + nLength_WriteOnlyZone;
+        for (int i = 0; i < nSlots; i++) {
+            if (m_ppFifo[i] != nullptr) {
+                FreeStrBuffer(&m_ppFifo[i]);
+            }
+        }
+    }
+    m_nBufferSize_Video = 0;
+    nBufferSize_Option = 0;
+    free(m_ppFifo);
+    m_ppFifo = nullptr;
+    nLength_Fifo = 0;
+    nLength_WriteOnlyZone = 0;
+    m_nSetup.store(0, std::memory_order_relaxed);
+    m_pDB = nullptr;
+    return SUCCESS;
+}
+
+int CMFifo::AllocStrBuffer(_StrBuffer** pStrbuf, int nBufferSizeVideo, int nBufferSizeOption)
+{
+    if (pStrbuf == nullptr) {
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::AllocStrBuffer] pStrbuf == NULL\n");
+        return INVALID_ARGUMENT;
+    }
+    if (nBufferSizeVideo < 1) {
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::AllocStrBuffer] nBufferSize_Video(%d) <= 0\n",
+                  nBufferSizeVideo);
+        return INVALID_ARGUMENT;
+    }
+    if (nBufferSizeOption < 1) {
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::AllocStrBuffer] nBufferSize_Option(%d) <= 0\n",
+                  nBufferSizeOption);
+        return INVALID_ARGUMENT;
+    }
+
+    int nFailedSize = 0;
+    _StrBuffer* p = static_cast<_StrBuffer*>(calloc(1, sizeof(_StrBuffer)));
+    if (p == nullptr) {
+        nFailedSize = static_cast<int>(sizeof(_StrBuffer));
+        goto error;
+    }
+    p->pBuffer_Video = static_cast<char*>(calloc(1, nBufferSizeVideo));
+    if (p->pBuffer_Video == nullptr) {
+        nFailedSize = nBufferSizeVideo;
+        goto error;
+    }
+    p->pBuffer_Option = static_cast<char*>(calloc(1, nBufferSizeOption));
+    if (p->pBuffer_Option == nullptr) {
+        nFailedSize = nBufferSizeOption;
+        goto error;
+    }
+    *pStrbuf = p;
+    return SUCCESS;
+
+error:
+    TimePrint(m_pDB, m_nLogLevel, "[CMFifo::AllocStrBuffer] calloc(1,%d) failed\n", nFailedSize);
+    if (p != nullptr) {
+        free(p->pBuffer_Video);
+        free(p);
+    }
+    return SYS_FUNC_ERROR;
+}
+
+int CMFifo::FreeStrBuffer(_StrBuffer** pStrbuf)
+{
+    if (pStrbuf == nullptr || *pStrbuf == nullptr) {
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::FreeStrBuffer] pStrbuf == NULL\n");
+        return INVALID_ARGUMENT;
+    }
+    free((*pStrbuf)->pBuffer_Option);
+    free((*pStrbuf)->pBuffer_Video);
+    free(*pStrbuf);
+    *pStrbuf = nullptr;
+    return SUCCESS;
+}
+
+int CMFifo::CalcBufferNo(long long lnDataNo) const
+{
+    const long long nSlots = static_cast<long long>(nLength_Fifo) + nLength_WriteOnlyZone;
+    long long r = lnDataNo % nSlots;
+    if (r < 0) {
+        r += nSlots;
+    }
+    return static_cast<int>(r);
+}
+
+// ---------------------------------------------------------------------------
+// Writer side
+
+int CMFifo::ClearVideo()
+{
+    const int i = CalcBufferNo(m_lnDataNo_Input.load(std::memory_order_relaxed));
+    if (m_ppFifo[i] == nullptr) {
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::ClearVideo] m_ppFifo[%d] == NULL\n", i);
+        return DEBUG_WARNING;
+    }
+    m_ppFifo[i]->nDataSize_Video = 0;
+    return SUCCESS;
+}
+
+int CMFifo::ClearOption()
+{
+    const int i = CalcBufferNo(m_lnDataNo_Input.load(std::memory_order_relaxed));
+    if (m_ppFifo[i] == nullptr) {
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::ClearOption] m_ppFifo[%d] == NULL\n", i);
+        return DEBUG_WARNING;
+    }
+    m_ppFifo[i]->nDataSize_Option = 0;
+    return SUCCESS;
+}
+
+int CMFifo::InputDataStart()
+{
+    if (m_nSetup.load(std::memory_order_relaxed) == 0) {
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::InputDataStart] m_nSetup == 0\n");
+        return NOT_INITIALIZE;
+    }
+    if (!EnterSlots()) {
+        return kFifoChanging;
+    }
+    int ret = ClearVideo();
+    if (ret != SUCCESS) {
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::InputDataStart] ClearVideo failed ::%d\n", ret);
+    } else {
+        ret = ClearOption();
+        if (ret != SUCCESS) {
+            TimePrint(m_pDB, m_nLogLevel, "[CMFifo::InputDataStart] ClearOption failed ::%d\n",
+                      ret);
+        }
+    }
+    LeaveSlots();
+    return ret;
+}
+
+int CMFifo::InputDataCancel()
+{
+    if (m_nSetup.load(std::memory_order_relaxed) == 0) {
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::InputDataCancel] m_nSetup == 0\n");
+        return NOT_INITIALIZE;
+    }
+    if (!EnterSlots()) {
+        return kFifoChanging;
+    }
+    int ret = ClearVideo();
+    if (ret != SUCCESS) {
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::InputDataCancel] ClearVideo failed\n");
+    } else {
+        ret = ClearOption();
+        if (ret != SUCCESS) {
+            TimePrint(m_pDB, m_nLogLevel, "[CMFifo::InputDataCancel] ClearOption failed\n");
+        }
+    }
+    LeaveSlots();
+    return ret;
+}
+
+int CMFifo::InputDataGet(char** pBuf, int* nBufSize, int* nDataSize)
+{
+    if (m_nSetup.load(std::memory_order_relaxed) == 0) {
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::InputDataGet] m_nSetup == 0\n");
+        return NOT_INITIALIZE;
+    }
+    if (m_nChanging.load() != 0) {
+        return kFifoChanging;
+    }
+    if (pBuf == nullptr) {
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::InputDataGet] pBuf == NULL\n");
+        return INVALID_ARGUMENT;
+    }
+    if (nBufSize == nullptr || nDataSize == nullptr) {
+        TimePrint(m_pDB, m_nLogLevel,
+                  "[CMFifo::InputDataGet] nBufSize == NULL || nDataSize == NULL\n");
+        return INVALID_ARGUMENT;
+    }
+    // Counted in like the others (although it only reads the slot table) so
+    // that a concurrent ChangeFifoLength cannot swap the table under it.
+    if (!EnterSlots()) {
+        return kFifoChanging;
+    }
+    int ret = SUCCESS;
+    const int i = CalcBufferNo(m_lnDataNo_Input.load(std::memory_order_relaxed));
+    if (m_ppFifo[i] == nullptr) {
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::InputDataGet] m_ppFifo[%d] == NULL\n", i);
+        ret = DEBUG_WARNING;
+    } else {
+        *pBuf = m_ppFifo[i]->pBuffer_Video;
+        *nBufSize = m_nBufferSize_Video;
+        *nDataSize = m_ppFifo[i]->nDataSize_Video;
+    }
+    LeaveSlots();
+    return ret;
+}
+
+int CMFifo::InputVideo(char* pInData_Video, int nInDataSize_Video)
+{
+    if (pInData_Video == nullptr) {
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::InputVideo] pInData_Video == NULL\n");
+        return INVALID_ARGUMENT;
+    }
+    if (nInDataSize_Video <= 0) {
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::InputVideo] nInDataSize_Video(%d) <= 0\n",
+                  nInDataSize_Video);
+        return INVALID_ARGUMENT;
+    }
+    const int i = CalcBufferNo(m_lnDataNo_Input.load(std::memory_order_relaxed));
+    _StrBuffer* pSlot = m_ppFifo[i];
+    if (pSlot == nullptr) {
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::InputVideo] m_ppFifo[%d] == NULL\n", i);
+        return DEBUG_WARNING;
+    }
+    // Compared in 64 bits: the sum of two ints may not fit in one.
+    const long long lnSum = static_cast<long long>(pSlot->nDataSize_Video) + nInDataSize_Video;
+    if (lnSum > m_nBufferSize_Video) {
+        printf("%lld > %d\n", lnSum, m_nBufferSize_Video);
+        TimePrint(m_pDB, m_nLogLevel,
+                  "[CMFifo::InputVideo] m_ppFifo[%d]->nDataSize_Video(%d) + nInDataSize_Video(%d) > "
+                  "m_nBufferSize_Video(%d)\n",
+                  i, pSlot->nDataSize_Video, nInDataSize_Video, m_nBufferSize_Video);
+        return DATA_LARGE_THEN_BUF;
+    }
+    char* pEnd = pSlot->pBuffer_Video + pSlot->nDataSize_Video;
+    // The camera client reads the picture straight into the slot through the
+    // InputDataGet pointer; recognising that address keeps the writer's path
+    // copy-free.
+    if (pInData_Video != pEnd) {
+        memmove(pEnd, pInData_Video, nInDataSize_Video);
+    }
+    pSlot->nDataSize_Video += nInDataSize_Video;
+    return SUCCESS;
+}
+
+int CMFifo::InputData(char* pInData_Video, int nInDataSize_Video)
+{
+    if (m_nSetup.load(std::memory_order_relaxed) == 0) {
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::InputData] m_nSetup == 0\n");
+        return NOT_INITIALIZE;
+    }
+    if (m_nChanging.load() != 0) {
+        return kFifoChanging;
+    }
+    if (pInData_Video == nullptr) {
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::InputData] pInData_Video == NULL\n");
+        return INVALID_ARGUMENT;
+    }
+    if (nInDataSize_Video <= 0) {
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::InputData] nInDataSize_Video(%d) <= 0\n",
+                  nInDataSize_Video);
+        return INVALID_ARGUMENT;
+    }
+    if (!EnterSlots()) {
+        return kFifoChanging;
+    }
+    int ret = InputVideo(pInData_Video, nInDataSize_Video);
+    if (ret != SUCCESS) {
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::InputData] InputVideo failed ::%d\n", ret);
+    }
+    LeaveSlots();
+    return ret;
+}
+
+int CMFifo::DeleteVideo(int nInDeleteSize_Video)
+{
+    if (nInDeleteSize_Video <= 0) {
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::DeleteVideo] nInDeleteSize_Video(%d) <= 0\n",
+                  nInDeleteSize_Video);
+        return INVALID_ARGUMENT;
+    }
+    const int i = CalcBufferNo(m_lnDataNo_Input.load(std::memory_order_relaxed));
+    _StrBuffer* pSlot = m_ppFifo[i];
+    if (pSlot == nullptr) {
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::DeleteVideo] m_ppFifo[%d] == NULL\n", i);
+        return DEBUG_WARNING;
+    }
+    if (pSlot->nDataSize_Video <= nInDeleteSize_Video) {
+        printf("%d <= %d\n", pSlot->nDataSize_Video, nInDeleteSize_Video);
+        TimePrint(m_pDB, m_nLogLevel,
+                  "[CMFifo::DeleteVideo] m_ppFifo[%d]->nDataSize_Video(%d) <= "
+                  "nInDeleteSize_Video(%d)\n",
+                  i, pSlot->nDataSize_Video, nInDeleteSize_Video);
+        return INVALID_ARGUMENT;
+    }
+    pSlot->nDataSize_Video -= nInDeleteSize_Video;
+    return SUCCESS;
+}
+
+int CMFifo::InputDataDelete(int nDeleteSize)
+{
+    if (m_nSetup.load(std::memory_order_relaxed) == 0) {
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::InputDataDelete] m_nSetup == 0\n");
+        return NOT_INITIALIZE;
+    }
+    if (m_nChanging.load() != 0) {
+        return kFifoChanging;
+    }
+    if (nDeleteSize <= 0) {
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::InputDataDelete] nDeleteSize(%d) <= 0\n",
+                  nDeleteSize);
+        return INVALID_ARGUMENT;
+    }
+    if (!EnterSlots()) {
+        return kFifoChanging;
+    }
+    int ret = DeleteVideo(nDeleteSize);
+    if (ret != SUCCESS) {
+        TimePrint(m_pDB, m_nLogLevel,
+                  "[CMFifo::InputDataDelete] DeleteVideo(nDeleteSize %d) failed ::%d\n",
+                  nDeleteSize, ret);
+    }
+    LeaveSlots();
+    return ret;
+}
+
+int CMFifo::InputOption(char* pInData_Option, int nInDataSize_Option)
+{
+    if (pInData_Option == nullptr) {
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::InputOption] pInData_Option == NULL\n");
+        return INVALID_ARGUMENT;
+    }
+    if (nInDataSize_Option <= 0) {
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::InputOption] nInDataSize_Option(%d) <= 0\n",
+                  nInDataSize_Option);
+        return INVALID_ARGUMENT;
+    }
+    const int i = CalcBufferNo(m_lnDataNo_Input.load(std::memory_order_relaxed));
+    _StrBuffer* pSlot = m_ppFifo[i];
+    if (pSlot == nullptr) {
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::InputOption] m_ppFifo[%d] == NULL\n", i);
+        return DEBUG_WARNING;
+    }
+    const long long lnSum = static_cast<long long>(pSlot->nDataSize_Option) + nInDataSize_Option;
+    if (lnSum > nBufferSize_Option) {
+        TimePrint(m_pDB, m_nLogLevel,
+                  "[CMFifo::InputOption] m_ppFifo[%d]->nDataSize_Option(%d) + nInDataSize_Option(%d) > "
+                  "m_nBufferSize_Option(%d)\n",
+                  i, pSlot->nDataSize_Option, nInDataSize_Option, nBufferSize_Option);
+        return DATA_LARGE_THEN_BUF;
+    }
+    memmove(pSlot->pBuffer_Option + pSlot->nDataSize_Option, pInData_Option, nInDataSize_Option);
+    pSlot->nDataSize_Option += nInDataSize_Option;
+    return SUCCESS;
+}
+
+int CMFifo::InputDataFinish(char* pInData_Option, int nInDataSize_Option)
+{
+    if (m_nSetup.load(std::memory_order_relaxed) == 0) {
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::InputDataFinish] m_nSetup == 0\n");
+        return NOT_INITIALIZE;
+    }
+    if (m_nChanging.load() != 0) {
+        return kFifoChanging;
+    }
+    if (pInData_Option == nullptr) {
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::InputDataFinish] pInData_Option == NULL\n");
+        return INVALID_ARGUMENT;
+    }
+    if (nInDataSize_Option <= 0) {
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::InputDataFinish] nInDataSize_Option(%d) <= 0\n",
+                  nInDataSize_Option);
+        return INVALID_ARGUMENT;
+    }
+    if (!EnterSlots()) {
+        return kFifoChanging;
+    }
+    int ret = InputOption(pInData_Option, nInDataSize_Option);
+    if (ret != SUCCESS) {
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::InputDataFinish] InputOption failed\n");
+    } else {
+        // Publishing under the mutex is what orders the frame bytes written
+        // above before any reader that sees the new Tail.
+        std::lock_guard<std::mutex> lock(m_Mutex);
+        m_lnDataNo_Input.fetch_add(1, std::memory_order_relaxed);
+        const long long lnTail = m_lnDataNo_PublicTail.load(std::memory_order_relaxed) + 1;
+        m_lnDataNo_PublicTail.store(lnTail, std::memory_order_relaxed);
+        if (lnTail - m_lnDataNo_PublicTop.load(std::memory_order_relaxed) + 1 > nLength_Fifo) {
+            m_lnDataNo_PublicTop.store(lnTail - nLength_Fifo + 1, std::memory_order_relaxed);
+        }
+    }
+    LeaveSlots();
+    return ret;
+}
+
+// ---------------------------------------------------------------------------
+// Reader side
+
+int CMFifo::GetTopTailDataNo(long long* pDataNo_PublicTop, long long* pDataNo_PublicTail)
+{
+    if (pDataNo_PublicTop == nullptr || pDataNo_PublicTail == nullptr) {
+        TimePrint(m_pDB, m_nLogLevel,
+                  "[CMFifo::GetTopTailDataNo] pDataNo_PublicTop == NULL || pDataNo_PublicTail == "
+                  "NULL\n");
+        return INVALID_ARGUMENT;
+    }
+    const long long lnTail = m_lnDataNo_PublicTail.load(std::memory_order_relaxed);
+    if (lnTail < 0) {
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::GetTopTailDataNo] m_lnDataNo_PublicTail(%d) < 0\n",
+                  static_cast<int>(lnTail));
+        return CHANNEL_NO_DATA;
+    }
+    std::lock_guard<std::mutex> lock(m_Mutex);
+    *pDataNo_PublicTop = m_lnDataNo_PublicTop.load(std::memory_order_relaxed);
+    *pDataNo_PublicTail = m_lnDataNo_PublicTail.load(std::memory_order_relaxed);
+    return SUCCESS;
+}
+
+// Picks the frame to deliver for nDataNo. The caller has counted itself in.
+int CMFifo::ChooseFrame(long long nDataNo, long long* pDelivered, long long* pTop,
+                        long long* pTail)
+{
+    std::lock_guard<std::mutex> lock(m_Mutex);
+    *pTop = m_lnDataNo_PublicTop.load(std::memory_order_relaxed);
+    *pTail = m_lnDataNo_PublicTail.load(std::memory_order_relaxed);
+    if (nDataNo < *pTop) {
+        *pDelivered = *pTop;
+    } else if (nDataNo > *pTail) {
+        *pDelivered = *pTail;
+    } else {
+        *pDelivered = nDataNo;
+    }
+    return CalcBufferNo(*pDelivered);
+}
+
+int CMFifo::GetData(long long nDataNo, char* pOutMem_Video, int nOutMemSize_Video,
+                    char* pOutMem_Option, int nOutMemSize_Option, _StrOutInfo* pOutInfo)
+{
+    if (m_nSetup.load(std::memory_order_relaxed) == 0) {
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::GetData] m_nSetup == 0\n");
+        return NOT_INITIALIZE;
+    }
+    if (m_nChanging.load() != 0) {
+        return kFifoChanging;
+    }
+    if (pOutMem_Video == nullptr) {
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::GetData] pOutMem_Video == NULL\n");
+        return INVALID_ARGUMENT;
+    }
+    if (nOutMemSize_Video <= 0) {
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::GetData] nOutMemSize_Video(%d) <= 0\n",
+                  nOutMemSize_Video);
+        return INVALID_ARGUMENT;
+    }
+    if (pOutMem_Option == nullptr) {
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::GetData] pOutMem_Option == NULL\n");
+        return INVALID_ARGUMENT;
+    }
+    if (nOutMemSize_Option <= 0) {
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::GetData] nOutMemSize_Option(%d) <= 0\n",
+                  nOutMemSize_Option);
+        return INVALID_ARGUMENT;
+    }
+    if (pOutInfo == nullptr) {
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::GetData] pOutInfo == NULL\n");
+        return INVALID_ARGUMENT;
+    }
+    if (m_lnDataNo_PublicTail.load(std::memory_order_relaxed) < 0) {
+        return CHANNEL_NO_DATA;
+    }
+    if (!EnterSlots()) {
+        return kFifoChanging;
+    }
+
+    int ret = SUCCESS;
+    long long lnDelivered = 0, lnTop = 0, lnTail = 0;
+    const int i = ChooseFrame(nDataNo, &lnDelivered, &lnTop, &lnTail);
+    const _StrBuffer* pSlot = m_ppFifo[i];
+    if (pSlot == nullptr) {
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::GetData] m_ppFifo[%d] == NULL\n", i);
+        ret = DEBUG_WARNING;
+    } else if (pSlot->nDataSize_Video > nOutMemSize_Video) {
+        TimePrint(m_pDB, m_nLogLevel,
+                  "[CMFifo::GetData] m_ppFifo[%d]->nDataSize_Video(%d) > nOutMemSize_Video(%d)\n",
+                  i, pSlot->nDataSize_Video, nOutMemSize_Video);
+        ret = DATA_LARGE_THEN_BUF;
+    } else if (pSlot->nDataSize_Option > nOutMemSize_Option) {
+        TimePrint(m_pDB, m_nLogLevel,
+                  "[CMFifo::GetData] m_ppFifo[%d]->nDataSize_Option(%d) > nOutMemSize_Option(%d)\n",
+                  i, pSlot->nDataSize_Option, nOutMemSize_Option);
+        ret = DATA_LARGE_THEN_BUF;
+    } else {
+        memcpy(pOutMem_Video, pSlot->pBuffer_Video, pSlot->nDataSize_Video);
+        memcpy(pOutMem_Option, pSlot->pBuffer_Option, pSlot->nDataSize_Option);
+        pOutInfo->lnDataNo = lnDelivered;
+        pOutInfo->lnDataNo_PublicTop = lnTop;
+        pOutInfo->lnDataNo_PublicTail = lnTail;
+        pOutInfo->nDataSize_Video = pSlot->nDataSize_Video;
+        pOutInfo->nDataSize_Option = pSlot->nDataSize_Option;
+    }
+    LeaveSlots();
+    return ret;
+}
+
+int CMFifo::GetData2(long long nDataNo, char** ppOutMem_Video, int* pOutMemSize_Video,
+                     char* pOutMem_Option, int nOutMemSize_Option, _StrOutInfo* pOutInfo)
+{
+    if (m_nSetup.load(std::memory_order_relaxed) == 0) {
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::GetData2] m_nSetup == 0\n");
+        return NOT_INITIALIZE;
+    }
+    if (m_nChanging.load() != 0) {
+        return kFifoChanging;
+    }
+    if (ppOutMem_Video == nullptr) {
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::GetData2] ppOutMem_Video == NULL\n");
+        return INVALID_ARGUMENT;
+    }
+    if (pOutMemSize_Video == nullptr) {
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::GetData2] pOutMemSize_Video == NULL\n");
+        return INVALID_ARGUMENT;
+    }
+    if (pOutMem_Option == nullptr) {
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::GetData2] pOutMem_Option == NULL\n");
+        return INVALID_ARGUMENT;
+    }
+    if (nOutMemSize_Option <= 0) {
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::GetData2] nOutMemSize_Option(%d) <= 0\n",
+                  nOutMemSize_Option);
+        return INVALID_ARGUMENT;
+    }
+    if (pOutInfo == nullptr) {
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::GetData2] pOutInfo == NULL\n");
+        return INVALID_ARGUMENT;
+    }
+    if (m_lnDataNo_PublicTail.load(std::memory_order_relaxed) < 0) {
+        return CHANNEL_NO_DATA;
+    }
+    if (!EnterSlots()) {
+        return kFifoChanging;
+    }
+
+    int ret = SUCCESS;
+    long long lnDelivered = 0, lnTop = 0, lnTail = 0;
+    const int i = ChooseFrame(nDataNo, &lnDelivered, &lnTop, &lnTail);
+    _StrBuffer* pSlot = m_ppFifo[i];
+    if (pSlot == nullptr) {
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::GetData2] m_ppFifo[%d] == NULL\n", i);
+        ret = DEBUG_WARNING;
+    } else if (pSlot->nDataSize_Option > nOutMemSize_Option) {
+        TimePrint(m_pDB, m_nLogLevel,
+                  "[CMFifo::GetData2] m_ppFifo[%d]->nDataSize_Option(%d) > nOutMemSize_Option(%d)\n",
+                  i, pSlot->nDataSize_Option, nOutMemSize_Option);
+        ret = DATA_LARGE_THEN_BUF;
+    } else {
+        *ppOutMem_Video = pSlot->pBuffer_Video;
+        *pOutMemSize_Video = m_nBufferSize_Video;
+        memcpy(pOutMem_Option, pSlot->pBuffer_Option, pSlot->nDataSize_Option);
+        pOutInfo->lnDataNo = lnDelivered;
+        pOutInfo->lnDataNo_PublicTop = lnTop;
+        pOutInfo->lnDataNo_PublicTail = lnTail;
+        pOutInfo->nDataSize_Video = pSlot->nDataSize_Video;
+        pOutInfo->nDataSize_Option = pSlot->nDataSize_Option;
+    }
+    LeaveSlots();
+    return ret;
+}
+
+// ---------------------------------------------------------------------------
+// Maintenance
+
+// The rebuilt ring keeps the slot objects of the newest frames, the one being
+// written included, at their new positions: readable frames survive, and the
+// writer's InputDataGet pointer stays valid, so a writer that is filling its
+// slot in place loses nothing. Older slots are freed and empty positions get
+// fresh slots. The new length is recorded, and Top moves up when the range
+// shrinks so that at most the new length of frames stays readable.
+int CMFifo::ChangeFifoLength(int nNewLength_Fifo)
+{
+    if (m_nSetup.load(std::memory_order_relaxed) == 0) {
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::ChangeFifoLength] m_nSetup == 0\n");
+        return NOT_INITIALIZE;
+    }
+    // Raising the flag first also keeps a second, concurrent call out.
+    int nExpected = 0;
+    if (!m_nChanging.compare_exchange_strong(nExpected, 1)) {
+        return kFifoChanging;
+    }
+    if (nNewLength_Fifo <= 1) {
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::ChangeFifoLength] nNewLength_Fifo(%d) <= 1\n",
+                  nNewLength_Fifo);
+        m_nChanging.store(0);
+        return INVALID_ARGUMENT;
+    }
+    if (nNewLength_Fifo == nLength_Fifo) {
+        m_nChanging.store(0);
+        return SUCCESS;
+    }
+
+    const int nOldSlots = nLength_Fifo + nLength_WriteOnlyZone;
+    const int nNewSlots = nNewLength_Fifo + nLength_WriteOnlyZone;
+    const int nArrayBytes = static_cast<int>(sizeof(_StrBuffer*)) * nNewSlots;
+    _StrBuffer** ppNew = static_cast<_StrBuffer**>(calloc(1, nArrayBytes));
+    if (ppNew == nullptr) {
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::ChangeFifoLength] calloc(1,%d) failed\n",
+                  nArrayBytes);
+        m_nChanging.store(0);
+        return SYS_FUNC_ERROR;
+    }
+    while (m_nInUse.load() != 0) {
+        UsecSleep(kChangePollUsec);
+    }
+
+    // The newest min(old, new) numbers up to Input have distinct positions
+    // in both rings.
+    const long long lnInput = m_lnDataNo_Input.load(std::memory_order_relaxed);
+    const int nKeep = nOldSlots < nNewSlots ? nOldSlots : nNewSlots;
+    long long lnFirst = lnInput - nKeep + 1;
+    if (lnFirst < 0) {
+        lnFirst = 0;
+    }
+    for (long long n = lnFirst; n <= lnInput; n++) {
+        const int iOld = static_cast<int>(n % nOldSlots);
+        ppNew[n % nNewSlots] = m_ppFifo[iOld];
+        m_ppFifo[iOld] = nullptr;
+    }
+    for (int i = 0; i < nOldSlots; i++) {
+        if (m_ppFifo[i] != nullptr) {
+            FreeStrBuffer(&m_ppFifo[i]);
+        }
+    }
+
+    int ret = SUCCESS;
+    for (int i = 0; i < nNewSlots && ret == SUCCESS; i++) {
+        if (ppNew[i] == nullptr) {
+            ret = AllocStrBuffer(&ppNew[i], m_nBufferSize_Video, nBufferSize_Option);
+        }
+    }
+
+    {
+        std::lock_guard<std::mutex> lock(m_Mutex);
+        free(m_ppFifo);
+        m_ppFifo = ppNew;
+        nLength_Fifo = nNewLength_Fifo;
+        const long long lnTail = m_lnDataNo_PublicTail.load(std::memory_order_relaxed);
+        if (lnTail - m_lnDataNo_PublicTop.load(std::memory_order_relaxed) + 1 > nLength_Fifo) {
+            m_lnDataNo_PublicTop.store(lnTail - nLength_Fifo + 1, std::memory_order_relaxed);
+        }
+    }
+    if (ret != SUCCESS) {
+        // The ring has holes: the FIFO stays unusable until Cleanup.
+        m_nSetup.store(0, std::memory_order_relaxed);
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::ChangeFifoLength] AllocStrBuffer failed ::%d\n",
+                  ret);
+    }
+    m_nChanging.store(0);
+    return ret;
+}
