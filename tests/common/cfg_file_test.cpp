@@ -1,0 +1,387 @@
+#include "common/cfg_file.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include <sys/ipc.h>
+#include <sys/sem.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "common/debug_log.h"
+#include "common/return_codes.h"
+
+namespace {
+
+std::string slurp(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+void spit(const std::string& path, const std::string& text)
+{
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out << text;
+}
+
+// Every test gets its own directory and its own semaphore key, so test
+// programs running side by side never wait on each other; the set is
+// removed afterwards.
+class CfgFileTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        char tmpl[] = "/tmp/ostrel_cfgXXXXXX";
+        ASSERT_NE(mkdtemp(tmpl), nullptr);
+        dir_ = tmpl;
+        file_ = dir_ + "/Config.txt";
+        key_ = 0x4F530000 + (getpid() & 0xFFFF);
+        log_ = new DbPrintf_Class((dir_ + "/log.txt").c_str(), 1);
+    }
+    void TearDown() override
+    {
+        delete log_;
+        int id = semget(key_, 1, 0);
+        if (id != -1)
+            semctl(id, 0, IPC_RMID);
+        std::string cmd = "rm -rf '" + dir_ + "'";
+        ASSERT_EQ(std::system(cmd.c_str()), 0);
+    }
+    int semValue()
+    {
+        int id = semget(key_, 1, 0);
+        return id == -1 ? -1 : semctl(id, 0, GETVAL);
+    }
+    std::string logText() { return slurp(dir_ + "/log.txt"); }
+
+    std::string dir_;
+    std::string file_;
+    int key_ = 0;
+    DbPrintf_Class* log_ = nullptr;
+};
+
+struct ReadRow {
+    const char* content;
+    const char* item;
+    int outSize;
+    int code;
+    const char* value;
+    const char* note;
+};
+
+TEST_F(CfgFileTest, ReadFollowsTheLineSyntax)
+{
+    const std::string longLine = "x=" + std::string(253, 'y') + "a=5\n";
+    const ReadRow rows[] = {
+        {"a=1\n", "a", 256, SUCCESS, "1", "plain item"},
+        {"b=2\na=1\n", "a", 256, SUCCESS, "1", "item on a later line"},
+        {"a=1", "a", 256, SUCCESS, "1", "no final newline"},
+        {"a=\n", "a", 256, SUCCESS, "", "empty value is not an error"},
+        {"a=1\na=2\n", "a", 256, SUCCESS, "1", "first of two wins"},
+        {"a=x=y\n", "a", 256, SUCCESS, "x=y", "value keeps further '='"},
+        {"==a=1\n", "a", 256, SUCCESS, "1", "leading '=' skipped like a tokenizer"},
+        {"a=1  \r\n", "a", 256, SUCCESS, "1  \r", "trailing blanks and CR kept"},
+        {"a = 1\n", "a ", 256, SUCCESS, " 1", "name keeps its blank"},
+        {"a = 1\n", "a", 256, NOTFOUND_ITEM, "", "no trimming of names"},
+        {"#a=1\n", "a", 256, NOTFOUND_ITEM, "", "comment line"},
+        {" a=1\n", "a", 256, NOTFOUND_ITEM, "", "indented line"},
+        {"\ta=1\n", "a", 256, NOTFOUND_ITEM, "", "tab-indented line"},
+        {"\n\na=1\n", "a", 256, SUCCESS, "1", "blank lines passed over"},
+        {"A=1\n", "a", 256, NOTFOUND_ITEM, "", "names are case-sensitive"},
+        {"ab=1\n", "a", 256, NOTFOUND_ITEM, "", "prefix is not a match"},
+        {"===\n", "a", 256, NOTFOUND_ITEM, "", "line of '=' only"},
+        {longLine.c_str(), "a", 256, SUCCESS, "5", "second piece of a long line"},
+        {"a=123\n", "a", 4, SUCCESS, "123", "value fills the field"},
+        {"a=1234\n", "a", 4, DATA_LARGE_THEN_BUF, "", "value longer than the field"},
+    };
+    for (const ReadRow& row : rows) {
+        SCOPED_TRACE(row.note);
+        spit(file_, row.content);
+        char out[256];
+        std::memset(out, 'Z', sizeof out);
+        EXPECT_EQ(co_CfgFile_Read(file_.c_str(), key_, row.item, out, row.outSize, nullptr), row.code);
+        if (row.code == SUCCESS || row.code == DATA_LARGE_THEN_BUF) {
+            EXPECT_STREQ(out, row.value);
+        }
+        // Whatever happened, the semaphore is free again.
+        EXPECT_EQ(semValue(), 1);
+    }
+}
+
+TEST_F(CfgFileTest, ArgumentAndFileFailuresLogTheirTexts)
+{
+    char out[256];
+    const std::string name256(256, 'n');
+    const std::string name257(257, 'n');
+    EXPECT_EQ(co_CfgFile_Read(nullptr, key_, "a", out, 256, log_), INVALID_ARGUMENT);
+    EXPECT_EQ(co_CfgFile_Read(name257.c_str(), key_, "a", out, 256, log_), INVALID_ARGUMENT);
+    EXPECT_EQ(co_CfgFile_Read(name256.c_str(), key_, "a", out, 256, log_), CANNOT_FILEOPEN);
+    EXPECT_EQ(co_CfgFile_Read(file_.c_str(), key_, nullptr, out, 256, log_), INVALID_ARGUMENT);
+    EXPECT_EQ(co_CfgFile_Read(file_.c_str(), key_, "a", nullptr, 256, log_), INVALID_ARGUMENT);
+    EXPECT_EQ(co_CfgFile_Read((dir_ + "/missing").c_str(), key_, "a", out, 256, log_), CANNOT_FILEOPEN);
+    spit(file_, "a=1\n");
+    EXPECT_EQ(co_CfgFile_Read(file_.c_str(), key_, "zz", out, 256, log_), NOTFOUND_ITEM);
+    EXPECT_EQ(semValue(), 1) << "a failed open must still release the semaphore";
+
+    const std::string log = logText();
+    for (const char* text : {
+             "[co_CfgFile_Read] filename == NULL\n",
+             "[co_CfgFile_Read] itemname == NULL\n",
+             "[co_CfgFile_Read] output == NULL\n",
+             "[co_CfgFile_Read] not found itemname zz\n",
+         }) {
+        EXPECT_NE(log.find(text), std::string::npos) << text;
+    }
+    EXPECT_NE(log.find("[co_CfgFile_Read] strlen(filename " + name257 + ") > FNAME_MAXSIZE\n"),
+              std::string::npos);
+    EXPECT_NE(log.find("[co_CfgFile_Read] fopen(filename " + dir_ + "/missing) failed\n"),
+              std::string::npos);
+}
+
+TEST_F(CfgFileTest, WriteReplacesEveryMatchAndKeepsTemporaryAndBackup)
+{
+    spit(file_,
+         "# comment a=1\n"
+         " a=indented\n"
+         "a=1\n"
+         "b=2\n"
+         "a=3\n"
+         "novalue\n"
+         "=lead\n");
+    ASSERT_EQ(co_CfgFile_Write(file_.c_str(), key_, "a", "new", nullptr), SUCCESS);
+    const std::string expected =
+        "# comment a=1\n"
+        " a=indented\n"
+        "a=new\n"
+        "b=2\n"
+        "a=new\n"
+        "novalue\n=\n"  // a line without '=' gains a "=" line
+        "=lead\n";
+    EXPECT_EQ(slurp(file_), expected);
+    EXPECT_EQ(slurp(file_ + "__"), expected) << "the temporary stays";
+    EXPECT_EQ(slurp(file_ + "_"), expected) << "the backup holds the new content";
+
+    char out[256];
+    ASSERT_EQ(co_CfgFile_Read(file_.c_str(), key_, "a", out, 256, nullptr), SUCCESS);
+    EXPECT_STREQ(out, "new");
+    EXPECT_EQ(semValue(), 1);
+}
+
+TEST_F(CfgFileTest, WriteOfMissingItemRewritesButNeverAppends)
+{
+    spit(file_, "a=1\r\nb=2");
+    EXPECT_EQ(co_CfgFile_Write(file_.c_str(), key_, "c", "3", log_), NOTFOUND_ITEM);
+    // CR of the CRLF line is part of the old value and is kept; the last
+    // line gains its newline.
+    EXPECT_EQ(slurp(file_), "a=1\r\nb=2\n");
+    EXPECT_NE(logText().find("[co_CfgFile_Write] not found itemname c\n"), std::string::npos);
+
+    const std::string name(200, 'n');
+    const std::string value(55, 'v');
+    EXPECT_EQ(co_CfgFile_Write(file_.c_str(), key_, name.c_str(), value.c_str(), log_), INVALID_ARGUMENT)
+        << "200 + 55 + 2 exceeds the line";
+    EXPECT_EQ(co_CfgFile_Write(file_.c_str(), key_, name.c_str(), value.substr(1).c_str(), log_),
+              NOTFOUND_ITEM)
+        << "200 + 54 + 2 fits";
+    EXPECT_EQ(co_CfgFile_Write((dir_ + "/missing").c_str(), key_, "a", "1", log_), CANNOT_FILEOPEN);
+    EXPECT_EQ(semValue(), 1);
+}
+
+TEST_F(CfgFileTest, CopyRefusesBadNamesAndCopiesLongLines)
+{
+    const std::string from = dir_ + "/from";
+    const std::string to = dir_ + "/to";
+    const std::string text = std::string(600, 'q') + "\nshort\n";
+    spit(from, text);
+    EXPECT_EQ(co_CfgFile_Copy(nullptr, to.c_str(), log_), INVALID_ARGUMENT);
+    EXPECT_EQ(co_CfgFile_Copy(from.c_str(), nullptr, log_), INVALID_ARGUMENT);
+    EXPECT_EQ(co_CfgFile_Copy(from.c_str(), from.c_str(), log_), INVALID_ARGUMENT);
+    EXPECT_EQ(co_CfgFile_Copy((dir_ + "/none").c_str(), to.c_str(), log_), CANNOT_FILEOPEN);
+    EXPECT_EQ(co_CfgFile_Copy(from.c_str(), (dir_ + "/no/such/dir").c_str(), log_), CANNOT_FILEOPEN);
+    ASSERT_EQ(co_CfgFile_Copy(from.c_str(), to.c_str(), log_), SUCCESS);
+    EXPECT_EQ(slurp(to), text);
+    EXPECT_NE(logText().find("[co_CfgFile_Copy] fromfile(" + from + ") == tofileto\n"), std::string::npos);
+}
+
+TEST_F(CfgFileTest, GetSizeCountsOneMoreAndGetAllContentAddsNoTerminator)
+{
+    int size = 0;
+    spit(file_, "0123456789");
+    ASSERT_EQ(co_CfgFile_GetSize(file_.c_str(), key_, &size, nullptr), SUCCESS);
+    EXPECT_EQ(size, 11);
+    spit(file_, "");
+    ASSERT_EQ(co_CfgFile_GetSize(file_.c_str(), key_, &size, nullptr), SUCCESS);
+    EXPECT_EQ(size, 1);
+    EXPECT_EQ(co_CfgFile_GetSize(file_.c_str(), key_, nullptr, log_), INVALID_ARGUMENT);
+
+    spit(file_, "abcdef");
+    char buf[8];
+    std::memset(buf, '#', sizeof buf);
+    ASSERT_EQ(co_CfgFile_GetAllContent(file_.c_str(), key_, 4, buf, nullptr), SUCCESS);
+    EXPECT_EQ(std::string(buf, 8), "abcd####");
+    EXPECT_EQ(co_CfgFile_GetAllContent(file_.c_str(), key_, 4, nullptr, log_), INVALID_ARGUMENT);
+    EXPECT_NE(logText().find("[co_CfgFile_GetAllContent] Output == NULL\n"), std::string::npos);
+    EXPECT_EQ(semValue(), 1);
+}
+
+TEST_F(CfgFileTest, UserNameReadGivesTheNumberOfTheMatchingUser)
+{
+    spit(file_,
+         "u_user_name_0001=bob\n"
+         "#u_user_name_0002=alice\n"
+         "other=alice\n"
+         "u_user_name_0003=alice\n"
+         "u_user_name_0004=alice\n");
+    char out[256];
+    ASSERT_EQ(co_CfgFile_UserName_Read(file_.c_str(), key_, "alice", out, nullptr), SUCCESS);
+    EXPECT_STREQ(out, "0003");
+
+    EXPECT_EQ(co_CfgFile_UserName_Read(file_.c_str(), key_, "carol", out, log_), NOT_REGSTERED);
+    EXPECT_STREQ(out, "-1") << "each candidate that did not match marks the output";
+    EXPECT_NE(logText().find("[co_CfgFile_UserName_Read] not found itemname carol\n"), std::string::npos);
+    EXPECT_EQ(co_CfgFile_UserName_Read(file_.c_str(), key_, "al", out, nullptr), NOT_REGSTERED)
+        << "values compare whole";
+}
+
+TEST_F(CfgFileTest, GetFileSizeReportsLengthOrFailure)
+{
+    long long size = 0;
+    spit(file_, std::string(12345, 'x'));
+    ASSERT_EQ(GetFileSize(file_.c_str(), &size), SUCCESS);
+    EXPECT_EQ(size, 12345);
+    EXPECT_EQ(GetFileSize((dir_ + "/missing").c_str(), &size), CANNOT_FILEOPEN);
+    EXPECT_EQ(size, -1);
+}
+
+TEST_F(CfgFileTest, SemaphoreIsCreatedOnceAndNotReinitialised)
+{
+    int id = -1;
+    EXPECT_EQ(co_semaphore_getid(key_, nullptr, nullptr), SEMAPHORE_ERROR);
+    ASSERT_EQ(co_semaphore_getid(key_, &id, nullptr), SUCCESS);
+    EXPECT_EQ(semValue(), 1);
+    ASSERT_EQ(co_semaphore_p(id, nullptr), SUCCESS);
+    EXPECT_EQ(semValue(), 0);
+
+    // A second opener while the semaphore is held must not reset it to 1,
+    // or two holders would be inside at once.
+    int again = -1;
+    ASSERT_EQ(co_semaphore_getid(key_, &again, nullptr), SUCCESS);
+    EXPECT_EQ(again, id);
+    EXPECT_EQ(semValue(), 0);
+    ASSERT_EQ(co_semaphore_v(id, nullptr), SUCCESS);
+    EXPECT_EQ(semValue(), 1);
+
+    ASSERT_EQ(semctl(id, 0, IPC_RMID), 0);
+    EXPECT_EQ(co_semaphore_p(id, log_), SEMAPHORE_ERROR);
+    EXPECT_EQ(co_semaphore_v(id, log_), SEMAPHORE_ERROR);
+    const std::string log = logText();
+    EXPECT_NE(log.find("[co_semaphore_p] semop(sem_id " + std::to_string(id) + ") failed\n"),
+              std::string::npos);
+    EXPECT_NE(log.find("[co_semaphore_v] semop(sem_id " + std::to_string(id) + ") failed\n"),
+              std::string::npos);
+}
+
+TEST_F(CfgFileTest, HolderThatDiesGivesTheSemaphoreBack)
+{
+    int id = -1;
+    ASSERT_EQ(co_semaphore_getid(key_, &id, nullptr), SUCCESS);
+    pid_t pid = fork();
+    ASSERT_NE(pid, -1);
+    if (pid == 0)
+        _exit(co_semaphore_p(id, nullptr) == SUCCESS ? 0 : 1);
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    ASSERT_TRUE(WIFEXITED(status));
+    ASSERT_EQ(WEXITSTATUS(status), 0);
+    EXPECT_EQ(semValue(), 1);
+}
+
+// Write truncates and refills the file; a reader in another process that
+// got in between would find the item missing or cut.
+TEST_F(CfgFileTest, ReaderInAnotherProcessNeverSeesAHalfWrittenFile)
+{
+    const std::string valueA(200, 'A');
+    const std::string valueB(200, 'B');
+    std::string content;
+    for (int i = 0; i < 40; ++i)
+        content += "filler_" + std::to_string(i) + "=" + std::string(100, 'f') + "\n";
+    content += "item=" + valueA + "\n";
+    spit(file_, content);
+
+    constexpr int kRounds = 300;
+    pid_t pid = fork();
+    ASSERT_NE(pid, -1);
+    if (pid == 0) {
+        int bad = 0;
+        for (int i = 0; i < kRounds; ++i) {
+            char out[256];
+            int rc = co_CfgFile_Read(file_.c_str(), key_, "item", out, 256, nullptr);
+            if (rc != SUCCESS || (out != valueA && out != valueB))
+                ++bad;
+        }
+        _exit(bad == 0 ? 0 : 1);
+    }
+    int writeFailures = 0;
+    for (int i = 0; i < kRounds; ++i) {
+        const std::string& v = (i % 2) ? valueA : valueB;
+        if (co_CfgFile_Write(file_.c_str(), key_, "item", v.c_str(), nullptr) != SUCCESS)
+            ++writeFailures;
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    EXPECT_EQ(writeFailures, 0);
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0) << "the reader saw a missing or cut value";
+}
+
+// Two processes increment a counter kept in the file, each step guarded by
+// an outer semaphore: with a working P/V no increment is lost.
+TEST_F(CfgFileTest, IncrementsFromTwoProcessesAreNotLost)
+{
+    const int outerKey = key_ ^ 0x00800000;
+    spit(file_, "count=0\n");
+    constexpr int kSteps = 150;
+    auto run = [&]() {
+        int outer = -1;
+        if (co_semaphore_getid(outerKey, &outer, nullptr) != SUCCESS)
+            return false;
+        for (int i = 0; i < kSteps; ++i) {
+            if (co_semaphore_p(outer, nullptr) != SUCCESS)
+                return false;
+            char out[256];
+            bool ok = co_CfgFile_Read(file_.c_str(), key_, "count", out, 256, nullptr) == SUCCESS;
+            std::string next = std::to_string(std::atoi(out) + 1);
+            ok = ok && co_CfgFile_Write(file_.c_str(), key_, "count", next.c_str(), nullptr) == SUCCESS;
+            if (co_semaphore_v(outer, nullptr) != SUCCESS || !ok)
+                return false;
+        }
+        return true;
+    };
+    pid_t pid = fork();
+    ASSERT_NE(pid, -1);
+    if (pid == 0)
+        _exit(run() ? 0 : 1);
+    const bool parentOk = run();
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    int outer = semget(outerKey, 1, 0);
+    if (outer != -1)
+        semctl(outer, 0, IPC_RMID);
+    EXPECT_TRUE(parentOk);
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+    char out[256];
+    ASSERT_EQ(co_CfgFile_Read(file_.c_str(), key_, "count", out, 256, nullptr), SUCCESS);
+    EXPECT_EQ(std::atoi(out), 2 * kSteps);
+}
+
+}  // namespace
