@@ -1,0 +1,114 @@
+#ifndef OSTREL_HTTP_BASE_BUFFER_H
+#define OSTREL_HTTP_BASE_BUFFER_H
+
+#include "net/socket_io.h"
+
+class DbPrintf_Class;
+class StaticArr_NameValToken_Class;
+
+// HTTPBaseBuffer_Class: the read buffer for all HTTP traffic. It takes a
+// message off a connection in two steps, the head up to its blank line
+// (HttpRead_Header) and then a body of known length (HttpRead_Body), and
+// keeps whatever arrived beyond the message as read-ahead for the next one.
+// The request, response and multipart buffers derive from it and add a
+// parser and the policy for their kind of message.
+//
+// Layout of the buffer while a message is being read:
+//
+//   0 .. m_nHeaderStart .. m_nBodyStart .. m_nBodyStart+m_nBodyLength .. m_nFilled .. m_nCapacity
+//        |--- head ----|    |---- body ---------------|   read-ahead  |   free
+//
+// m_nConsumed is where the current message ends (and where the next head
+// search starts); the bytes from m_nConsumed to m_nFilled belong to the next
+// message. ResetBuf (in the derived classes) moves them to the front.
+//
+// Every read step reports, besides its return code, m_nStatus (the HTTP
+// status that best describes the outcome: 200 after success; 400, 408, 411,
+// 413 or a parser's status after a failure) and m_strError (an English text a
+// server can send back, "" when nothing failed).
+//
+// Ownership and lifetime: the buffer is allocated by Init and freed by the
+// destructor. Pointers into it (parsed tokens, Buffer + body start) stay
+// valid until the next ResetBuf/HttpRead*, which may move the bytes.
+// Not thread-safe: one buffer belongs to one connection and one thread. The
+// exit flag may be set by another thread (it is atomic); a read ends with
+// LOOP_INTERRUPTED when it holds -1.
+class HTTPBaseBuffer_Class {
+public:
+    static constexpr int ERROR_TEXT_SIZE = 512;
+
+    HTTPBaseBuffer_Class();
+    virtual ~HTTPBaseBuffer_Class();
+
+    HTTPBaseBuffer_Class(const HTTPBaseBuffer_Class&) = delete;
+    HTTPBaseBuffer_Class& operator=(const HTTPBaseBuffer_Class&) = delete;
+
+    // Allocates a zeroed buffer of size bytes and clears everything (the
+    // virtual ClearBuf, so a derived parser is cleared too). SUCCESS.
+    // The same size as the existing buffer: ClearBuf, zero it,
+    // ALREADY_INITIALIZE. Size 0 or below: DEBUG_WARNING. MALLOC_ERROR keeps
+    // the old buffer.
+    int Init(int size, DbPrintf_Class* pDB = nullptr);
+
+    // Drops everything, read-ahead included: consumed, filled, the offsets,
+    // content length, status and error text. The buffer and its capacity
+    // stay. Derived classes also clear their parsers. SUCCESS.
+    virtual int ClearBuf(DbPrintf_Class* pDB = nullptr);
+
+    // Prepares for the next message on the same connection: the read-ahead
+    // (m_nConsumed .. m_nFilled) moves to the front, everything else is
+    // cleared as by ClearBuf. DEBUG_WARNING when the counters are
+    // inconsistent (nothing is changed then). SUCCESS.
+    int ResetBuf(DbPrintf_Class* pDB = nullptr);
+
+    // Receives until the buffer holds a complete head: the first LF LF or
+    // LF CR LF at or after m_nConsumed (so CR LF CR LF is found too). Read-
+    // ahead is searched before anything is received. On SUCCESS:
+    // m_nHeaderLength counts the head with its blank line, m_nBodyStart =
+    // m_nConsumed = the end of the head.
+    // Failures: DATA_LARGE_THEN_BUF (the buffer filled up first), SOCK_CLOSE
+    // (the peer closed first), SOCK_TIMEOUT (a silent wait of timeout_ms, or
+    // the time spent receiving a trickle reached timeout_ms), LOOP_INTERRUPTED
+    // (exit flag -1), or another Sock_Recv_OneBlock code. Status and error
+    // text are left to the caller.
+    int HttpRead_Header(int fd, int timeout_ms, SockExitFlag* exitFlag, DbPrintf_Class* pDB = nullptr);
+
+    // Makes sure the length bytes after the head are in the buffer, receiving
+    // what is missing (Sock_Recv). Then m_nBodyLength = length and
+    // m_nConsumed = m_nBodyStart + length; bytes beyond stay as read-ahead.
+    // A peer that closes early leaves the body short and still gives SUCCESS
+    // (m_nFilled tells how much arrived). DEBUG_WARNING for inconsistent
+    // counters or a negative length, DATA_LARGE_THEN_BUF when the body cannot
+    // fit, HTTP_BODY_READ_FAILD for any receive failure (time-out included).
+    int HttpRead_Body(int fd, int length, int timeout_ms, SockExitFlag* exitFlag,
+                      DbPrintf_Class* pDB = nullptr);
+
+    // Read results and counters; callers read them, only this class and its
+    // derived classes write them.
+    int m_nHeaderStart = 0;
+    int m_nHeaderLength = 0;
+    int m_nBodyStart = 0;
+    int m_nBodyLength = 0;
+    char m_strError[ERROR_TEXT_SIZE];
+    int m_nStatus = 0;
+    unsigned char* m_pBuffer = nullptr;  // owned
+    int m_nContentLength = 0;
+    int m_nCapacity = 0;
+    int m_nFilled = 0;
+    int m_nConsumed = 0;
+
+protected:
+    // Status and error text of a failed step, for the derived readers.
+    void SetFailure(int status, const char* text);
+    // ResetBuf, falling back to ClearBuf when the counters were left
+    // inconsistent (a body cut short by the peer): the buffer never stays
+    // stuck.
+    void PrepareNextMessage(DbPrintf_Class* pDB);
+    // "Content-Length:" of the parsed head, checked as the readers need it:
+    // a missing header, a value below 1 (or not a number) and a value above
+    // maxLength each set status 411 and their text and return
+    // HTTP_ERR_CONTENTLENGTH. SUCCESS stores the value in m_nContentLength.
+    int CheckContentLength(const StaticArr_NameValToken_Class& headers, int maxLength);
+};
+
+#endif
