@@ -1,0 +1,260 @@
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <filesystem>
+#include <fstream>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "common/debug_log.h"
+#include "common/return_codes.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr int kFunc = 0x1000;
+constexpr long kLimit = 0x100000;
+
+class DebugLogTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        char tmpl[] = "/tmp/ostrel_log_XXXXXX";
+        ASSERT_NE(mkdtemp(tmpl), nullptr);
+        dir_ = tmpl;
+    }
+    void TearDown() override { fs::remove_all(dir_); }
+
+    std::string Path(const std::string& name) const { return dir_ + "/" + name; }
+    std::string Gen(int i) const { return Path("t_log" + std::to_string(i) + ".txt"); }
+
+    static std::string Read(const std::string& path)
+    {
+        std::ifstream in(path, std::ios::binary);
+        std::stringstream ss;
+        ss << in.rdbuf();
+        return ss.str();
+    }
+    static void Fill(const std::string& path, long size, char c = 'x')
+    {
+        std::ofstream(path, std::ios::binary) << std::string(static_cast<size_t>(size), c);
+    }
+    // Changes the file's status (chmod) until its ctime is strictly later
+    // than other's: waits for the clock to move, whatever its granularity.
+    static void MakeNewer(const std::string& path, const std::string& other)
+    {
+        struct stat a, b;
+        ASSERT_EQ(stat(other.c_str(), &b), 0);
+        for (int mode = 0600;; mode ^= 0060) {
+            ASSERT_EQ(chmod(path.c_str(), static_cast<mode_t>(mode)), 0);
+            ASSERT_EQ(stat(path.c_str(), &a), 0);
+            if (a.st_ctim.tv_sec > b.st_ctim.tv_sec ||
+                (a.st_ctim.tv_sec == b.st_ctim.tv_sec && a.st_ctim.tv_nsec > b.st_ctim.tv_nsec)) {
+                return;
+            }
+            usleep(1000);
+        }
+    }
+
+    std::string dir_;
+};
+
+TEST_F(DebugLogTest, UnopenedLogDropsEverything)
+{
+    DbPrintf_Class log;
+    EXPECT_EQ(log.TimePrintf(1, "x"), CANNOT_FILEOPEN);
+    EXPECT_EQ(log.DbPrintf(1, "x"), CANNOT_FILEOPEN);
+    EXPECT_EQ(log.DbPrintfNoTab(1, "x"), CANNOT_FILEOPEN);
+    EXPECT_EQ(log.ErrPrintf(2, "x"), CANNOT_FILEOPEN);
+    EXPECT_EQ(log.DbPDunp(1, "x", 1), CANNOT_FILEOPEN);
+    EXPECT_EQ(log.DbPrintfFunc(kFunc, "x"), CANNOT_FILEOPEN);
+    EXPECT_EQ(log.DbPrintfErrRtn(kFunc, "x"), CANNOT_FILEOPEN);
+    EXPECT_EQ(log.TimePrintf(0, "x"), SUCCESS) << "level 0 is silent, not a failure";
+
+    // Every wrapper accepts a null log.
+    TimePrint(nullptr, 1, "x");
+    DebugPrint(nullptr, 1, "x");
+    DebugErrPrint(nullptr, 2, "x");
+    DebugDump(nullptr, 1, "x", 1);
+    DebugFuncStart(nullptr, kFunc, "x");
+    dbFuncReturn(kFunc, nullptr, 1, "x");
+    dbFuncReturnLine(kFunc, nullptr, 1, "x", 3);
+    DebugFuncRtnLine(nullptr, kFunc, "x", 1, 3);
+}
+
+TEST_F(DebugLogTest, OpeningRulesAndFileModes)
+{
+    const std::string file = Path("m1.txt");
+    Fill(file, 100);
+    DbPrintf_Class log;
+    ASSERT_EQ(log.FileOpen(file.c_str(), 1), SUCCESS);
+    EXPECT_EQ(Read(file), "") << "mode 1 truncates at opening";
+    EXPECT_EQ(log.FileOpen(Path("other").c_str(), 1), DEBUG_WARNING);
+    EXPECT_EQ(log.TimePrintf(1, "a"), SUCCESS);
+    struct stat st;
+    ASSERT_EQ(stat(file.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0666u) << "mode set explicitly, not left to the umask";
+
+    DbPrintf_Class missing;
+    EXPECT_EQ(missing.FileOpen(Path("no/such/dir").c_str(), 1), CANNOT_FILEOPEN);
+    EXPECT_EQ(missing.FileOpen(Path("x").c_str(), 1), DEBUG_WARNING) << "name stays stored";
+
+    const std::string m0 = Path("m0.txt");
+    Fill(m0, 100);
+    {
+        DbPrintf_Class buffered(m0.c_str(), 0);
+        EXPECT_EQ(Read(m0), "");
+        EXPECT_EQ(buffered.DbPrintfNoTab(1, "kept %d", 7), SUCCESS);
+    }
+    EXPECT_EQ(Read(m0), "kept 7") << "mode 0 stream reaches the file when the log closes";
+}
+
+TEST_F(DebugLogTest, LineFormatsAndDepth)
+{
+    const std::string file = Path("fmt.txt");
+    DbPrintf_Class log(file.c_str(), 1);
+
+    DebugFuncStart(&log, kFunc, "Outer%d");  // the text is not a format
+    log.DbPrintfFunc(1, "not written");      // no 0x1000: depth still moves
+    EXPECT_EQ(log.GetDepth(), 2);
+    log.TimePrintf(1, "stamped %s\n", "msg");
+    log.DbPrintf(1, "tabbed\n");
+    log.DbPrintfNoTab(1, "plain\n");
+    log.DbPrintfRtn(0, "not written");
+    dbFuncReturn(kFunc, &log, SOCK_TIMEOUT, "Outer");
+    EXPECT_EQ(log.GetDepth(), 0);
+    dbFuncReturn(kFunc, &log, SUCCESS, "Outer");
+    dbFuncReturnLine(kFunc, &log, SUCCESS, "F", 12);
+    DebugFuncRtnLine(&log, kFunc, "G", 27, 34);
+    EXPECT_EQ(log.GetDepth(), -1) << "depth never goes below -1";
+    log.ErrPrintf(ENOENT, "open %s", "x");
+
+    const std::string text = Read(file);
+    std::regex expected(
+        "\t--------\n\tOuter%d\n"
+        "\\[\\d{4}/\\d\\d/\\d\\d \\d\\d:\\d\\d:\\d\\d\\] \t\tstamped msg\n"
+        "\t\ttabbed\nplain\n"
+        "\tOuter : \\[2022\\]SOCK_TIMEOUT -!Err!- \n"
+        "Outer : \\[1\\]SUCCESS\n\n"
+        "F\\[L:12\\] : \\[1\\]SUCCESS\n\n"
+        "G\\[L:34\\] : \\[27\\]Unknown Return value\\. -!Err!- \n"
+        "open x\n->\\[\\d{4}/\\d\\d/\\d\\d \\d\\d:\\d\\d:\\d\\d\\(\\d{1,3}\\)\\]:"
+        "\\[ErrNo<2>:No such file or directory\\]\n");
+    EXPECT_TRUE(std::regex_match(text, expected)) << text;
+}
+
+TEST_F(DebugLogTest, DumpLayout)
+{
+    const std::string file = Path("dump.txt");
+    DbPrintf_Class log(file.c_str(), 1);
+    const char data[17] = {'A', '`', '~', ' ', '\x7f', '\x80', '\0', '\n', 'z', '_', 'a', '0', '1', '2', '3', '4', 'Q'};
+    DebugDump(&log, 1, data, 17);
+    log.DbPDunp(1, data, 0);
+    const std::string expected =
+        "--- 17 byte ---\n"
+        "[00000]: 41 60 7E 20 7F 80 00 0A  - 7A 5F 61 30 31 32 33 34 \tA ~     z_a01234\n"
+        "[00016]: 51                       -                         \tQ               \n"
+        "--- 0 byte ---\n";
+    EXPECT_EQ(Read(file), expected);
+}
+
+TEST_F(DebugLogTest, RotatesAcrossTheSizeLimit)
+{
+    Fill(Gen(0), kLimit + 1);
+    DbPrintf_Class log(Path("t").c_str(), 3);
+    EXPECT_EQ(log.GetGeneration(), 0);
+
+    log.DbPrintfNoTab(1, "first\n");
+    EXPECT_EQ(Read(Gen(1)), "first\n") << "an oversized generation moves the log on";
+    log.DbPrintfNoTab(1, "second\n");
+    EXPECT_EQ(Read(Gen(1)), "first\nsecond\n");
+    EXPECT_EQ(fs::file_size(Gen(0)), static_cast<uintmax_t>(kLimit + 1));
+
+    Fill(Gen(1), kLimit);  // exactly at the limit: not yet over it
+    log.DbPrintfNoTab(1, "third\n");
+    EXPECT_EQ(fs::file_size(Gen(1)), static_cast<uintmax_t>(kLimit + 6));
+    log.DbPrintfNoTab(1, "fourth\n");
+    EXPECT_EQ(Read(Gen(0)), "fourth\n") << "wrapped round to generation 0, truncated";
+    EXPECT_EQ(log.GetGeneration() % 2, 0);
+
+    // Another process may delete the files at any time.
+    fs::remove(Gen(0));
+    log.DbPrintfNoTab(1, "fifth\n");
+    EXPECT_EQ(Read(Gen(0)), "fifth\n");
+}
+
+TEST_F(DebugLogTest, ContinuesInTheNewestGeneration)
+{
+    Fill(Gen(0), 10, '0');
+    Fill(Gen(1), 10, '1');
+    MakeNewer(Gen(1), Gen(0));
+    {
+        DbPrintf_Class log(Path("t").c_str(), 3);
+        log.DbPrintfNoTab(1, "+");
+    }
+    EXPECT_EQ(Read(Gen(1)), "1111111111+");
+
+    MakeNewer(Gen(0), Gen(1));
+    {
+        DbPrintf_Class log(Path("t").c_str(), 3);
+        log.DbPrintfNoTab(1, "+");
+    }
+    EXPECT_EQ(Read(Gen(0)), "0000000000+");
+
+    // Mode 2 starts afresh.
+    DbPrintf_Class fresh(Path("t").c_str(), 2);
+    EXPECT_FALSE(fs::exists(Gen(0)));
+    EXPECT_FALSE(fs::exists(Gen(1)));
+    fresh.DbPrintfNoTab(1, "new");
+    EXPECT_EQ(Read(Gen(0)), "new");
+}
+
+TEST_F(DebugLogTest, ConcurrentWritersKeepLinesWhole)
+{
+    DbPrintf_Class log(Path("t").c_str(), 3);
+    constexpr int kThreads = 4;
+    constexpr int kLines = 200;
+    std::atomic<int> ready{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            ready.fetch_add(1);
+            while (ready.load() < kThreads) {
+            }
+            for (int i = 0; i < kLines; ++i) {
+                log.DbPrintfNoTab(1, "thread %d line %03d end\n", t, i);
+                // Depth is shared and the error return writes unlocked.
+                log.DbPrintfFunc(kFunc, "f");
+                log.DbPrintfErrRtn(kFunc, "e");
+            }
+        });
+    }
+    for (auto& th : threads) {
+        th.join();
+    }
+    std::istringstream in(Read(Gen(0)));
+    std::regex line("thread [0-3] line \\d{3} end");
+    std::regex trace("\t*(--------|f|e -!Err!- )");
+    int count = 0;
+    int traces = 0;
+    for (std::string l; std::getline(in, l);) {
+        if (std::regex_match(l, line)) {
+            ++count;
+        } else {
+            EXPECT_TRUE(std::regex_match(l, trace)) << l;
+            ++traces;
+        }
+    }
+    EXPECT_EQ(count, kThreads * kLines);
+    EXPECT_EQ(traces, 3 * kThreads * kLines);
+    EXPECT_GE(log.GetDepth(), -1);
+}
+
+}  // namespace
