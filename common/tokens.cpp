@@ -266,7 +266,12 @@ void free_entries(T** arr, int count)
 
 }  // namespace
 
-Arr_OneToken_Class::Arr_OneToken_Class() : m_ppArr(alloc_entries<OneToken_Class>(&m_nCapacity)) {}
+// Assigned in the body: the capacity's own member initializer runs after
+// the array's and would reset it.
+Arr_OneToken_Class::Arr_OneToken_Class()
+{
+    m_ppArr = alloc_entries<OneToken_Class>(&m_nCapacity);
+}
 
 Arr_OneToken_Class::~Arr_OneToken_Class()
 {
@@ -314,8 +319,8 @@ int Arr_OneToken_Class::OutputBuffer(StringBuf_Class* buf, DbPrintf_Class* pDB) 
 }
 
 Arr_NameValToken_Class::Arr_NameValToken_Class()
-    : m_ppArr(alloc_entries<NameValToken_Class>(&m_nCapacity))
 {
+    m_ppArr = alloc_entries<NameValToken_Class>(&m_nCapacity);
 }
 
 Arr_NameValToken_Class::~Arr_NameValToken_Class()
