@@ -50,9 +50,9 @@ bool PictureIs(long long k, const char* p, int size)
     return true;
 }
 
-// Writes frame k the way the camera thread does: in place into the slot,
-// then commit, then start the next slot.
-void WriteFrame(CMFifo& fifo, long long k)
+// Writes frame k the way the camera thread does: in place into the slot
+// that was started, then commit.
+void WriteFrameBody(CMFifo& fifo, long long k)
 {
     char* buf = nullptr;
     int cap = 0, have = -1;
@@ -66,6 +66,12 @@ void WriteFrame(CMFifo& fifo, long long k)
     ASSERT_EQ(SUCCESS, fifo.InputData(buf, size));
     std::string opt = OptionFor(k);
     ASSERT_EQ(SUCCESS, fifo.InputDataFinish(&opt[0], kOption));
+}
+
+// The same, then start the next slot.
+void WriteFrame(CMFifo& fifo, long long k)
+{
+    WriteFrameBody(fifo, k);
     ASSERT_EQ(SUCCESS, fifo.InputDataStart());
 }
 
@@ -434,8 +440,8 @@ TEST_F(FrameFifoTest, ChangedLengthKeepsHeldFramesAndIsHonoured)
 // One writer, several readers
 
 // Readers announce the oldest number they may be holding before they borrow,
-// and the writer does not start frame k while some reader may still hold a
-// frame h with k >= h + L + W. That is exactly the window the FIFO promises,
+// and the writer does not start (clear) frame k while some reader may still
+// hold a frame h with k >= h + L + W. That is exactly the window the FIFO promises,
 // so a ring that reused a slot sooner would hand out damaged pictures.
 struct Window {
     static constexpr long long kNone = LLONG_MAX;
@@ -467,12 +473,13 @@ void RunWriterAndReaders(int l, int w, long long frames, int readers)
 
     std::thread writer([&] {
         for (long long k = 0; k < frames; k++) {
-            for (long long h = win.Oldest(); h != Window::kNone && k >= h + l + w;
+            WriteFrameBody(fifo, k);
+            win.committed.store(k);
+            for (long long h = win.Oldest(); h != Window::kNone && k + 1 >= h + l + w;
                  h = win.Oldest()) {
                 std::this_thread::yield();
             }
-            WriteFrame(fifo, k);
-            win.committed.store(k);
+            ASSERT_EQ(SUCCESS, fifo.InputDataStart());
         }
         win.done.store(true);
     });
