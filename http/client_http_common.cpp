@@ -1,0 +1,398 @@
+#include "http/client_http_common.h"
+
+#include <stdio.h>
+#include <string.h>
+
+#include "common/debug_log.h"
+#include "common/return_codes.h"
+#include "common/tokens.h"
+#include "http/base64.h"
+#include "http/base_buffer.h"
+
+namespace {
+
+// Copies at most size - 1 characters and always terminates: a 16-byte
+// address field keeps 15 characters.
+void copy_text(char* dst, int size, const char* src)
+{
+    snprintf(dst, static_cast<size_t>(size), "%s", src);
+}
+
+bool valid_port(int port)
+{
+    return port >= 1 && port <= 65535;
+}
+
+}  // namespace
+
+CClient_HTTP_Common::CClient_HTTP_Common(const char* className, HTTPBaseBuffer_Class* reader,
+                                         const StaticArr_NameValToken_Class* responseHeaders)
+    : m_pClassName(className), m_pReader(reader), m_pResponseHeaders(responseHeaders)
+{
+    SetInitialValues();
+}
+
+CClient_HTTP_Common::~CClient_HTTP_Common()
+{
+    DestroySock();
+}
+
+void CClient_HTTP_Common::SetInitialValues()
+{
+    m_nSockfd = -1;
+    memset(m_strRequest, 0, sizeof(m_strRequest));
+    memset(m_strTag, 0, sizeof(m_strTag));
+    m_nTagLength = 0;
+    memset(m_pMyselfIp, 0, sizeof(m_pMyselfIp));
+    memset(m_pTargetIp, 0, sizeof(m_pTargetIp));
+    m_nTargetPort = -1;
+    memset(m_strTargetPath, 0, sizeof(m_strTargetPath));
+    m_nSocketTimeout = DEFAULT_TIMEOUT_MS;
+    m_pExitFlag = nullptr;
+    memset(m_pProxyIp, 0, sizeof(m_pProxyIp));
+    m_nProxyPort = -1;
+    m_nProxy = 0;
+    m_nAuth = 0;
+    memset(m_strAuth, 0, sizeof(m_strAuth));
+}
+
+int CClient_HTTP_Common::Initialize(int nHTTPBodySize)
+{
+    if (m_nInitializeDone != 0) {
+        TimePrint(m_pDB, m_nLogLevel, "[%s::Initialize()] m_nInitializeDone != 0\n", m_pClassName);
+        return ALREADY_INITIALIZE;
+    }
+    if (nHTTPBodySize < 0) {
+        TimePrint(m_pDB, m_nLogLevel, "[%s::Initialize()] nHTTPBodySize(%d) < 0\n", m_pClassName,
+                  nHTTPBodySize);
+        return INVALID_ARGUMENT;
+    }
+    DestroySock();
+    SetInitialValues();
+    // A reader that already has a buffer of this size (after Release) keeps it.
+    const int ret = m_pReader->Init(nHTTPBodySize + 1024, m_pDB);
+    if (ret != SUCCESS && ret != ALREADY_INITIALIZE) {
+        TimePrint(m_pDB, m_nLogLevel, "[%s::Initialize()] Init(%d) failed ::%d\n", m_pClassName,
+                  nHTTPBodySize + 1024, ret);
+        return ret;
+    }
+    m_nInitializeDone = 1;
+    return SUCCESS;
+}
+
+int CClient_HTTP_Common::Release()
+{
+    DestroySock();
+    m_pReader->ClearBuf(m_pDB);
+    m_nInitializeDone = 0;
+    return SUCCESS;
+}
+
+int CClient_HTTP_Common::SetLog(DbPrintf_Class* pDB, int nLevel)
+{
+    m_pDB = pDB;
+    m_nLogLevel = nLevel;
+    return SUCCESS;
+}
+
+int CClient_HTTP_Common::SetMyself(const char* pMyselfIp)
+{
+    if (pMyselfIp == nullptr) {
+        TimePrint(m_pDB, m_nLogLevel, "[%s::SetMyself()] pMyselfIp == NULL\n", m_pClassName);
+        return INVALID_ARGUMENT;
+    }
+    copy_text(m_pMyselfIp, sizeof(m_pMyselfIp), pMyselfIp);
+    return SUCCESS;
+}
+
+int CClient_HTTP_Common::SetTargetIp(const char* pTargetIp)
+{
+    if (pTargetIp == nullptr) {
+        TimePrint(m_pDB, m_nLogLevel, "[%s::SetTargetIp()] pTargetIp == NULL\n", m_pClassName);
+        return INVALID_ARGUMENT;
+    }
+    copy_text(m_pTargetIp, sizeof(m_pTargetIp), pTargetIp);
+    return SUCCESS;
+}
+
+int CClient_HTTP_Common::SetTargetPort(int nPort)
+{
+    if (!valid_port(nPort)) {
+        TimePrint(m_pDB, m_nLogLevel, "[%s::SetTargetPort()] nTargetPort(%d) invalid\n", m_pClassName,
+                  nPort);
+        return INVALID_ARGUMENT;
+    }
+    m_nTargetPort = nPort;
+    return SUCCESS;
+}
+
+int CClient_HTTP_Common::SetProxy(int nProxy)
+{
+    if (nProxy != 0 && nProxy != 1) {
+        TimePrint(m_pDB, m_nLogLevel, "[%s::SetProxy()] nProxy(%d) invalid\n", m_pClassName, nProxy);
+        return INVALID_ARGUMENT;
+    }
+    m_nProxy = nProxy;
+    return SUCCESS;
+}
+
+int CClient_HTTP_Common::SetProxyIp(const char* pProxyIp)
+{
+    if (pProxyIp == nullptr) {
+        TimePrint(m_pDB, m_nLogLevel, "[%s::SetProxyIp()] pProxyIp == NULL\n", m_pClassName);
+        return INVALID_ARGUMENT;
+    }
+    copy_text(m_pProxyIp, sizeof(m_pProxyIp), pProxyIp);
+    return SUCCESS;
+}
+
+int CClient_HTTP_Common::SetProxyPort(int nPort)
+{
+    if (!valid_port(nPort)) {
+        TimePrint(m_pDB, m_nLogLevel, "[%s::SetProxyPort()] nProxyPort(%d) invalid\n", m_pClassName,
+                  nPort);
+        return INVALID_ARGUMENT;
+    }
+    m_nProxyPort = nPort;
+    return SUCCESS;
+}
+
+int CClient_HTTP_Common::SetTargetPath(const char* pTargetPath)
+{
+    if (pTargetPath == nullptr) {
+        TimePrint(m_pDB, m_nLogLevel, "[%s::SetTargetPath()] pTargetPath == NULL\n", m_pClassName);
+        return INVALID_ARGUMENT;
+    }
+    copy_text(m_strTargetPath, sizeof(m_strTargetPath), pTargetPath);
+    return SUCCESS;
+}
+
+int CClient_HTTP_Common::SetAuth(int nAuth)
+{
+    if (nAuth != 0 && nAuth != 1) {
+        TimePrint(m_pDB, m_nLogLevel, "[%s::SetAuth()] nAuth(%d) invalid\n", m_pClassName, nAuth);
+        return INVALID_ARGUMENT;
+    }
+    m_nAuth = nAuth;
+    return SUCCESS;
+}
+
+int CClient_HTTP_Common::SetAuthString(const char* pUserName, const char* pPassword)
+{
+    if (pUserName == nullptr) {
+        TimePrint(m_pDB, m_nLogLevel, "[%s::SetAuthString()] pUserName == NULL\n", m_pClassName);
+        return INVALID_ARGUMENT;
+    }
+    if (pPassword == nullptr) {
+        TimePrint(m_pDB, m_nLogLevel, "[%s::SetAuthString()] pPassword == NULL\n", m_pClassName);
+        return INVALID_ARGUMENT;
+    }
+    if (m_nAuth != 1) {
+        return SUCCESS;
+    }
+    // A cut credential would only be refused by the server: refuse it here.
+    char plain[AUTH_LINE_SIZE];
+    const int plainLen = snprintf(plain, sizeof(plain), "%s:%s", pUserName, pPassword);
+    char encoded[AUTH_LINE_SIZE];
+    int ret = DATA_LARGE_THEN_BUF;
+    if (plainLen >= 0 && plainLen < static_cast<int>(sizeof(plain))) {
+        ret = Base64Encode(plain, plainLen, encoded, sizeof(encoded), nullptr);
+    }
+    if (ret == SUCCESS) {
+        const int lineLen = snprintf(m_strAuth, sizeof(m_strAuth), "Authorization: Basic %s", encoded);
+        if (lineLen < 0 || lineLen >= static_cast<int>(sizeof(m_strAuth))) {
+            ret = DATA_LARGE_THEN_BUF;
+        }
+    }
+    if (ret != SUCCESS) {
+        memset(m_strAuth, 0, sizeof(m_strAuth));
+        TimePrint(m_pDB, m_nLogLevel, "[%s::SetAuthString()] credentials too long ::%d\n", m_pClassName, ret);
+        return ret;
+    }
+    return SUCCESS;
+}
+
+int CClient_HTTP_Common::SetSocketTimeout(int nTimeoutMsec)
+{
+    if (nTimeoutMsec < 0) {
+        TimePrint(m_pDB, m_nLogLevel, "[%s::SetSocketTimeout()] nTimeoutMsec(%d) < 0\n", m_pClassName,
+                  nTimeoutMsec);
+        return INVALID_ARGUMENT;
+    }
+    m_nSocketTimeout = nTimeoutMsec;
+    return SUCCESS;
+}
+
+int CClient_HTTP_Common::SetSocketExitFlag(SockExitFlag* pExitFlag)
+{
+    if (pExitFlag == nullptr) {
+        TimePrint(m_pDB, m_nLogLevel, "[%s::SetSocketExitFlag()] pExitFlag == NULL\n", m_pClassName);
+        return INVALID_ARGUMENT;
+    }
+    m_pExitFlag = pExitFlag;
+    return SUCCESS;
+}
+
+int CClient_HTTP_Common::AddTag(const char* pName, const char* pValue)
+{
+    if (pName == nullptr) {
+        TimePrint(m_pDB, m_nLogLevel, "[%s::AddTag()] pName == NULL\n", m_pClassName);
+        return INVALID_ARGUMENT;
+    }
+    if (pValue == nullptr) {
+        TimePrint(m_pDB, m_nLogLevel, "[%s::AddTag()] pValue == NULL\n", m_pClassName);
+        return INVALID_ARGUMENT;
+    }
+    // Only whole lines go in: a cut line would end the request head early.
+    const size_t need = strlen(pName) + strlen(pValue) + 4;
+    if (need >= static_cast<size_t>(TAG_BLOCK_SIZE - m_nTagLength)) {
+        TimePrint(m_pDB, m_nLogLevel, "[%s::AddTag()] tag(%s) does not fit (%d + %d)\n", m_pClassName,
+                  pName, m_nTagLength, static_cast<int>(need));
+        return DATA_LARGE_THEN_BUF;
+    }
+    snprintf(m_strTag + m_nTagLength, static_cast<size_t>(TAG_BLOCK_SIZE - m_nTagLength), "%s: %s\r\n",
+             pName, pValue);
+    m_nTagLength += static_cast<int>(need);
+    return SUCCESS;
+}
+
+int CClient_HTTP_Common::ClearAllTag()
+{
+    memset(m_strTag, 0, sizeof(m_strTag));
+    m_nTagLength = 0;
+    return SUCCESS;
+}
+
+int CClient_HTTP_Common::GetHeaderItemValue(const char* pName, char* pValue, int nSize)
+{
+    if (pName == nullptr) {
+        TimePrint(m_pDB, m_nLogLevel, "[%s::GetHeaderItemValue()] pName == NULL\n", m_pClassName);
+        return INVALID_ARGUMENT;
+    }
+    if (pValue == nullptr || nSize < 1) {
+        TimePrint(m_pDB, m_nLogLevel, "[%s::GetHeaderItemValue()] pValue == NULL\n", m_pClassName);
+        return INVALID_ARGUMENT;
+    }
+    memset(pValue, 0, static_cast<size_t>(nSize));
+    OneToken_Class* val = nullptr;
+    const int ret = m_pResponseHeaders->Search_NameToVal(pName, &val, m_pDB);
+    if (ret != SUCCESS) {
+        return ret;
+    }
+    const int len = val != nullptr ? val->GetLength() : 0;
+    if (len > nSize - 1) {
+        return DATASIZE_LARGE;
+    }
+    if (len > 0) {
+        memcpy(pValue, val->GetPtr(), static_cast<size_t>(len));
+    }
+    return SUCCESS;
+}
+
+int CClient_HTTP_Common::CheckProperty(int* ok)
+{
+    int result = 1;
+    if (m_pMyselfIp[0] == '\0' || m_pTargetIp[0] == '\0' || m_nTargetPort == -1) {
+        result = 0;
+    }
+    if (m_strTargetPath[0] == '\0' || m_pExitFlag == nullptr) {
+        result = 0;
+    }
+    if (m_nProxy == 1 && (m_pProxyIp[0] == '\0' || m_nProxyPort == -1)) {
+        result = 0;
+    }
+    if (ok != nullptr) {
+        *ok = result;
+    }
+    return SUCCESS;
+}
+
+int CClient_HTTP_Common::CreateSock()
+{
+    int nResultOK = 0;
+    CheckProperty(&nResultOK);
+    if (nResultOK != 1) {
+        TimePrint(m_pDB, m_nLogLevel, "[%s::CreateSock()] nResultOK != 1\n", m_pClassName);
+        return CLIENT_INCOMPLETE_SETUP;
+    }
+    DestroySock();
+    int ret;
+    if (m_nProxy == 1) {
+        ret = Sock_OpenConnect_String(m_pMyselfIp, m_pProxyIp, static_cast<unsigned short>(m_nProxyPort),
+                                      &m_nSockfd, m_nSocketTimeout, m_pDB);
+        if (ret != SUCCESS) {
+            DestroySock();
+            TimePrint(m_pDB, m_nLogLevel,
+                      "[%s::CreateSock()] Sock_OpenConnect_String(m_pMyselfIp %s,m_pProxyIp %s,m_nProxyPort %d) failed ::%d\n",
+                      m_pClassName, m_pMyselfIp, m_pProxyIp, m_nProxyPort, ret);
+        }
+    } else {
+        ret = Sock_OpenConnect_String(m_pMyselfIp, m_pTargetIp, static_cast<unsigned short>(m_nTargetPort),
+                                      &m_nSockfd, m_nSocketTimeout, m_pDB);
+        if (ret != SUCCESS) {
+            DestroySock();
+            TimePrint(m_pDB, m_nLogLevel,
+                      "[%s::CreateSock()] Sock_OpenConnect_String(m_pMyselfIp %s,m_pTargetIp %s,m_nTargetPort %d) failed ::%d\n",
+                      m_pClassName, m_pMyselfIp, m_pTargetIp, m_nTargetPort, ret);
+        }
+    }
+    return ret;
+}
+
+int CClient_HTTP_Common::DestroySock()
+{
+    if (m_nSockfd != -1) {
+        Sock_Close(m_nSockfd, m_pDB);
+    }
+    m_nSockfd = -1;
+    return SUCCESS;
+}
+
+int CClient_HTTP_Common::SendRequest(const char* method, const char* version)
+{
+    int nResultOK = 0;
+    CheckProperty(&nResultOK);
+    if (nResultOK != 1) {
+        TimePrint(m_pDB, m_nLogLevel, "[%s::SendCommand()] nResultOK != 1\n", m_pClassName);
+        return CLIENT_INCOMPLETE_SETUP;
+    }
+    if (m_nSockfd == -1) {
+        TimePrint(m_pDB, m_nLogLevel, "[%s::SendCommand()] m_nSockfd == -1\n", m_pClassName);
+        return CLIENT_INCOMPLETE_SETUP;
+    }
+    // Request line, the authorisation line when switched on, the tag lines
+    // (each with its own CR LF), the blank line. Through a proxy the request
+    // names the target server in an absolute URI.
+    const bool auth = m_nAuth == 1;
+    int len;
+    if (m_nProxy == 1) {
+        if (auth) {
+            len = snprintf(m_strRequest, sizeof(m_strRequest), "%s http://%s:%d%s %s\r\n%s\r\n%s\r\n", method,
+                           m_pTargetIp, m_nTargetPort, m_strTargetPath, version, m_strAuth, m_strTag);
+        } else {
+            len = snprintf(m_strRequest, sizeof(m_strRequest), "%s http://%s:%d%s %s\r\n%s\r\n", method,
+                           m_pTargetIp, m_nTargetPort, m_strTargetPath, version, m_strTag);
+        }
+    } else {
+        if (auth) {
+            len = snprintf(m_strRequest, sizeof(m_strRequest), "%s %s %s\r\n%s\r\n%s\r\n", method,
+                           m_strTargetPath, version, m_strAuth, m_strTag);
+        } else {
+            len = snprintf(m_strRequest, sizeof(m_strRequest), "%s %s %s\r\n%s\r\n", method, m_strTargetPath,
+                           version, m_strTag);
+        }
+    }
+    if (len < 0 || len >= static_cast<int>(sizeof(m_strRequest))) {
+        TimePrint(m_pDB, m_nLogLevel, "[%s::SendCommand()] request text too large (%d)\n", m_pClassName, len);
+        return DATA_LARGE_THEN_BUF;
+    }
+    int sent = 0;
+    const int ret = Sock_Send(m_nSockfd, m_strRequest, len, &sent, m_nSocketTimeout, m_pExitFlag, m_pDB);
+    if (ret != SUCCESS) {
+        TimePrint(m_pDB, m_nLogLevel, "[%s::SendCommand()] Sock_Send(m_nSockfd %d) failed ::%d\n", m_pClassName,
+                  m_nSockfd, ret);
+        DestroySock();
+        return ret;
+    }
+    return SUCCESS;
+}
