@@ -1,6 +1,7 @@
 #include "tools/camsim.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cstdio>
 #include <dirent.h>
 #include <fstream>
@@ -146,49 +147,15 @@ bool CamSim::load_pictures(std::string* err) {
 bool CamSim::Start(std::string* err) {
   if (!load_pictures(err)) return false;
   if (!recorder_.Open(cfg_.recordPath, cfg_.recordStdout, err)) return false;
-  listen_fd_ = ListenTcp(cfg_.host, cfg_.port, err);
-  if (listen_fd_ < 0) return false;
-  port_ = BoundPort(listen_fd_);
-  accept_thread_ = std::thread([this] { accept_loop(); });
-  return true;
+  return server_.Start(
+      cfg_.host, cfg_.port,
+      [this](int fd, const std::string& peer, int connNo) { serve(fd, peer, connNo); }, err);
 }
 
-void CamSim::Stop() {
-  stop_.store(true, std::memory_order_relaxed);
-  if (accept_thread_.joinable()) accept_thread_.join();
-  for (Conn& c : conns_)
-    if (c.thread.joinable()) c.thread.join();
-  conns_.clear();
-  if (listen_fd_ >= 0) ::close(listen_fd_);
-  listen_fd_ = -1;
-}
+void CamSim::Stop() { server_.Stop(); }
 
 void CamSim::log(const std::string& line) const {
   if (!cfg_.quiet) std::fprintf(stderr, "camsim: %s\n", line.c_str());
-}
-
-void CamSim::accept_loop() {
-  for (;;) {
-    std::string peer;
-    const int fd = AcceptOrStop(listen_fd_, stop_, &peer);
-    if (fd < 0) return;
-    // Reap threads of connections that have ended.
-    for (auto it = conns_.begin(); it != conns_.end();) {
-      if (it->done.load(std::memory_order_acquire)) {
-        it->thread.join();
-        it = conns_.erase(it);
-      } else {
-        ++it;
-      }
-    }
-    const int connNo = connections_.fetch_add(1, std::memory_order_relaxed) + 1;
-    conns_.emplace_back();
-    Conn& c = conns_.back();
-    c.thread = std::thread([this, fd, peer, connNo, &c] {
-      serve(fd, peer, connNo);
-      c.done.store(true, std::memory_order_release);
-    });
-  }
 }
 
 void CamSim::serve(int fd, const std::string& peer, int connNo) {

@@ -21,13 +21,11 @@
 
 #include <atomic>
 #include <cstdint>
-#include <list>
-#include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "tools/request_recorder.h"
+#include "tools/tcp_server.h"
 
 namespace otools {
 
@@ -88,23 +86,18 @@ class CamSim {
   // call twice.
   void Stop();
 
-  int Port() const { return port_; }
+  int Port() const { return server_.Port(); }
   uint64_t FramesSent() const { return frames_sent_.load(std::memory_order_relaxed); }
-  int Connections() const { return connections_.load(std::memory_order_relaxed); }
+  int Connections() const { return server_.Connections(); }
   int Requests() const { return recorder_.Count(); }
 
  private:
-  struct Conn {
-    std::thread thread;
-    std::atomic<bool> done{false};
-  };
   struct Picture {
     std::vector<uint8_t> data;
     size_t stampAt = 0;
   };
 
   bool load_pictures(std::string* err);
-  void accept_loop();
   void serve(int fd, const std::string& peer, int connNo);
   void stream(int fd, bool showLength, bool faulty, int connNo);
   void log(const std::string& line) const;
@@ -112,14 +105,10 @@ class CamSim {
   const CamSimConfig cfg_;
   std::vector<Picture> pictures_;
   RequestRecorder recorder_;
-  int listen_fd_ = -1;
-  int port_ = 0;
-  std::atomic<bool> stop_{false};
-  std::thread accept_thread_;
-  std::list<Conn> conns_;  // touched only by the accept thread until it is joined
+  TcpServer server_;
+  const std::atomic<bool>& stop_ = server_.StopFlag();
   std::atomic<uint64_t> seq_{0};
   std::atomic<uint64_t> frames_sent_{0};
-  std::atomic<int> connections_{0};
 };
 
 }  // namespace otools

@@ -1,0 +1,135 @@
+// ostrel-viewer: pulls pictures from the relay's control port, or sends it
+// one TrCommunicate command.
+
+#include <cstdio>
+#include <cstdlib>
+#include <getopt.h>
+#include <string>
+
+#include "tools/tool_http.h"
+#include "tools/tool_net.h"
+#include "tools/viewer.h"
+
+namespace {
+
+const char kUsage[] =
+    "Usage: ostrel-viewer --control ADDR:PORT [--bind ADDR] [pull options]\n"
+    "       ostrel-viewer --control ADDR:PORT [--bind ADDR] --trcom COMMAND | --query QUERY\n"
+    "\n"
+    "Pull mode logs in on the relay's control port (img_login), fetches pictures\n"
+    "with get_image, checks each one (status, Content-Length, JPEG SOI..EOI, the\n"
+    "IMAGE_ID0000 option text, the camera stamp's sequence number rising), saves\n"
+    "the last, logs out, and prints one line per picture with its latency (receive\n"
+    "time minus the camera simulator's send stamp) and a summary:\n"
+    "  summary: pictures=N seconds=S fps=F latency_ms p50=.. p99=.. max=.. gaps=.. waits=.. faults=..\n"
+    "The relay serves pictures only to its channel's own address: use --bind.\n"
+    "\n"
+    "  --control ADDR:PORT   the relay's control port\n"
+    "  --bind ADDR           local address to connect from\n"
+    "  --seconds S           pull for S seconds (default 10 when --count is not given)\n"
+    "  --count N             stop after N pictures\n"
+    "  --save FILE           write the last picture to FILE\n"
+    "  --no-logout           leave the login in place at the end\n"
+    "  --timeout-ms N        limit per request (default 5000)\n"
+    "  --idle-ms N           give up when no picture came for N ms (default 10000)\n"
+    "  --quiet               only the summary\n"
+    "  --trcom COMMAND       send /trcom.cgi?p_name=TrCommunicate&p_version=1&command=COMMAND\n"
+    "                        (notice_update, reset_postterm) and print the raw answer\n"
+    "  --query QUERY         send /trcom.cgi?QUERY as it stands and print the raw answer\n"
+    "  --help                this text\n"
+    "\n"
+    "Exit status: 0 all checks passed; 1 a check failed, the pull ended early, or\n"
+    "the command's Query_Result is not success; 2 bad options or no usable answer.\n"
+    "SIGINT or SIGTERM ends the pull early (the logout and summary still happen).\n";
+
+int usage_error(const std::string& msg) {
+  std::fprintf(stderr, "ostrel-viewer: %s (see --help)\n", msg.c_str());
+  return 2;
+}
+
+bool to_int(const char* s, long long lo, long long hi, int* out) {
+  long long v = 0;
+  if (!otools::ParseInteger(s, &v) || v < lo || v > hi) return false;
+  *out = static_cast<int>(v);
+  return true;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  enum { kControl = 1, kBind, kSeconds, kCount, kSave, kNoLogout, kTimeout, kIdle, kQuiet,
+         kTrcom, kQuery, kHelp };
+  static const option kOptions[] = {
+      {"control", required_argument, nullptr, kControl},
+      {"bind", required_argument, nullptr, kBind},
+      {"seconds", required_argument, nullptr, kSeconds},
+      {"count", required_argument, nullptr, kCount},
+      {"save", required_argument, nullptr, kSave},
+      {"no-logout", no_argument, nullptr, kNoLogout},
+      {"timeout-ms", required_argument, nullptr, kTimeout},
+      {"idle-ms", required_argument, nullptr, kIdle},
+      {"quiet", no_argument, nullptr, kQuiet},
+      {"trcom", required_argument, nullptr, kTrcom},
+      {"query", required_argument, nullptr, kQuery},
+      {"help", no_argument, nullptr, kHelp},
+      {nullptr, 0, nullptr, 0}};
+  otools::ViewerConfig cfg;
+  bool haveControl = false, command = false;
+  int c;
+  while ((c = getopt_long(argc, argv, "", kOptions, nullptr)) != -1) {
+    const std::string arg = optarg ? optarg : "";
+    switch (c) {
+      case kControl:
+        if (!otools::ParseHostPort(arg, -1, &cfg.host, &cfg.port) || cfg.port <= 0)
+          return usage_error("bad --control " + arg + " (ADDR:PORT)");
+        haveControl = true;
+        break;
+      case kBind: {
+        std::string host;
+        int port = 0;
+        if (!otools::ParseHostPort(arg, 0, &host, &port) || port != 0)
+          return usage_error("bad --bind " + arg);
+        cfg.bindAddr = host;
+        break;
+      }
+      case kSeconds: {
+        char* end = nullptr;
+        cfg.seconds = std::strtod(optarg, &end);
+        if (*end || !(cfg.seconds > 0)) return usage_error("bad --seconds " + arg);
+        break;
+      }
+      case kCount:
+        if (!to_int(optarg, 1, 1 << 30, &cfg.count)) return usage_error("bad --count " + arg);
+        break;
+      case kSave: cfg.savePath = arg; break;
+      case kNoLogout: cfg.logout = false; break;
+      case kTimeout:
+        if (!to_int(optarg, 1, 3600000, &cfg.requestTimeoutMs))
+          return usage_error("bad --timeout-ms " + arg);
+        break;
+      case kIdle:
+        if (!to_int(optarg, 1, 3600000, &cfg.idleLimitMs)) return usage_error("bad --idle-ms " + arg);
+        break;
+      case kQuiet: cfg.quiet = true; break;
+      case kTrcom:
+        if (arg.find_first_of(" \r\n&?") != std::string::npos) return usage_error("bad --trcom");
+        cfg.trcomCommand = arg;
+        command = true;
+        break;
+      case kQuery:
+        if (arg.find_first_of(" \r\n") != std::string::npos) return usage_error("bad --query");
+        cfg.trcomQuery = arg;
+        command = true;
+        break;
+      case kHelp: std::fputs(kUsage, stdout); return 0;
+      default: return usage_error("unknown option");
+    }
+  }
+  if (optind < argc) return usage_error(std::string("unexpected argument ") + argv[optind]);
+  if (!haveControl) return usage_error("--control is required");
+  if (cfg.seconds == 0 && cfg.count == 0) cfg.seconds = 10;
+
+  otools::InstallStopSignals();
+  if (command) return otools::RunTrcom(cfg, otools::g_stopRequested, stdout);
+  return otools::RunViewer(cfg, otools::g_stopRequested, stdout, nullptr);
+}
