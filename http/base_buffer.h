@@ -107,7 +107,8 @@ protected:
     // "Content-Length:" of the parsed head, checked as the readers need it:
     // a missing header, a value below 1 (or not a number) and a value above
     // maxLength each set status 411 and their text and return
-    // HTTP_ERR_CONTENTLENGTH. SUCCESS stores the value in m_nContentLength.
+    // HTTP_ERR_CONTENTLENGTH. SUCCESS (and a value too large) stores the
+    // value in m_nContentLength.
     int CheckContentLength(const StaticArr_NameValToken_Class& headers, int maxLength);
 };
 

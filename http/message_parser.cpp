@@ -75,7 +75,7 @@ int HTTPMessageParser_Class::Fault(int status, DbPrintf_Class* pDB, const char* 
     vsnprintf(m_strError, sizeof m_strError, fmt, ap);
     va_end(ap);
     m_nStatus = status;
-    TimePrint(pDB, 1, "[HTTPMessageParser_Class::%s()] %s ::%d\n", func, m_strError, HTTP_INVALID_SYNTAX);
+    TimePrint(pDB, 1, "[%s()] %s ::%d\n", func, m_strError, HTTP_INVALID_SYNTAX);
     return HTTP_INVALID_SYNTAX;
 }
 
@@ -88,7 +88,7 @@ int HTTPMessageParser_Class::SkipRead_BeforeHTTPHeader_ReturnCode(DbPrintf_Class
         }
         m_nPos++;
     }
-    return Fault(400, pDB, "SkipRead_BeforeHTTPHeader_ReturnCode",
+    return Fault(400, pDB, "HTTPMessageParser_Class::SkipRead_BeforeHTTPHeader_ReturnCode",
                  "All receiving characters were return codes.");
 }
 
@@ -109,13 +109,13 @@ int HTTPMessageParser_Class::SkipRead_toNextChar(unsigned char stop, const unsig
             return SUCCESS;
         }
         if (codeMap[c] == 0) {
-            return Fault(400, pDB, "SkipRead_toNextChar", "[Offset %d]:Found illigal character. [0x%02x]",
+            return Fault(400, pDB, "HTTPMessageParser_Class::SkipRead_toNextChar", "[Offset %d]:Found illigal character. [0x%02x]",
                          m_nPos, c);
         }
         m_nPos++;
         len++;
     }
-    return Fault(400, pDB, "SkipRead_toNextChar",
+    return Fault(400, pDB, "HTTPMessageParser_Class::SkipRead_toNextChar",
                  "[Offset %d]:Syntax error. Not found charactor [0x%02x] , Start[offset %d] to hedder end.",
                  m_nPos, stop, first);
 }
@@ -156,7 +156,7 @@ int HTTPMessageParser_Class::SkipRead_BetweenSpace(int* count, DbPrintf_Class* p
     if (count != nullptr) {
         *count = n;
     }
-    return Fault(400, pDB, "SkipRead_BetweenSpace",
+    return Fault(400, pDB, "HTTPMessageParser_Class::SkipRead_BetweenSpace",
                  "[Offset %d]:Syntax error. Start[offset %d] to hedder end were Space[0x20].", m_nPos, first);
 }
 
@@ -170,7 +170,7 @@ int HTTPMessageParser_Class::GetNumber(long long* value, int* overflow, DbPrintf
     int first = m_nPos;
     for (;;) {
         if (m_nPos >= m_nSize) {
-            return Fault(400, pDB, "GetNumber", "[Offset %d]:Syntax error. In Number character parsing.", m_nPos);
+            return Fault(400, pDB, "HTTPMessageParser_Class::GetNumber", "[Offset %d]:Syntax error. In Number character parsing.", m_nPos);
         }
         unsigned char c = m_pBuf[m_nPos];
         if (c < '0' || c > '9') {
@@ -249,7 +249,7 @@ int HTTPMessageParser_Class::SkipRead_toNextLine(int* count, DbPrintf_Class* pDB
     if (count != nullptr) {
         *count = n;
     }
-    return Fault(400, pDB, "SkipRead_toNextLine", "[Offset %d]:Syntax error.", m_nPos);
+    return Fault(400, pDB, "HTTPMessageParser_Class::SkipRead_toNextLine", "[Offset %d]:Syntax error.", m_nPos);
 }
 
 int HTTPMessageParser_Class::SkipRead_toOneHedderLineEnd(int* start, int* length, DbPrintf_Class* pDB)
@@ -261,7 +261,7 @@ int HTTPMessageParser_Class::SkipRead_toOneHedderLineEnd(int* start, int* length
         m_nPos++;
     }
     if (m_nPos >= m_nSize) {
-        return Fault(400, pDB, "SkipRead_toOneHedderLineEnd", "[Offset %d]:Syntax error. Illigal header end.",
+        return Fault(400, pDB, "HTTPMessageParser_Class::SkipRead_toOneHedderLineEnd", "[Offset %d]:Syntax error. Illigal header end.",
                      m_nPos);
     }
 
@@ -289,13 +289,13 @@ int HTTPMessageParser_Class::SkipRead_toOneHedderLineEnd(int* start, int* length
         m_nPos++;
         return SUCCESS;
     }
-    return Fault(400, pDB, "SkipRead_toOneHedderLineEnd", "[Offset %d]:Syntax error. Illigal header end.",
+    return Fault(400, pDB, "HTTPMessageParser_Class::SkipRead_toOneHedderLineEnd", "[Offset %d]:Syntax error. Illigal header end.",
                  m_nPos);
 }
 
 int HTTPMessageParser_Class::Parsing_OneHeaderLine(int* endOfHeader, DbPrintf_Class* pDB)
 {
-    static const char kFunc[] = "Parsing_OneHeaderLine";
+    static const char kFunc[] = "HTTPMessageParser_Class::Parsing_OneHeaderLine";
     if (endOfHeader == nullptr) {
         return DEBUG_WARNING;
     }
@@ -374,5 +374,5 @@ int HTTPMessageParser_Class::Parsing_HedderLine(DbPrintf_Class* pDB)
             return SUCCESS;
         }
     }
-    return Fault(413, pDB, "Parsing_HedderLine", "HTTP hedder Lines Over %d.", HEADER_LINES_MAX);
+    return Fault(413, pDB, "HTTPMessageParser_Class::Parsing_HedderLine", "HTTP hedder Lines Over %d.", HEADER_LINES_MAX);
 }

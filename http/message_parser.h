@@ -106,7 +106,7 @@ protected:
     // scanner's text as it was and reports through a text of its own).
     void ResetParseState();
     // Sets the status, formats the text (cut to 512 bytes), logs it under
-    // the function's name and returns HTTP_INVALID_SYNTAX.
+    // function name given (qualified) and returns HTTP_INVALID_SYNTAX.
     int Fault(int status, DbPrintf_Class* pDB, const char* func, const char* fmt, ...)
         __attribute__((format(printf, 5, 6)));
 };

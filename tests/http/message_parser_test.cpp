@@ -4,27 +4,13 @@
 
 #include <cstring>
 #include <string>
-#include <vector>
 
 #include "common/return_codes.h"
 #include "common/string_buf.h"
 #include "http/char_tables.h"
+#include "parse_test_util.h"
 
 namespace {
-
-// The parser borrows its bytes; each run gets an exactly sized heap copy so
-// that AddressSanitizer reports any read past the end.
-struct Bytes {
-    explicit Bytes(const std::string& s) : v(s.begin(), s.end()) {}
-    unsigned char* data() { return v.empty() ? nullptr : v.data(); }
-    int size() const { return static_cast<int>(v.size()); }
-    std::vector<unsigned char> v;
-};
-
-std::string span(const OneToken_Class& t)
-{
-    return t.GetPtr() == nullptr ? std::string() : std::string(reinterpret_cast<const char*>(t.GetPtr()), t.GetLength());
-}
 
 std::string header(const HTTPMessageParser_Class& p, const char* name)
 {

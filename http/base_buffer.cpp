@@ -1,0 +1,234 @@
+#include "http/base_buffer.h"
+
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/time.h>
+
+#include "common/debug_log.h"
+#include "common/return_codes.h"
+#include "common/time_utils.h"
+#include "common/tokens.h"
+
+namespace {
+
+bool exit_requested(const SockExitFlag* exitFlag)
+{
+    return exitFlag != nullptr && exitFlag->load(std::memory_order_relaxed) == -1;
+}
+
+// Index just past the head's blank line, searching LFs in [from, filled):
+// LF LF ends it 2 bytes after the first LF, LF CR LF 3 bytes after. -1 when
+// the terminator is not (yet) complete.
+int find_head_end(const unsigned char* buf, int from, int filled)
+{
+    for (int i = from; i + 1 < filled; i++) {
+        if (buf[i] != '\n') {
+            continue;
+        }
+        if (buf[i + 1] == '\n') {
+            return i + 2;
+        }
+        if (buf[i + 1] == '\r' && i + 2 < filled && buf[i + 2] == '\n') {
+            return i + 3;
+        }
+    }
+    return -1;
+}
+
+}  // namespace
+
+HTTPBaseBuffer_Class::HTTPBaseBuffer_Class()
+{
+    m_strError[0] = '\0';
+}
+
+HTTPBaseBuffer_Class::~HTTPBaseBuffer_Class()
+{
+    free(m_pBuffer);
+}
+
+int HTTPBaseBuffer_Class::Init(int size, DbPrintf_Class* pDB)
+{
+    if (m_pBuffer != nullptr && size == m_nCapacity) {
+        ClearBuf(pDB);
+        memset(m_pBuffer, 0, m_nCapacity);
+        return ALREADY_INITIALIZE;
+    }
+    m_strError[0] = '\0';
+    // A zero size is refused as well: realloc to 0 bytes would free the old
+    // buffer, and an empty buffer can never hold a head.
+    if (size <= 0) {
+        TimePrint(pDB, 1, "[HTTPBaseBuffer_Class::Init()] size(%d) <= 0 ::%d\n", size, DEBUG_WARNING);
+        return DEBUG_WARNING;
+    }
+    void* p = realloc(m_pBuffer, static_cast<size_t>(size));
+    if (p == nullptr) {
+        TimePrint(pDB, 1, "[HTTPBaseBuffer_Class::Init()] realloc(%d) failed ::%d\n", size, MALLOC_ERROR);
+        return MALLOC_ERROR;
+    }
+    m_pBuffer = static_cast<unsigned char*>(p);
+    memset(m_pBuffer, 0, static_cast<size_t>(size));
+    m_nCapacity = size;
+    ClearBuf(pDB);
+    return SUCCESS;
+}
+
+int HTTPBaseBuffer_Class::ClearBuf(DbPrintf_Class*)
+{
+    m_nConsumed = 0;
+    m_nFilled = 0;
+    m_nHeaderStart = 0;
+    m_nHeaderLength = 0;
+    m_nBodyStart = 0;
+    m_nBodyLength = 0;
+    m_nContentLength = 0;
+    m_strError[0] = '\0';
+    m_nStatus = 0;
+    return SUCCESS;
+}
+
+int HTTPBaseBuffer_Class::ResetBuf(DbPrintf_Class* pDB)
+{
+    if (m_nConsumed < 0 || m_nConsumed > m_nCapacity || m_nFilled < 0 || m_nFilled > m_nCapacity ||
+        m_nConsumed > m_nFilled) {
+        TimePrint(pDB, 1, "[HTTPBaseBuffer_Class::ResetBuf()] Consumed(%d) Filled(%d) Capacity(%d) ::%d\n",
+                  m_nConsumed, m_nFilled, m_nCapacity, DEBUG_WARNING);
+        return DEBUG_WARNING;
+    }
+    int readAhead = 0;
+    if (m_nConsumed > 0 && m_nConsumed < m_nFilled) {
+        readAhead = m_nFilled - m_nConsumed;
+        memmove(m_pBuffer, m_pBuffer + m_nConsumed, static_cast<size_t>(readAhead));
+    }
+    // The virtual ClearBuf clears the derived parser (and its other fields)
+    // along with the offsets; only the read-ahead count survives.
+    ClearBuf(pDB);
+    m_nFilled = readAhead;
+    return SUCCESS;
+}
+
+void HTTPBaseBuffer_Class::PrepareNextMessage(DbPrintf_Class* pDB)
+{
+    if (ResetBuf(pDB) != SUCCESS) {
+        ClearBuf(pDB);
+    }
+}
+
+void HTTPBaseBuffer_Class::SetFailure(int status, const char* text)
+{
+    m_nStatus = status;
+    snprintf(m_strError, sizeof m_strError, "%s", text);
+}
+
+int HTTPBaseBuffer_Class::HttpRead_Header(int fd, int timeout_ms, SockExitFlag* exitFlag, DbPrintf_Class* pDB)
+{
+    long long countedUsec = 0;
+    m_nHeaderStart = m_nConsumed;
+    int searchFrom = m_nConsumed;
+
+    for (int pass = 0;; pass++) {
+        if (m_nFilled >= m_nCapacity) {
+            return DATA_LARGE_THEN_BUF;
+        }
+        if (exit_requested(exitFlag)) {
+            return LOOP_INTERRUPTED;
+        }
+
+        timeval before{};
+        gettimeofday(&before, nullptr);
+        int got = 0;
+        if (pass > 0 || m_nFilled <= m_nConsumed) {
+            int rc = Sock_Recv_OneBlock(fd, m_pBuffer + m_nFilled, m_nCapacity - m_nFilled, &got, timeout_ms,
+                                        SOCK_FIXED_FLAGS, pDB);
+            if (rc == SOCK_INTERRUPT) {
+                // A signal broke the wait: stop if it was the stop request,
+                // otherwise carry on as after a pass without data.
+                if (exit_requested(exitFlag)) {
+                    return LOOP_INTERRUPTED;
+                }
+                got = 0;
+            } else if (rc != SUCCESS) {
+                return rc;
+            } else if (got == 0) {
+                return SOCK_CLOSE;
+            }
+            m_nFilled += got;
+        }
+
+        int end = find_head_end(m_pBuffer, searchFrom, m_nFilled);
+        if (end >= 0) {
+            m_nHeaderLength = end - m_nHeaderStart;
+            m_nBodyStart = end;
+            m_nConsumed = end;
+            return SUCCESS;
+        }
+        // Resume near the end: a terminator may be split over receives, and
+        // its first LF can be up to two bytes before the last one received.
+        searchFrom = m_nFilled - 3 > m_nHeaderStart ? m_nFilled - 3 : m_nHeaderStart;
+
+        // Only passes shorter than the time-out count: a silent peer ends
+        // each pass by the wait's own time-out (returned above), a trickle
+        // adds up.
+        timeval after{};
+        gettimeofday(&after, nullptr);
+        long long spent = GetDifftime64(&before, &after);
+        if (spent / 1000 < timeout_ms) {
+            countedUsec += spent;
+        }
+        if (countedUsec / 1000 >= timeout_ms) {
+            return SOCK_TIMEOUT;
+        }
+    }
+}
+
+int HTTPBaseBuffer_Class::HttpRead_Body(int fd, int length, int timeout_ms, SockExitFlag* exitFlag,
+                                        DbPrintf_Class* pDB)
+{
+    if (length < 0 || m_nFilled < 0 || m_nFilled < m_nConsumed || m_nBodyStart > m_nFilled ||
+        m_nFilled > m_nCapacity || m_nBodyStart < 0) {
+        TimePrint(pDB, 1, "[HTTPBaseBuffer_Class::HttpRead_Body()] length(%d) BodyStart(%d) Filled(%d) ::%d\n",
+                  length, m_nBodyStart, m_nFilled, DEBUG_WARNING);
+        return DEBUG_WARNING;
+    }
+    long long end = static_cast<long long>(m_nBodyStart) + length;
+    if (end > m_nCapacity) {
+        return DATA_LARGE_THEN_BUF;
+    }
+    if (m_nFilled < end) {
+        int got = 0;
+        int rc = Sock_Recv(fd, m_pBuffer + m_nFilled, static_cast<int>(end) - m_nFilled, &got, timeout_ms,
+                           SOCK_FIXED_FLAGS, exitFlag, pDB);
+        if (rc == SUCCESS || rc == SOCK_TIMEOUT || rc == LOOP_INTERRUPTED) {
+            m_nFilled += got;  // these codes report what did arrive
+        }
+        if (rc != SUCCESS) {
+            TimePrint(pDB, 1, "[HTTPBaseBuffer_Class::HttpRead_Body()] Sock_Recv(sockfd %d) failed ::%d\n", fd, rc);
+            return HTTP_BODY_READ_FAILD;
+        }
+    }
+    m_nConsumed = static_cast<int>(end);
+    m_nBodyLength = length;
+    return SUCCESS;
+}
+
+int HTTPBaseBuffer_Class::CheckContentLength(const StaticArr_NameValToken_Class& headers, int maxLength)
+{
+    int value = 0;
+    int rc = headers.Search_NameToVal_RtnInt("Content-Length:", &value);
+    if (rc == NOTFOUND_ITEM) {
+        SetFailure(411, "'Content-Length:' Not found.");
+        return HTTP_ERR_CONTENTLENGTH;
+    }
+    if (rc != SUCCESS || value < 1) {
+        SetFailure(411, "'Content-Length' Illigal value.");
+        return HTTP_ERR_CONTENTLENGTH;
+    }
+    if (value > maxLength) {
+        m_nContentLength = value;  // kept for the caller's log
+        SetFailure(411, "'Content-Length:' too large.");
+        return HTTP_ERR_CONTENTLENGTH;
+    }
+    m_nContentLength = value;
+    return SUCCESS;
+}

@@ -1,0 +1,42 @@
+#include "http/multipart_parser.h"
+
+#include "common/return_codes.h"
+
+HTTPMultiPartResponseParser_Class::HTTPMultiPartResponseParser_Class(DbPrintf_Class* pDB)
+    : HTTPResponseParser_Class(pDB)
+{
+}
+
+HTTPMultiPartResponseParser_Class::~HTTPMultiPartResponseParser_Class() = default;
+
+int HTTPMultiPartResponseParser_Class::ParsingMulti(unsigned char* buf, int size, DbPrintf_Class* pDB)
+{
+    SetBuffer(buf, size);
+    // Extra line ends before the boundary line are skipped, so a stream that
+    // puts more than CR LF after a part's data still parses.
+    int rc = SkipRead_BeforeHTTPHeader_ReturnCode(pDB);
+    if (rc != SUCCESS) {
+        if (m_nStatus == 0) {
+            Fault(400, pDB, "HTTPMultiPartResponseParser_Class::ParsingMulti", "Syntax error before HTTP Header.");
+        }
+        return rc;
+    }
+    int start = 0;
+    int length = 0;
+    rc = SkipRead_toOneHedderLineEnd(&start, &length, pDB);
+    if (rc != SUCCESS) {
+        return rc;
+    }
+    m_Text.Clear();
+    if (length > 0) {
+        m_Text.Copy_OnlyPointer(m_pBuf + start, length);
+    }
+    rc = Parsing_HedderLine(pDB);
+    if (rc != SUCCESS) {
+        if (m_nStatus == 0) {
+            Fault(400, pDB, "HTTPMultiPartResponseParser_Class::ParsingMulti", "Syntax error in HTTP header.");
+        }
+        return rc;
+    }
+    return SUCCESS;
+}

@@ -1,0 +1,131 @@
+#include "http/request_buffer.h"
+
+#include "common/debug_log.h"
+#include "common/return_codes.h"
+
+HTTPRequestBuffer_Class::HTTPRequestBuffer_Class() = default;
+
+HTTPRequestBuffer_Class::~HTTPRequestBuffer_Class() = default;
+
+int HTTPRequestBuffer_Class::ClearBuf(DbPrintf_Class* pDB)
+{
+    Parser.Clear(pDB);
+    CGIParam.Clear(pDB);
+    return HTTPBaseBuffer_Class::ClearBuf(pDB);
+}
+
+int HTTPRequestBuffer_Class::HttpRead(int fd, int timeout_ms, SockExitFlag* exitFlag, DbPrintf_Class* pDB)
+{
+    PrepareNextMessage(pDB);
+
+    int rc = HttpRead_Header(fd, timeout_ms, exitFlag, pDB);
+    if (rc != SUCCESS) {
+        TimePrint(pDB, 1, "[HTTPRequestBuffer_Class::HttpRead()] HttpRead_Header(sockfd %d) failed ::%d\n", fd, rc);
+        if (rc == SOCK_TIMEOUT) {
+            SetFailure(408, "HTTP header read faild.");
+            return SOCK_TIMEOUT;
+        }
+        SetFailure(rc == DATA_LARGE_THEN_BUF ? 413 : 400, "HTTP header read faild.");
+        return HTTP_HEADER_READ_FAILD;
+    }
+
+    rc = Parser.Parsing(m_pBuffer + m_nHeaderStart, m_nHeaderLength, pDB);
+    if (rc != SUCCESS) {
+        TimePrint(pDB, 1, "[HTTPRequestBuffer_Class::HttpRead()] Parser.Parsing failed ::%d\n", rc);
+        // Only the request parser's own text is reported: a fault inside the
+        // header lines reaches the client with its status and an empty text.
+        SetFailure(Parser.m_nStatus, Parser.m_strRequestError);
+        return HTTP_INVALID_SYNTAX;
+    }
+
+    switch (Parser.Flag_Num) {
+    case HTTPRequestParser_Class::METHOD_GET:
+    case HTTPRequestParser_Class::METHOD_HEAD: {
+        const HTTPURIParser_Class& uri = Parser.URIParser;
+        if (uri.Flag_Have_CGIParam == 2) {
+            rc = CGIParam.Parsing(uri.CGIParam.GetPtr(), uri.CGIParam.GetLength(), pDB);
+            if (rc != SUCCESS) {
+                TimePrint(pDB, 1, "[HTTPRequestBuffer_Class::HttpRead()] CGIParam.Parsing failed ::%d\n", rc);
+                SetFailure(400, "Syntax error in CGI query string.");
+                return CGIPARAMS_SYNTAX_ERR;
+            }
+        }
+        m_nStatus = 200;
+        return SUCCESS;
+    }
+    case HTTPRequestParser_Class::METHOD_POST:
+        return ReadPostParams(fd, timeout_ms, exitFlag, pDB);
+    default:
+        TimePrint(pDB, 1, "[HTTPRequestBuffer_Class::HttpRead()] Unkown Method ::%d\n", HTTP_UNSUPPORT_METHOD);
+        SetFailure(415, "Unkown Method.");
+        return HTTP_UNSUPPORT_METHOD;
+    }
+}
+
+int HTTPRequestBuffer_Class::ReadPostParams(int fd, int timeout_ms, SockExitFlag* exitFlag, DbPrintf_Class* pDB)
+{
+    const StaticArr_NameValToken_Class& headers = Parser.m_HeaderLines;
+    int rc = CheckContentLength(headers, m_nCapacity - m_nBodyStart);
+    if (rc != SUCCESS) {
+        TimePrint(pDB, 1, "[HTTPRequestBuffer_Class::HttpRead()] %s ::%d\n", m_strError, rc);
+        return rc;
+    }
+    rc = HttpRead_Body(fd, m_nContentLength, timeout_ms, exitFlag, pDB);
+    if (rc != SUCCESS) {
+        TimePrint(pDB, 1,
+                  "[HTTPRequestBuffer_Class::HttpRead()] HttpRead_Body(sockfd %d,ContentLength %d) failed ::%d\n", fd,
+                  m_nContentLength, rc);
+        SetFailure(rc == SOCK_TIMEOUT ? 408 : 400, "HTTP body read faild.");
+        return HTTP_BODY_READ_FAILD;
+    }
+
+    const unsigned char* body = m_pBuffer + m_nBodyStart;
+    int paramOffset = 0;
+    int paramLength = m_nContentLength;
+    int parts = 0;
+    if (headers.Search_NameToVal_RtnInt("NumOfPart:", &parts) == SUCCESS && parts >= 1) {
+        int offset = 0;
+        rc = headers.Search_NameToVal_RtnInt("Part_0_Offset:", &offset);
+        if (rc == NOTFOUND_ITEM) {
+            SetFailure(400, "PiPP Syntax error. found 'NumOfPart' but not found 'Part_0_Offset:'");
+            return PIPP_SYNTAX_ERROR;
+        }
+        if (rc != SUCCESS || offset < 0 || offset > m_nContentLength - 1) {
+            SetFailure(400, "PiPP Syntax error. Illigal value 'Part_0_Offset:'");
+            return PIPP_SYNTAX_ERROR;
+        }
+        int length = 0;
+        rc = headers.Search_NameToVal_RtnInt("Part_0_Length:", &length);
+        if (rc == NOTFOUND_ITEM) {
+            SetFailure(400, "PiPP Syntax error. found 'NumOfPart' but not found 'Part_0_Length:'");
+            return PIPP_SYNTAX_ERROR;
+        }
+        if (rc != SUCCESS || length <= 0 || static_cast<long long>(offset) + length > m_nContentLength) {
+            SetFailure(400, "PiPP Syntax error. Illigal value 'Part_0_Length:'");
+            return PIPP_SYNTAX_ERROR;
+        }
+        paramOffset = offset;
+        paramLength = length;
+    }
+
+    rc = CGIParam.Parsing(body + paramOffset, paramLength, pDB);
+    if (rc != SUCCESS) {
+        TimePrint(pDB, 1, "[HTTPRequestBuffer_Class::HttpRead()] CGIParam.Parsing failed ::%d\n", rc);
+        SetFailure(400, "Syntax error in CGI query string.");
+        return CGIPARAMS_SYNTAX_ERR;
+    }
+    m_nStatus = 200;
+    return SUCCESS;
+}
+
+int HTTPRequestBuffer_Class::Is_KeepAlive(DbPrintf_Class*)
+{
+    if (m_nStatus == 0) {
+        return NOT_INITIALIZE;
+    }
+    bool http10 = Parser.m_nMajorVersion == 1 && Parser.m_nMinorVersion == 0;
+    if (m_nStatus == 200 && !http10 && Parser.m_nKeepAlive == 1) {
+        return SUCCESS;
+    }
+    return HTTP_CONNECTIONCLOSE;
+}

@@ -1,0 +1,69 @@
+#include "http/response_buffer.h"
+
+#include "common/debug_log.h"
+#include "common/return_codes.h"
+
+HTTPResponseBuffer_Class::HTTPResponseBuffer_Class() = default;
+
+HTTPResponseBuffer_Class::~HTTPResponseBuffer_Class() = default;
+
+int HTTPResponseBuffer_Class::ClearBuf(DbPrintf_Class* pDB)
+{
+    Parser.Clear(pDB);
+    return HTTPBaseBuffer_Class::ClearBuf(pDB);
+}
+
+int HTTPResponseBuffer_Class::HttpRead(int fd, int timeout_ms, SockExitFlag* exitFlag, DbPrintf_Class* pDB)
+{
+    PrepareNextMessage(pDB);
+
+    int rc = HttpRead_Header(fd, timeout_ms, exitFlag, pDB);
+    if (rc != SUCCESS) {
+        TimePrint(pDB, 1, "[HTTPResponseBuffer_Class::HttpRead()] HttpRead_Header(sockfd %d) failed ::%d\n", fd, rc);
+        if (rc == SOCK_TIMEOUT) {
+            SetFailure(408, "HTTP header read faild.");
+            return SOCK_TIMEOUT;
+        }
+        SetFailure(rc == DATA_LARGE_THEN_BUF ? 413 : 400, "HTTP header read faild.");
+        return HTTP_HEADER_READ_FAILD;
+    }
+
+    rc = Parser.Parsing(m_pBuffer + m_nHeaderStart, m_nHeaderLength, pDB);
+    if (rc != SUCCESS) {
+        TimePrint(pDB, 1, "[HTTPResponseBuffer_Class::HttpRead()] Parser.Parsing failed ::%d\n", rc);
+        SetFailure(Parser.m_nStatus, Parser.m_strError);
+        return HTTP_INVALID_SYNTAX;
+    }
+
+    rc = CheckContentLength(Parser.m_HeaderLines, m_nCapacity - m_nBodyStart);
+    if (rc != SUCCESS) {
+        TimePrint(pDB, 1, "[HTTPResponseBuffer_Class::HttpRead()] %s ::%d\n", m_strError, rc);
+        return rc;
+    }
+
+    rc = HttpRead_Body(fd, m_nContentLength, timeout_ms, exitFlag, pDB);
+    if (rc != SUCCESS) {
+        TimePrint(pDB, 1,
+                  "[HTTPResponseBuffer_Class::HttpRead()] HttpRead_Body(sockfd %d,ContentLength %d) failed ::%d\n",
+                  fd, m_nContentLength, rc);
+        // HttpRead_Body reports a time-out as HTTP_BODY_READ_FAILD too, so
+        // this is 400 in practice; the test is kept for a reader that
+        // passes SOCK_TIMEOUT through.
+        SetFailure(rc == SOCK_TIMEOUT ? 408 : 400, "HTTP body read faild.");
+        return HTTP_BODY_READ_FAILD;
+    }
+    m_nStatus = 200;
+    return SUCCESS;
+}
+
+int HTTPResponseBuffer_Class::Is_KeepAlive(DbPrintf_Class*)
+{
+    if (m_nStatus == 0) {
+        return NOT_INITIALIZE;
+    }
+    bool http10 = Parser.m_nMajorVersion == 1 && Parser.m_nMinorVersion == 0;
+    if (m_nStatus == 200 && !http10 && Parser.m_nKeepAlive == 1) {
+        return SUCCESS;
+    }
+    return HTTP_CONNECTIONCLOSE;
+}
