@@ -362,8 +362,10 @@ int CClient_HTTP_Common::SendRequest(const char* method, const char* version)
     }
     // Request line, the authorisation line when switched on, the tag lines
     // (each with its own CR LF), the blank line. Through a proxy the request
-    // names the target server in an absolute URI.
-    const bool auth = m_nAuth == 1;
+    // names the target server in an absolute URI. With the switch on but no
+    // credentials prepared (SetAuthString came before SetAuth(1)) there is no
+    // authorisation line: an empty one would end the head early.
+    const bool auth = m_nAuth == 1 && m_strAuth[0] != '\0';
     int len;
     if (m_nProxy == 1) {
         if (auth) {
