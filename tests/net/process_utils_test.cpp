@@ -1,0 +1,259 @@
+#include "net/process_utils.h"
+
+#include <errno.h>
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <sched.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <fstream>
+#include <mutex>
+#include <sstream>
+#include <string>
+#include <thread>
+
+#include "common/debug_log.h"
+#include "common/return_codes.h"
+
+namespace {
+
+std::string MakeTempDir()
+{
+    char tmpl[] = "/tmp/ostrel_proc_XXXXXX";
+    const char* dir = mkdtemp(tmpl);
+    EXPECT_NE(nullptr, dir);
+    return dir ? dir : "/tmp";
+}
+
+std::string ReadFile(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+void WriteFile(const std::string& path, const std::string& text)
+{
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out << text;
+}
+
+// Restores the dispositions a test changes, so later tests in the same
+// process see the defaults again.
+class SignalTest : public ::testing::Test {
+protected:
+    static constexpr int kSignals[] = {SIGINT, SIGTERM, SIGQUIT, SIGTSTP, SIGPIPE,
+                                       SIGUSR1, SIGUSR2, SIGCHLD, SIGTRAP, SIGHUP};
+    void SetUp() override
+    {
+        for (size_t i = 0; i < std::size(kSignals); i++) {
+            sigaction(kSignals[i], nullptr, &saved_[i]);
+        }
+    }
+    void TearDown() override
+    {
+        for (size_t i = 0; i < std::size(kSignals); i++) {
+            sigaction(kSignals[i], &saved_[i], nullptr);
+        }
+    }
+
+private:
+    struct sigaction saved_[std::size(kSignals)];
+};
+
+// ---------------------------------------------------------------------------
+// Pid file
+
+TEST(PidFile, WrittenPidReadsBack)
+{
+    const std::string dir = MakeTempDir();
+    const std::string path = dir + "/Ostrel_01.pid";
+    ASSERT_EQ(SUCCESS, gg_writePid(path.c_str()));
+    EXPECT_EQ(std::to_string(getpid()), ReadFile(path)) << "decimal, no newline";
+    int pid = 0;
+    ASSERT_EQ(SUCCESS, gg_readPid(path.c_str(), &pid));
+    EXPECT_EQ(getpid(), pid);
+
+    // An existing, longer file is truncated.
+    WriteFile(path, "999999999999");
+    ASSERT_EQ(SUCCESS, gg_writePid(path.c_str()));
+    EXPECT_EQ(std::to_string(getpid()), ReadFile(path));
+    unlink(path.c_str());
+    rmdir(dir.c_str());
+}
+
+TEST(PidFile, ReaderAcceptsAtMostSixCharacters)
+{
+    const std::string dir = MakeTempDir();
+    const std::string path = dir + "/pid";
+    struct Row {
+        const char* content;
+        int code;
+        int pid;
+        const char* note;
+    } rows[] = {
+        {"12345", SUCCESS, 12345, "ordinary"},
+        {"123456", SUCCESS, 123456, "six characters"},
+        {"1234567", READ_FAILED, -1, "seven characters"},
+        {"12345678901", READ_FAILED, -1, "far too long"},
+        {"4242\n", SUCCESS, 4242, "trailing newline of a hand-written file"},
+        {"", SUCCESS, 0, "empty file"},
+    };
+    for (const Row& r : rows) {
+        WriteFile(path, r.content);
+        int pid = -1;
+        EXPECT_EQ(r.code, gg_readPid(path.c_str(), &pid)) << r.note;
+        EXPECT_EQ(r.pid, pid) << r.note;
+    }
+    unlink(path.c_str());
+
+    int pid = -1;
+    EXPECT_EQ(CANNOT_FILEOPEN, gg_readPid(path.c_str(), &pid)) << "missing file";
+    EXPECT_EQ(INVALID_ARGUMENT, gg_readPid(nullptr, &pid));
+    EXPECT_EQ(INVALID_ARGUMENT, gg_writePid(nullptr));
+    EXPECT_EQ(CANNOT_FILEOPEN, gg_writePid((dir + "/no/such/dir/pid").c_str()));
+    rmdir(dir.c_str());
+}
+
+// ---------------------------------------------------------------------------
+// Signals
+
+TEST_F(SignalTest, Sigusr1InterruptsSelectOfTheThreadItIsSentTo)
+{
+    ASSERT_EQ(SUCCESS, SIGUSER1_Ignores());
+    std::atomic<bool> blocking{false};
+    std::atomic<bool> returned{false};
+    int result = 0, err = 0;
+    std::thread sleeper([&] {
+        timeval tv{120, 0};
+        blocking.store(true);
+        result = select(0, nullptr, nullptr, nullptr, &tv);
+        err = errno;
+        returned.store(true);
+    });
+    while (!blocking.load()) {
+        sched_yield();
+    }
+    // The signal may come just before the thread enters select: send it
+    // again until the thread reports back.
+    std::mutex m;
+    std::condition_variable cv;
+    while (!returned.load()) {
+        pthread_kill(sleeper.native_handle(), SIGUSR1);
+        std::unique_lock<std::mutex> lock(m);
+        cv.wait_for(lock, std::chrono::milliseconds(20));
+    }
+    sleeper.join();
+    EXPECT_EQ(-1, result);
+    EXPECT_EQ(EINTR, err);
+    EXPECT_EQ(0, g_Program_Command.load()) << "the do-nothing handler must do nothing";
+}
+
+TEST_F(SignalTest, WriteToClosedSocketFailsInsteadOfKillingTheProcess)
+{
+    ASSERT_EQ(SUCCESS, Set_IgnoresSignals_ForThisProgram());
+    int sv[2];
+    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, sv));
+    close(sv[1]);
+    errno = 0;
+    // A plain write, without MSG_NOSIGNAL: SIGPIPE is raised and caught.
+    EXPECT_EQ(-1, write(sv[0], "x", 1));
+    EXPECT_EQ(EPIPE, errno);
+    close(sv[0]);
+}
+
+// Runs body in a forked child with its own log and the daemon's signal
+// set-up; returns the child's wait status and the log's content.
+std::pair<int, std::string> RunInChild(void (*body)())
+{
+    const std::string dir = MakeTempDir();
+    const std::string logPath = dir + "/log.txt";
+    fflush(nullptr);
+    pid_t pid = fork();
+    if (pid == 0) {
+        g_pDB = new DbPrintf_Class(logPath.c_str(), 1);
+        g_Program_Command.store(0);
+        if (Set_ProgramTarminateSignal(g_pDB) != SUCCESS ||
+            Set_IgnoresSignals_ForThisProgram(g_pDB) != SUCCESS) {
+            _exit(10);
+        }
+        body();
+        _exit(0);
+    }
+    int status = -1;
+    waitpid(pid, &status, 0);
+    std::string log = ReadFile(logPath);
+    unlink(logPath.c_str());
+    rmdir(dir.c_str());
+    return {status, log};
+}
+
+// Signals may be delivered at the next safe point rather than inside raise()
+// (sanitizer runtimes defer them): wait for the effect, within a generous bound.
+bool WaitForStopCommand()
+{
+    for (long i = 0; i < 10000000 && g_Program_Command.load() != -1; i++) {
+        sched_yield();
+    }
+    return g_Program_Command.load() == -1;
+}
+
+TEST(TerminateSignal, SigtermAndSigintAskTheDaemonToStopAndAreLogged)
+{
+    struct Row {
+        void (*body)();
+        const char* line;
+    } rows[] = {
+        {[] {
+             raise(SIGTERM);
+             _exit(WaitForStopCommand() ? 0 : 20);
+         },
+         "Signal:SIGTERM\n"},
+        {[] {
+             raise(SIGINT);
+             _exit(WaitForStopCommand() ? 0 : 20);
+         },
+         "Signal:SIGINT\n"},
+    };
+    for (const Row& r : rows) {
+        auto [status, log] = RunInChild(r.body);
+        ASSERT_TRUE(WIFEXITED(status)) << r.line << " ended the process";
+        EXPECT_EQ(0, WEXITSTATUS(status)) << r.line;
+        ASSERT_FALSE(log.empty()) << r.line;
+        EXPECT_EQ('[', log[0]) << log;
+        const std::string tail = std::string("] ") + r.line;
+        ASSERT_GE(log.size(), tail.size());
+        EXPECT_EQ(tail, log.substr(log.size() - tail.size())) << log;
+    }
+}
+
+TEST(TerminateSignal, IgnoredSignalsNeitherEndTheProcessNorAskForAStop)
+{
+    auto [status, log] = RunInChild([] {
+        for (int sig : {SIGHUP, SIGQUIT, SIGTSTP, SIGPIPE, SIGUSR1, SIGUSR2, SIGCHLD, SIGTRAP}) {
+            raise(sig);
+        }
+        // Sanitizer runtimes may handle a raised signal a little later.
+        for (int i = 0; i < 1000; i++) {
+            sched_yield();
+        }
+        if (g_Program_Command.load() != 0) {
+            _exit(30);
+        }
+        _exit(0);
+    });
+    ASSERT_TRUE(WIFEXITED(status)) << "killed by signal " << WTERMSIG(status);
+    EXPECT_EQ(0, WEXITSTATUS(status));
+    EXPECT_EQ("", log);
+}
+
+}  // namespace
