@@ -1,0 +1,447 @@
+// The camera simulator seen from a client: the stream is read with plain
+// sockets and taken apart by a small multipart parser written here, so the
+// simulator's output is checked against the form a camera client expects,
+// not against the simulator's own code.
+
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <functional>
+#include <map>
+#include <thread>
+#include <string>
+#include <vector>
+
+#include "tools/camsim.h"
+#include "tools/jpeg_stamp.h"
+#include "tools/request_recorder.h"
+#include "tools/schedsim.h"
+
+namespace otools {
+namespace {
+
+constexpr char kStreamRequest[] =
+    "GET /axis-cgi/mjpg/video.cgi?showlength=1&camera=1 HTTP/1.0\r\nUser-Agent: Tarnmoor\r\n\r\n";
+
+int connect_local(int port) {
+  const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in sa{};
+  sa.sin_family = AF_INET;
+  sa.sin_port = htons(static_cast<uint16_t>(port));
+  sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  timeval tv{10, 0};  // generous: only a hung simulator gets near it
+  ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+  if (::connect(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa) != 0) {
+    ::close(fd);
+    return -1;
+  }
+  return fd;
+}
+
+// Reads until the peer closes (or resets); at most `limit` bytes.
+std::string read_all(int fd, size_t limit = 64u << 20, bool* reset = nullptr) {
+  std::string out;
+  char buf[65536];
+  while (out.size() < limit) {
+    const ssize_t n = ::recv(fd, buf, sizeof buf, 0);
+    if (n < 0 && reset) *reset = errno == ECONNRESET;
+    if (n <= 0) break;
+    out.append(buf, static_cast<size_t>(n));
+  }
+  return out;
+}
+
+std::string fetch(int port, const std::string& request, bool* reset = nullptr) {
+  const int fd = connect_local(port);
+  EXPECT_GE(fd, 0);
+  if (fd < 0) return "";
+  ::send(fd, request.data(), request.size(), MSG_NOSIGNAL);
+  std::string all = read_all(fd, 64u << 20, reset);
+  ::close(fd);
+  return all;
+}
+
+struct Part {
+  std::map<std::string, std::string> headers;
+  std::string data;
+  bool complete = false;
+};
+
+struct Stream {
+  int status = 0;
+  std::string head, boundary;
+  std::vector<Part> parts;
+  bool lost = false;  // bytes where a boundary line belongs
+};
+
+// Multipart stream as a camera client reads it: head, then per part the
+// boundary line, header lines, a blank line, Content-Length bytes of data
+// (or, without a length, everything up to the next boundary line) and CR LF.
+Stream parse_stream(const std::string& s) {
+  Stream st;
+  const size_t headEnd = s.find("\r\n\r\n");
+  if (headEnd == std::string::npos) return st;
+  st.head = s.substr(0, headEnd + 4);
+  if (std::sscanf(st.head.c_str(), "HTTP/1.%*d %d", &st.status) != 1) return st;
+  const size_t b = st.head.find("boundary=");
+  if (b == std::string::npos) return st;
+  st.boundary = st.head.substr(b + 9, st.head.find("\r\n", b) - b - 9);
+  const std::string delim = "--" + st.boundary + "\r\n";
+  size_t pos = headEnd + 4;
+  while (pos < s.size()) {
+    while (pos < s.size() && (s[pos] == '\r' || s[pos] == '\n')) ++pos;
+    if (pos >= s.size()) break;
+    Part p;
+    if (s.compare(pos, delim.size(), delim) != 0) {
+      st.lost = true;
+      break;
+    }
+    pos += delim.size();
+    const size_t hend = s.find("\r\n\r\n", pos - 2);
+    if (hend == std::string::npos) {
+      st.parts.push_back(p);
+      break;
+    }
+    for (size_t l = pos; l < hend + 2;) {
+      const size_t e = s.find("\r\n", l);
+      const std::string line = s.substr(l, e - l);
+      const size_t colon = line.find(": ");
+      if (colon != std::string::npos) p.headers[line.substr(0, colon)] = line.substr(colon + 2);
+      l = e + 2;
+    }
+    pos = hend + 4;
+    if (p.headers.count("Content-Length")) {
+      const size_t len = std::stoul(p.headers["Content-Length"]);
+      p.data = s.substr(pos, len);
+      p.complete = pos + len + 2 <= s.size() && s.compare(pos + len, 2, "\r\n") == 0;
+      pos += len + 2;
+    } else {
+      // Up to the next boundary line, or to the CR LF before the close.
+      size_t next = s.find("\r\n--" + st.boundary, pos);
+      p.complete = next != std::string::npos || s.compare(s.size() - 2, 2, "\r\n") == 0;
+      if (next == std::string::npos) next = p.complete ? s.size() - 2 : s.size();
+      p.data = s.substr(pos, next - pos);
+      pos = next + 2;
+    }
+    st.parts.push_back(p);
+  }
+  return st;
+}
+
+CamSimConfig local_config() {
+  CamSimConfig cfg;
+  cfg.port = 0;
+  cfg.fps = 0;
+  cfg.width = 64;
+  cfg.height = 48;
+  cfg.distinct = 3;
+  cfg.quiet = true;
+  cfg.frames = 4;
+  return cfg;
+}
+
+TEST(CamSimTest, StreamHasTheCameraFormAndRisingStamps) {
+  const std::string recordPath =
+      std::string(OSTREL_BINARY_DIR) + "/camsim_test_requests." + std::to_string(::getpid());
+  std::remove(recordPath.c_str());
+  CamSimConfig cfg = local_config();
+  cfg.recordPath = recordPath;
+  CamSim sim(cfg);
+  std::string err;
+  ASSERT_TRUE(sim.Start(&err)) << err;
+
+  const Stream st = parse_stream(fetch(sim.Port(), kStreamRequest));
+  EXPECT_EQ(st.status, 200);
+  EXPECT_NE(st.head.find("Content-Type: multipart/x-mixed-replace; boundary=myboundary\r\n"),
+            std::string::npos);
+  EXPECT_EQ(st.boundary, "myboundary");
+  EXPECT_FALSE(st.lost);
+  ASSERT_EQ(st.parts.size(), 4u);
+  uint64_t lastSeq = 0;
+  for (const Part& p : st.parts) {
+    EXPECT_TRUE(p.complete);
+    EXPECT_EQ(p.headers.at("Content-Type"), "image/jpeg");
+    const uint8_t* d = reinterpret_cast<const uint8_t*>(p.data.data());
+    EXPECT_EQ(CheckJpegStructure(d, p.data.size()), "");
+    uint64_t seq = 0;
+    int64_t t = 0;
+    ASSERT_TRUE(ReadStamp(d, p.data.size(), &seq, &t));
+    EXPECT_EQ(seq, lastSeq + 1);
+    lastSeq = seq;
+  }
+  // A second connection continues the numbering.
+  const Stream again = parse_stream(fetch(sim.Port(), kStreamRequest));
+  ASSERT_FALSE(again.parts.empty());
+  uint64_t seq = 0;
+  int64_t t = 0;
+  ASSERT_TRUE(ReadStamp(reinterpret_cast<const uint8_t*>(again.parts[0].data.data()),
+                        again.parts[0].data.size(), &seq, &t));
+  EXPECT_EQ(seq, 5u);
+
+  sim.Stop();
+  const std::vector<RecordedRequest> recs = ReadRequestRecords(recordPath);
+  ASSERT_EQ(recs.size(), 2u);
+  EXPECT_EQ(recs[0].raw, kStreamRequest);
+  EXPECT_NE(recs[0].header.find(" peer=127.0.0.1:"), std::string::npos);
+  std::remove(recordPath.c_str());
+}
+
+TEST(CamSimTest, RequestsOutsideTheStreamAreRefused) {
+  CamSimConfig cfg = local_config();
+  cfg.auth = true;
+  cfg.user = "root";
+  cfg.password = "pass";
+  cfg.cameras = 2;
+  CamSim sim(cfg);
+  std::string err;
+  ASSERT_TRUE(sim.Start(&err)) << err;
+  const std::string auth = "Authorization: Basic cm9vdDpwYXNz\r\n";  // root:pass
+  struct Row {
+    std::string request;
+    int status;
+    const char* note;
+  } rows[] = {
+      {"GET /axis-cgi/mjpg/video.cgi?showlength=1&camera=1 HTTP/1.0\r\n" + auth + "\r\n", 200,
+       "credentials right"},
+      {"GET /axis-cgi/mjpg/video.cgi?showlength=1&camera=1 HTTP/1.0\r\n\r\n", 401,
+       "no credentials"},
+      {"GET /axis-cgi/mjpg/video.cgi?camera=1 HTTP/1.0\r\nAuthorization: Basic cm9vdDpwYXN0\r\n\r\n",
+       401, "wrong password"},
+      {"GET /axis-cgi/mjpg/video.cgi?showlength=1&camera=3 HTTP/1.0\r\n" + auth + "\r\n", 404,
+       "camera beyond the count"},
+      {"GET /axis-cgi/mjpg/video.cgi?camera=x HTTP/1.0\r\n" + auth + "\r\n", 404,
+       "camera not a number"},
+      {"GET /index.html HTTP/1.0\r\n" + auth + "\r\n", 404, "other path"},
+      {"POST /axis-cgi/mjpg/video.cgi HTTP/1.0\r\n" + auth + "\r\n", 405, "other method"},
+      {"\x01\x02garbage\r\n\r\n", 400, "not HTTP"},
+  };
+  for (const Row& r : rows) {
+    SCOPED_TRACE(r.note);
+    const std::string answer = fetch(sim.Port(), r.request);
+    int status = 0;
+    std::sscanf(answer.c_str(), "HTTP/1.%*d %d", &status);
+    EXPECT_EQ(status, r.status);
+    if (r.status == 401) {
+      EXPECT_NE(answer.find("WWW-Authenticate: Basic realm="), std::string::npos);
+    }
+  }
+}
+
+TEST(CamSimTest, PartsCarryNoLengthUnlessAskedFor) {
+  CamSim sim(local_config());
+  std::string err;
+  ASSERT_TRUE(sim.Start(&err)) << err;
+  const Stream st = parse_stream(fetch(
+      sim.Port(), "GET /axis-cgi/mjpg/video.cgi?camera=1 HTTP/1.0\r\n\r\n"));
+  ASSERT_EQ(st.parts.size(), 4u);
+  for (const Part& p : st.parts) {
+    EXPECT_EQ(p.headers.count("Content-Length"), 0u);
+    EXPECT_EQ(CheckJpegStructure(reinterpret_cast<const uint8_t*>(p.data.data()), p.data.size()),
+              "");
+  }
+}
+
+size_t jpeg_end(const std::string& d) { return d.find("\xFF\xD9") + 2; }
+
+TEST(CamSimTest, FaultsHitTheChosenPart) {
+  struct Row {
+    CamFault fault;
+    long long arg;
+    bool argSet;
+    const char* note;
+    std::function<void(const std::string& raw, const Stream& st, bool reset)> check;
+  } rows[] = {
+      {CamFault::kDrop, 0, false, "closes after two parts",
+       [](const std::string&, const Stream& st, bool) {
+         ASSERT_EQ(st.parts.size(), 2u);
+         EXPECT_TRUE(st.parts[1].complete);
+       }},
+      {CamFault::kTruncate, 0, false, "third part shorter than announced",
+       [](const std::string&, const Stream& st, bool) {
+         ASSERT_EQ(st.parts.size(), 3u);
+         EXPECT_FALSE(st.parts[2].complete);
+         EXPECT_LT(st.parts[2].data.size(), std::stoul(st.parts[2].headers.at("Content-Length")));
+       }},
+      {CamFault::kReset, 0, false, "third part cut by a reset",
+       [](const std::string&, const Stream& st, bool reset) {
+         EXPECT_TRUE(reset);
+         ASSERT_GE(st.parts.size(), 2u);
+         if (st.parts.size() == 3) {
+           EXPECT_FALSE(st.parts[2].complete);
+         }
+       }},
+      {CamFault::kNoLength, 0, false, "third part without a length",
+       [](const std::string&, const Stream& st, bool) {
+         ASSERT_EQ(st.parts.size(), 4u);
+         EXPECT_EQ(st.parts[2].headers.count("Content-Length"), 0u);
+         EXPECT_EQ(st.parts[3].headers.count("Content-Length"), 1u);
+       }},
+      {CamFault::kZeroLength, 0, false, "third part empty",
+       [](const std::string&, const Stream& st, bool) {
+         ASSERT_EQ(st.parts.size(), 4u);
+         EXPECT_EQ(st.parts[2].headers.at("Content-Length"), "0");
+         EXPECT_TRUE(st.parts[2].data.empty());
+       }},
+      {CamFault::kWrongLength, -100, true, "third part announces 100 bytes too few",
+       [](const std::string&, const Stream& st, bool) {
+         ASSERT_GE(st.parts.size(), 3u);
+         const std::string& d = st.parts[2].data;
+         // The data were cut at the announced length, so no EOI in them.
+         EXPECT_EQ(d.find("\xFF\xD9"), std::string::npos);
+         EXPECT_EQ(std::stoul(st.parts[2].headers.at("Content-Length")), d.size());
+         EXPECT_TRUE(st.lost);
+       }},
+      {CamFault::kOversize, 900000, true, "third part is a 900000-byte picture",
+       [](const std::string&, const Stream& st, bool) {
+         ASSERT_EQ(st.parts.size(), 4u);
+         const std::string& d = st.parts[2].data;
+         EXPECT_EQ(d.size(), 900000u);
+         EXPECT_EQ(jpeg_end(d), d.size());
+         EXPECT_EQ(CheckJpegStructure(reinterpret_cast<const uint8_t*>(d.data()), d.size()), "");
+       }},
+      {CamFault::kGarbageHead, 0, false, "head that is not HTTP",
+       [](const std::string& raw, const Stream& st, bool) {
+         EXPECT_EQ(st.status, 0);
+         EXPECT_EQ(raw.compare(0, 4, "AXIS"), 0);
+       }},
+      {CamFault::kStatus, 0, false, "status 503",
+       [](const std::string&, const Stream& st, bool) { EXPECT_EQ(st.status, 503); }},
+  };
+  for (const Row& r : rows) {
+    SCOPED_TRACE(r.note);
+    CamSimConfig cfg = local_config();
+    cfg.fault = r.fault;
+    cfg.faultAt = 3;
+    cfg.faultArg = r.arg;
+    cfg.faultArgSet = r.argSet;
+    cfg.faultConnections = 1;
+    CamSim sim(cfg);
+    std::string err;
+    ASSERT_TRUE(sim.Start(&err)) << err;
+    if (r.fault == CamFault::kGarbageHead) {
+      // The simulator holds a garbage connection open: read the head only.
+      const int fd = connect_local(sim.Port());
+      ::send(fd, kStreamRequest, sizeof kStreamRequest - 1, MSG_NOSIGNAL);
+      char buf[256];
+      const ssize_t n = ::recv(fd, buf, sizeof buf, 0);
+      const std::string raw(buf, n > 0 ? static_cast<size_t>(n) : 0);
+      r.check(raw, parse_stream(raw), false);
+      ::close(fd);
+    } else {
+      bool reset = false;
+      const std::string raw = fetch(sim.Port(), kStreamRequest, &reset);
+      r.check(raw, parse_stream(raw), reset);
+    }
+    // Only the first connection was to get the fault.
+    const Stream clean = parse_stream(fetch(sim.Port(), kStreamRequest));
+    EXPECT_EQ(clean.parts.size(), 4u);
+    EXPECT_FALSE(clean.lost);
+  }
+}
+
+// Regression guard for shutdown while busy: a stalled connection must not
+// keep Stop() from returning, and the client then sees the close.
+TEST(CamSimTest, StopEndsAStalledConnection) {
+  CamSimConfig cfg = local_config();
+  cfg.frames = 0;
+  cfg.fault = CamFault::kStall;
+  cfg.faultAt = 2;
+  CamSim sim(cfg);
+  std::string err;
+  ASSERT_TRUE(sim.Start(&err)) << err;
+  const int fd = connect_local(sim.Port());
+  ::send(fd, kStreamRequest, sizeof kStreamRequest - 1, MSG_NOSIGNAL);
+  std::string got;
+  char buf[65536];
+  // Wait for the whole first part: it ends with the picture's EOI and CR LF.
+  while (got.find("\xFF\xD9\r\n") == std::string::npos) {
+    const ssize_t n = ::recv(fd, buf, sizeof buf, 0);
+    ASSERT_GT(n, 0);
+    got.append(buf, static_cast<size_t>(n));
+  }
+  while (sim.FramesSent() < 1) std::this_thread::yield();
+  sim.Stop();
+  got += read_all(fd);
+  ::close(fd);
+  EXPECT_EQ(parse_stream(got).parts.size(), 1u);
+  EXPECT_EQ(sim.FramesSent(), 1u);
+}
+
+TEST(CamSimTest, ConcurrentConnectionsShareOneSequence) {
+  CamSimConfig cfg = local_config();
+  cfg.frames = 20;
+  CamSim sim(cfg);
+  std::string err;
+  ASSERT_TRUE(sim.Start(&err)) << err;
+  std::vector<std::string> raws(4);
+  std::vector<std::thread> clients;
+  for (auto& raw : raws) clients.emplace_back([&] { raw = fetch(sim.Port(), kStreamRequest); });
+  for (auto& c : clients) c.join();
+  std::vector<uint64_t> all;
+  for (const std::string& raw : raws) {
+    const Stream st = parse_stream(raw);
+    ASSERT_EQ(st.parts.size(), 20u);
+    uint64_t last = 0;
+    for (const Part& p : st.parts) {
+      uint64_t seq = 0;
+      int64_t t = 0;
+      ASSERT_TRUE(ReadStamp(reinterpret_cast<const uint8_t*>(p.data.data()), p.data.size(), &seq, &t));
+      EXPECT_GT(seq, last);
+      last = seq;
+      all.push_back(seq);
+    }
+  }
+  std::sort(all.begin(), all.end());
+  EXPECT_EQ(std::adjacent_find(all.begin(), all.end()), all.end());
+  EXPECT_EQ(all.back(), 80u);
+}
+
+TEST(SchedSimTest, AnswersTheStopRequestAndRecordsEveryRequest) {
+  SchedSimConfig cfg;
+  cfg.port = 0;
+  cfg.quiet = true;
+  cfg.recordStdout = false;
+  SchedSim sim(cfg);
+  std::string err;
+  ASSERT_TRUE(sim.Start(&err)) << err;
+  const std::string stop =
+      "GET /cgi-bin/scheduleServer.cgi?p_name=StorageSchedule&p_version=1"
+      "&command=stop_urgent_storage_wpp_ch&channel_no=3 HTTP/1.0\r\nUser-Agent: Tarnmoor\r\n\r\n";
+  struct Row {
+    std::string request;
+    int status;
+    const char* note;
+  } rows[] = {
+      {stop, 200, "the stop request"},
+      {"GET /cgi-bin/scheduleServer.cgi?p_name=StorageSchedule&p_version=2"
+       "&command=stop_urgent_storage_wpp_ch&channel_no=3 HTTP/1.0\r\n\r\n", 400, "wrong version"},
+      {"GET /cgi-bin/scheduleServer.cgi?p_name=StorageSchedule&p_version=1"
+       "&command=stop_urgent_storage_wpp_ch HTTP/1.0\r\n\r\n", 400, "no channel"},
+      {"GET /cgi-bin/other.cgi HTTP/1.0\r\n\r\n", 404, "other path"},
+  };
+  for (const Row& r : rows) {
+    SCOPED_TRACE(r.note);
+    const std::string answer = fetch(sim.Port(), r.request);
+    int status = 0, length = -1;
+    std::sscanf(answer.c_str(), "HTTP/1.0 %d", &status);
+    EXPECT_EQ(status, r.status);
+    const size_t cl = answer.find("Content-Length: ");
+    ASSERT_NE(cl, std::string::npos);
+    std::sscanf(answer.c_str() + cl, "Content-Length: %d", &length);
+    // A body of at least one and at most 1024 bytes: what the relay accepts.
+    EXPECT_EQ(answer.size() - answer.find("\r\n\r\n") - 4, static_cast<size_t>(length));
+    EXPECT_GE(length, 1);
+    EXPECT_LE(length, 1024);
+  }
+  EXPECT_EQ(sim.Requests(), 4);
+  EXPECT_EQ(sim.Stops(), 1);
+}
+
+}  // namespace
+}  // namespace otools
