@@ -1,0 +1,101 @@
+#include "conf/write_if_changed.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include "common/return_codes.h"
+#include "common/string_buf.h"
+
+namespace {
+
+class WriteIfChangedTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        char tmpl[] = "/tmp/ostrel_wicXXXXXX";
+        ASSERT_NE(mkdtemp(tmpl), nullptr);
+        dir_ = tmpl;
+        path_ = dir_ + "/file";
+        oldMask_ = umask(022);
+    }
+    void TearDown() override
+    {
+        umask(oldMask_);
+        std::string cmd = "rm -rf '" + dir_ + "'";
+        ASSERT_EQ(std::system(cmd.c_str()), 0);
+    }
+    int put(const std::string& text)
+    {
+        StringBuf_Class buf(256);
+        buf.add("%s", text.c_str());
+        return FileIsNewCheck_AndWrite(path_.c_str(), &buf);
+    }
+    std::string content()
+    {
+        std::ifstream in(path_, std::ios::binary);
+        std::ostringstream ss;
+        ss << in.rdbuf();
+        return ss.str();
+    }
+    struct stat info()
+    {
+        struct stat st {};
+        EXPECT_EQ(stat(path_.c_str(), &st), 0);
+        return st;
+    }
+    std::string dir_;
+    std::string path_;
+    mode_t oldMask_ = 0;
+};
+
+TEST_F(WriteIfChangedTest, NewFileIsWrittenWithMode0666)
+{
+    ASSERT_EQ(put("hello"), SUCCESS);
+    EXPECT_EQ(content(), "hello");
+    EXPECT_EQ(info().st_mode & 0777, 0666u) << "the mode is set explicitly, past the umask";
+}
+
+TEST_F(WriteIfChangedTest, SameContentIsNotRewritten)
+{
+    ASSERT_EQ(put("0123456789"), SUCCESS);
+    // Backdate the file: a rewrite would show as a new modification time.
+    struct timeval past[2] = {{1000000000, 0}, {1000000000, 0}};
+    ASSERT_EQ(utimes(path_.c_str(), past), 0);
+    const ino_t inode = info().st_ino;
+
+    ASSERT_EQ(put("0123456789"), SUCCESS);
+    EXPECT_EQ(info().st_mtime, 1000000000);
+    EXPECT_EQ(info().st_ino, inode);
+
+    ASSERT_EQ(put("abcdefghij"), SUCCESS) << "same size, other bytes";
+    EXPECT_EQ(content(), "abcdefghij");
+    EXPECT_NE(info().st_mtime, 1000000000);
+}
+
+TEST_F(WriteIfChangedTest, ShorterContentLeavesTheOldTail)
+{
+    ASSERT_EQ(put("AAAAAAAAAABBBBBBBBBB"), SUCCESS);
+    ASSERT_EQ(put("0123456789"), SUCCESS);
+    EXPECT_EQ(content(), "0123456789BBBBBBBBBB");
+    ASSERT_EQ(put("0123456789BBBBBBBBBBxyz"), SUCCESS) << "longer content extends the file";
+    EXPECT_EQ(content(), "0123456789BBBBBBBBBBxyz");
+}
+
+TEST_F(WriteIfChangedTest, FailuresAreReported)
+{
+    StringBuf_Class buf(16);
+    EXPECT_EQ(FileIsNewCheck_AndWrite(nullptr, &buf), DEBUG_WARNING);
+    EXPECT_EQ(FileIsNewCheck_AndWrite(path_.c_str(), nullptr), DEBUG_WARNING);
+    buf.add("x");
+    EXPECT_EQ(FileIsNewCheck_AndWrite((dir_ + "/no/dir/file").c_str(), &buf), SYS_FUNC_ERROR);
+}
+
+}  // namespace
