@@ -1,0 +1,179 @@
+// The pre-image protocol of the control port: one viewer logs in, pulls the
+// buffered JPEG pictures one after another out of the frame FIFO, and logs
+// out. Every answer has status 200; the outcome is the body text.
+
+#include <stdio.h>
+#include <string.h>
+#include <sys/time.h>
+
+#include "common/debug_log.h"
+#include "common/return_codes.h"
+#include "common/time_utils.h"
+#include "control/control_port_server.h"
+#include "control/request_view.h"
+#include "control/shared_state.h"
+#include "fifo/frame_fifo.h"
+#include "http/response_writer.h"
+
+namespace {
+
+constexpr int kOptionSize = 128;
+
+// "IMAGE_ID0000:" line, at most 127 characters with its CR LF.
+constexpr int kImageIdLineMax = 127;
+// The whole extra header block, at most 511 characters.
+constexpr int kExtraHeadersMax = 511;
+
+// Builds the extra header lines of an image answer from the frame's option
+// text. The option text is cut so that the IMAGE_ID line, CR LF included,
+// stays within its 127 characters: a cut line would leave the head without
+// its line end.
+void compose_image_headers(const char* option, char* out, int outSize)
+{
+    static const char kPrefix[] = "IMAGE_ID0000:";
+    const int maxText = kImageIdLineMax - (static_cast<int>(sizeof(kPrefix)) - 1) - 2;
+    char imageId[kImageIdLineMax + 1];
+    snprintf(imageId, sizeof(imageId), "%s%.*s\r\n", kPrefix, maxText, option);
+    snprintf(out, outSize, "TarnDataType: %s\r\n%sOFFSET_TIME: 0\r\n", "Ostrel", imageId);
+}
+
+}  // namespace
+
+int ControlPort_ServerThread::DoCommand_Ptipimg__img_login(DbPrintf_Class* pDB)
+{
+    long long top = 0;
+    long long tail = 0;
+    int rc = g_Fifo.GetTopTailDataNo(&top, &tail);
+    if (rc == SUCCESS) {
+        // Only frames stored after the login are handed out.
+        g_NextDataID.store(tail + 1, std::memory_order_relaxed);
+    } else if (rc == CHANNEL_NO_DATA) {
+        g_NextDataID.store(0, std::memory_order_relaxed);
+    } else {
+        // The error answer is followed by the login answer on the same
+        // connection: the login itself does not depend on the FIFO.
+        TimePrint(pDB, 1, "ERROR_SYSTEM:failed at GetTopTailDataNo\n");
+        AnswerText("ERROR_SYSTEM:", pDB);
+    }
+
+    g_flagLoginUserExist.store(1, std::memory_order_relaxed);
+    timeval now;
+    gettimeofday(&now, nullptr);
+    SetNowTimePT(now);
+
+    m_Header.clear();
+    m_Body.clear();
+    m_Body.add("LOGIN_SUCCESS:%d:\r\n", kUserId);
+    ResponceSend_ConnectionClose(200, pDB);
+    return HTTP_CONNECTIONCLOSE;
+}
+
+int ControlPort_ServerThread::DoCommand_Ptipimg__get_image(DbPrintf_Class* pDB)
+{
+    int userId = 0;
+    if (!request_param_int(m_Request, "img_user_id=", &userId)) {
+        TimePrint(pDB, 1, "ControlPort_ServerThread:ptippreimg.cgi get_image Error.Not found img_user_id=[200]\n");
+        AnswerText("ERROR_SYSTEM:", pDB);
+        return HTTP_CONNECTIONCLOSE;
+    }
+    if (userId != kUserId || g_flagLoginUserExist.load(std::memory_order_relaxed) != 1) {
+        TimePrint(pDB, 1, "ControlPort_ServerThread:ptippreimg.cgi get_image Error.This img_user_id is not login:[200]\n");
+        AnswerText("ERROR_USER_ID:", pDB);
+        return HTTP_CONNECTIONCLOSE;
+    }
+    if (g_ConnectState.load(std::memory_order_relaxed) != 1) {
+        TimePrint(pDB, 1, "ControlPort_ServerThread:ptippreimg.cgi get_image Error.ERROR_TRANSLATOR_RECEIVE:[200]\n");
+        AnswerText("ERROR_TRANSLATOR_RECEIVE:", pDB);
+        return HTTP_CONNECTIONCLOSE;
+    }
+
+    char* pVideo = nullptr;
+    int videoCapacity = 0;
+    char option[kOptionSize + 1] = {};
+    _StrOutInfo info{};
+    int attempts = 0;
+    bool fifoEmpty = false;
+    for (;;) {
+        // A FIFO failure is answered and tried again at once, without
+        // counting an attempt. That retry ends when the answer cannot be
+        // sent any more (the viewer has gone) or a stop is asked, so a FIFO
+        // that keeps failing cannot hold the thread for ever.
+        long long top = 0;
+        long long tail = 0;
+        int rc = g_Fifo.GetTopTailDataNo(&top, &tail);
+        fifoEmpty = (rc == CHANNEL_NO_DATA);
+        if (rc != SUCCESS && rc != CHANNEL_NO_DATA) {
+            TimePrint(pDB, 1, "ControlPort_ServerThread:ptippreimg.cgi get_image Error.failed at g_Fifo.GetTopTailDataNo[200]\n");
+            if (AnswerText("ERROR_SYSTEM:", pDB) != SUCCESS || StopRequested())
+                return HTTP_CONNECTIONCLOSE;
+            continue;
+        }
+        long long next = g_NextDataID.load(std::memory_order_relaxed);
+        if (rc == SUCCESS && next <= tail) {
+            memset(option, 0, sizeof(option));
+            rc = g_Fifo.GetData2(next, &pVideo, &videoCapacity, option, kOptionSize, &info);
+            if (rc == SUCCESS)
+                break;
+            TimePrint(pDB, 1, "ControlPort_ServerThread:ptippreimg.cgi get_image Error.failed at g_Fifo.GetData2[200]\n");
+            if (AnswerText("ERROR_SYSTEM:", pDB) != SUCCESS || StopRequested())
+                return HTTP_CONNECTIONCLOSE;
+            continue;
+        }
+
+        UsecSleep(kPauseUsec, pDB);
+        ++attempts;
+        if (StopRequested()) {
+            AnswerText("ERROR_USER_ID:", pDB);
+            m_nExitMark.store(-1, std::memory_order_relaxed);
+            return HTTP_CONNECTIONCLOSE;
+        }
+        if (attempts >= kFrameWaitAttempts) {
+            if (fifoEmpty)
+                TimePrint(pDB, 1, "ControlPort_ServerThread:ptippreimg.cgi get_image Error.ERROR_TRANSLATOR_RECEIVE for timeout:[200]\n");
+            AnswerText("ERROR_TRANSLATOR_RECEIVE:", pDB);
+            return HTTP_CONNECTIONCLOSE;
+        }
+    }
+
+    // The FIFO may deliver a later frame than asked for when the asked one
+    // has already been overwritten.
+    g_NextDataID.store(info.lnDataNo + 1, std::memory_order_relaxed);
+
+    char extra[kExtraHeadersMax + 1];
+    compose_image_headers(option, extra, sizeof(extra));
+
+    // The picture goes out straight from the FIFO slot: it stays intact for
+    // the write-only zone's number of frames after this one.
+    m_Header.clear();
+    int rc = HttpResponse_MakeMessage_Header(&m_Header, 200, MinorVersion(), 0, "image/jpeg", extra,
+                                             info.nDataSize_Video, pDB);
+    if (rc != SUCCESS) {
+        TimePrint(pDB, 1, "[ControlPort_ServerThread::DoCommand_Ptipimg__get_image] HttpResponse_MakeMessage_Header failed ::%d\n", rc);
+        return HTTP_CONNECTIONCLOSE;
+    }
+    int bodyLength = IsHeadRequest() ? 0 : info.nDataSize_Video;
+    HttpResponse_SendMessage(m_nConnectFd, m_Header.c_str(), m_Header.length(), pVideo, bodyLength,
+                             kSendTimeoutMs, &m_nCommand, pDB);
+    return HTTP_CONNECTIONCLOSE;
+}
+
+int ControlPort_ServerThread::DoCommand_Ptipimg__img_logout(DbPrintf_Class* pDB)
+{
+    int userId = 0;
+    if (!request_param_int(m_Request, "img_user_id=", &userId)) {
+        TimePrint(pDB, 1, "ControlPort_ServerThread:ptippreimg.cgi img_logout Error.Not found img_user_id=[200]\n");
+        AnswerText("ERROR_SYSTEM:", pDB);
+        return HTTP_CONNECTIONCLOSE;
+    }
+    if (userId != kUserId) {
+        TimePrint(pDB, 1, "ControlPort_ServerThread:ptippreimg.cgi img_logout Error.This img_user_id is not login[200]\n");
+        AnswerText("ERROR_LOGOUT:", pDB);
+        return HTTP_CONNECTIONCLOSE;
+    }
+    g_flagLoginUserExist.store(0, std::memory_order_relaxed);
+    m_Header.clear();
+    m_Body.clear();
+    m_Body.add("LOGOUT_SUCCESS:%d:IMAGE\r\n", kUserId);
+    ResponceSend_ConnectionClose(200, pDB);
+    return HTTP_CONNECTIONCLOSE;
+}
