@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <fstream>
-#include <regex>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -48,16 +47,45 @@ protected:
     // build stamp's format only (the actual build date is not known here).
     static std::string VersionTime(const std::string& doc)
     {
-        std::smatch m;
-        std::regex re(" <PPD_VersionTime>([^<]*)</PPD_VersionTime>\n");
-        return std::regex_search(doc, m, re) ? m[1].str() : std::string("<missing>");
+        const std::string open = " <PPD_VersionTime>";
+        const size_t from = doc.find(open);
+        const size_t to = doc.find("</PPD_VersionTime>\n");
+        if (from == std::string::npos || to == std::string::npos || to < from) {
+            return "<missing>";
+        }
+        return doc.substr(from + open.size(), to - from - open.size());
     }
 
     std::string m_Dir;
     std::string m_Path;
 };
 
-const char kDate[] = "(Jan|Feb|Mar|Apr|May|Jun|Jul|Aug|Sep|Oct|Nov|Dec) ( [1-9]|[12][0-9]|3[01]) [0-9]{4}";
+bool IsDigits(const std::string& s, size_t pos, size_t n)
+{
+    for (size_t i = pos; i < pos + n; i++) {
+        if (i >= s.size() || s[i] < '0' || s[i] > '9') return false;
+    }
+    return true;
+}
+
+// "Mmm dd yyyy": English month, day padded with a blank, four-digit year.
+bool IsBuildDate(const std::string& s)
+{
+    static const std::string months = "JanFebMarAprMayJunJulAugSepOctNovDec";
+    if (s.size() != 11 || s[3] != ' ' || s[6] != ' ') return false;
+    const size_t m = months.find(s.substr(0, 3));
+    if (m == std::string::npos || m % 3 != 0) return false;
+    const bool day = (s[4] == ' ' && s[5] >= '1' && s[5] <= '9') ||
+                     (s[4] >= '1' && s[4] <= '3' && IsDigits(s, 5, 1));
+    return day && IsDigits(s, 7, 4);
+}
+
+// "HH:MM:SS".
+bool IsBuildTime(const std::string& s)
+{
+    return s.size() == 8 && IsDigits(s, 0, 2) && s[2] == ':' && IsDigits(s, 3, 2) && s[5] == ':' &&
+           IsDigits(s, 6, 2);
+}
 
 TEST_F(StatesFileTest, PlainDocumentByteForByte)
 {
@@ -70,7 +98,8 @@ TEST_F(StatesFileTest, PlainDocumentByteForByte)
 
     const std::string doc = ReadFile();
     const std::string stamp = VersionTime(doc);
-    EXPECT_TRUE(std::regex_match(stamp, std::regex(std::string("[0-2][0-9]:[0-5][0-9]:[0-5][0-9] ") + kDate)))
+    EXPECT_TRUE(stamp.size() == 20 && IsBuildTime(stamp.substr(0, 8)) && stamp[8] == ' ' &&
+                IsBuildDate(stamp.substr(9)))
         << stamp;
     EXPECT_EQ(doc,
               "<PPD.States>\n"
@@ -99,7 +128,7 @@ TEST_F(StatesFileTest, CommentDocumentCarriesDateAloneAndTruncatesOldContent)
     ASSERT_EQ(states.StatesWrite_WithComment("ErrorExit", "Control Listen Port , can not open."), SUCCESS);
     const std::string doc = ReadFile();
     const std::string stamp = VersionTime(doc);
-    EXPECT_TRUE(std::regex_match(stamp, std::regex(kDate))) << stamp;
+    EXPECT_TRUE(IsBuildDate(stamp)) << stamp;
     EXPECT_EQ(plainStamp.substr(9), stamp) << "both writers name the same build";
     EXPECT_EQ(doc,
               "<PPD.States>\n"
