@@ -123,9 +123,16 @@ void HTTPBaseBuffer_Class::SetFailure(int status, const char* text)
 
 int HTTPBaseBuffer_Class::HttpRead_Header(int fd, int timeout_ms, SockExitFlag* exitFlag, DbPrintf_Class* pDB)
 {
+    return ReadHead(fd, timeout_ms, exitFlag, false, pDB);
+}
+
+int HTTPBaseBuffer_Class::ReadHead(int fd, int timeout_ms, SockExitFlag* exitFlag, bool skipLeadingLineEnds,
+                                   DbPrintf_Class* pDB)
+{
     long long countedUsec = 0;
     m_nHeaderStart = m_nConsumed;
     int searchFrom = m_nConsumed;
+    bool leading = skipLeadingLineEnds;
 
     for (int pass = 0;; pass++) {
         if (m_nFilled >= m_nCapacity) {
@@ -156,7 +163,14 @@ int HTTPBaseBuffer_Class::HttpRead_Header(int fd, int timeout_ms, SockExitFlag* 
             m_nFilled += got;
         }
 
-        int end = find_head_end(m_pBuffer, searchFrom, m_nFilled);
+        if (leading) {
+            // Line ends before the head are not its blank line.
+            while (searchFrom < m_nFilled && (m_pBuffer[searchFrom] == '\r' || m_pBuffer[searchFrom] == '\n')) {
+                searchFrom++;
+            }
+            leading = searchFrom == m_nFilled;
+        }
+        int end = leading ? -1 : find_head_end(m_pBuffer, searchFrom, m_nFilled);
         if (end >= 0) {
             m_nHeaderLength = end - m_nHeaderStart;
             m_nBodyStart = end;
@@ -165,7 +179,9 @@ int HTTPBaseBuffer_Class::HttpRead_Header(int fd, int timeout_ms, SockExitFlag* 
         }
         // Resume near the end: a terminator may be split over receives, and
         // its first LF can be up to two bytes before the last one received.
-        searchFrom = m_nFilled - 3 > m_nHeaderStart ? m_nFilled - 3 : m_nHeaderStart;
+        if (!leading) {
+            searchFrom = m_nFilled - 3 > searchFrom ? m_nFilled - 3 : searchFrom;
+        }
 
         // Only passes shorter than the time-out count: a silent peer ends
         // each pass by the wait's own time-out (returned above), a trickle

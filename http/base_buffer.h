@@ -98,6 +98,10 @@ public:
     int m_nConsumed = 0;
 
 protected:
+    // HttpRead_Header; with skipLeadingLineEnds, CR and LF bytes before the
+    // head are passed over before the search starts (a part's data may be
+    // followed by more line ends than the one pair the reader consumes).
+    int ReadHead(int fd, int timeout_ms, SockExitFlag* exitFlag, bool skipLeadingLineEnds, DbPrintf_Class* pDB);
     // Status and error text of a failed step, for the derived readers.
     void SetFailure(int status, const char* text);
     // ResetBuf, falling back to ClearBuf when the counters were left

@@ -111,7 +111,7 @@ int HTTPMultiPartResponseBuffer_Class::HttpReadMulti(int fd, int timeout_ms, Soc
 {
     PrepareNextMessage(pDB);
 
-    int rc = HttpRead_Header(fd, timeout_ms, exitFlag, pDB);
+    int rc = ReadHead(fd, timeout_ms, exitFlag, true, pDB);
     if (rc != SUCCESS) {
         TimePrint(pDB, 1, "[HTTPMultiPartResponseBuffer_Class::HttpReadMulti()] HttpRead_Header(sockfd %d) failed ::%d\n",
                   fd, rc);

@@ -42,7 +42,8 @@ public:
     int HttpReadFirst(int fd, int timeout_ms, SockExitFlag* exitFlag, DbPrintf_Class* pDB = nullptr);
 
     // Reads the next part. SUCCESS with m_nStatus 200 and the part in place
-    // (see above). Failures: SOCK_TIMEOUT (408), HTTP_HEADER_READ_FAILD (413
+    // (see above). Line ends before the boundary line (a stream that puts
+    // more than CR LF after a part's data) are skipped. Failures: SOCK_TIMEOUT (408), HTTP_HEADER_READ_FAILD (413
     // or 400), HTTP_INVALID_SYNTAX (bad part head), HTTP_ERR_CONTENTLENGTH
     // (411: missing, below 1, or the part and its CR LF do not fit after the
     // head; nothing of the body is read then), HTTP_BODY_READ_FAILD (400/408).

@@ -1,0 +1,159 @@
+#include "http/request_buffer.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "common/return_codes.h"
+#include "loopback_peer.h"
+#include "parse_test_util.h"
+
+namespace {
+
+constexpr int kTimeoutMs = 5000;
+
+struct RequestRow {
+    std::string input;
+    int code;
+    int status;
+    const char* error;
+    const char* params;  // "name=value;..." (checked on SUCCESS)
+    int keepAlive;
+    const char* note;
+};
+
+std::string Post(const std::string& extraHeaders, const std::string& body, const std::string& target = "/trcom.cgi")
+{
+    return "POST " + target + " HTTP/1.1\r\nContent-Length: " + std::to_string(body.size()) + "\r\n" + extraHeaders +
+           "\r\n" + body;
+}
+
+std::string ManyHeaders(int n)
+{
+    std::string head = "GET / HTTP/1.1\r\n";
+    for (int i = 0; i < n; i++) {
+        head += "X: v\r\n";
+    }
+    return head + "\r\n";
+}
+
+// 100 bytes that are no valid parameters, then a 20-byte part that is.
+const std::string kPiPPBody = std::string(100, '<') + "img_login=1&ab=12345";
+const std::string kPiPPHeaders = "NumOfPart: 1\r\nPart_0_Offset: 100\r\nPart_0_Length: 20\r\n";
+
+const RequestRow kRequestRows[] = {
+    {"GET /ptippreimg.cgi?get_image=1 HTTP/1.0\r\n\r\n", SUCCESS, 200, "", "get_image=1", HTTP_CONNECTIONCLOSE,
+     "query parameters, version 1.0 not kept"},
+    {"GET /ptippreimg.cgi HTTP/1.1\r\nHost: x\r\n\r\n", SUCCESS, 200, "", "", SUCCESS, "no parameters, kept"},
+    {"HEAD /x?a=&b=2 HTTP/1.1\r\nConnection: close\r\n\r\n", SUCCESS, 200, "", "a=\\0;b=2", HTTP_CONNECTIONCLOSE,
+     "HEAD with an empty value"},
+    {"GET /a/../b HTTP/1.1\r\n\r\n", HTTP_INVALID_SYNTAX, 400, "Syntax error in URI", "", HTTP_CONNECTIONCLOSE,
+     "dot-dot"},
+    {"DELETE / HTTP/1.1\r\n\r\n", HTTP_UNSUPPORT_METHOD, 415, "Unkown Method.", "", HTTP_CONNECTIONCLOSE,
+     "unknown method"},
+    {"GET /x?a=1& HTTP/1.1\r\n\r\n", CGIPARAMS_SYNTAX_ERR, 400, "Syntax error in CGI query string.", "",
+     HTTP_CONNECTIONCLOSE, "trailing ampersand"},
+    {"GET / HTTP/1.1\r\nBad Header: 1\r\n\r\n", HTTP_INVALID_SYNTAX, 400, "", "", HTTP_CONNECTIONCLOSE,
+     "header fault reaches the caller with an empty text"},
+    {ManyHeaders(127), SUCCESS, 200, "", "", SUCCESS, "127 header lines"},
+    {ManyHeaders(128), HTTP_INVALID_SYNTAX, 413, "", "", HTTP_CONNECTIONCLOSE, "128 header lines"},
+    {Post("", "a=1&b=2"), SUCCESS, 200, "", "a=1;b=2", SUCCESS, "POST body parameters"},
+    {Post("", "a=1", "/trcom.cgi?zz=9"), SUCCESS, 200, "", "a=1", SUCCESS, "a POST's query is not parsed"},
+    {Post("", "a=1\r\n"), SUCCESS, 200, "", "a=1", SUCCESS, "body closed by a line end"},
+    {Post("", "a&"), CGIPARAMS_SYNTAX_ERR, 400, "Syntax error in CGI query string.", "", HTTP_CONNECTIONCLOSE,
+     "bad body parameters"},
+    {"POST / HTTP/1.1\r\n\r\n", HTTP_ERR_CONTENTLENGTH, 411, "'Content-Length:' Not found.", "",
+     HTTP_CONNECTIONCLOSE, "POST without Content-Length"},
+    {"POST / HTTP/1.1\r\nContent-Length: 0\r\n\r\n", HTTP_ERR_CONTENTLENGTH, 411, "'Content-Length' Illigal value.",
+     "", HTTP_CONNECTIONCLOSE, "empty POST"},
+    {"POST / HTTP/1.1\r\nContent-Length: 2000\r\n\r\n", HTTP_ERR_CONTENTLENGTH, 411, "'Content-Length:' too large.",
+     "", HTTP_CONNECTIONCLOSE, "body larger than the room after the head"},
+    {Post(kPiPPHeaders, kPiPPBody), SUCCESS, 200, "", "img_login=1;ab=12345", SUCCESS,
+     "parameters from part 0 only"},
+    {Post(kPiPPHeaders, kPiPPBody.substr(0, 119)), PIPP_SYNTAX_ERROR, 400,
+     "PiPP Syntax error. Illigal value 'Part_0_Length:'", "", HTTP_CONNECTIONCLOSE, "part runs past the body"},
+    {Post("NumOfPart: 1\r\nPart_0_Length: 3\r\n", "a=1"), PIPP_SYNTAX_ERROR, 400,
+     "PiPP Syntax error. found 'NumOfPart' but not found 'Part_0_Offset:'", "", HTTP_CONNECTIONCLOSE,
+     "offset missing"},
+    {Post("NumOfPart: 1\r\nPart_0_Offset: 0\r\n", "a=1"), PIPP_SYNTAX_ERROR, 400,
+     "PiPP Syntax error. found 'NumOfPart' but not found 'Part_0_Length:'", "", HTTP_CONNECTIONCLOSE,
+     "length missing"},
+    {Post("NumOfPart: 1\r\nPart_0_Offset: 3\r\nPart_0_Length: 1\r\n", "a=1"), PIPP_SYNTAX_ERROR, 400,
+     "PiPP Syntax error. Illigal value 'Part_0_Offset:'", "", HTTP_CONNECTIONCLOSE, "offset at the body's end"},
+    {Post("NumOfPart: 1\r\nPart_0_Offset: 0\r\nPart_0_Length: 0\r\n", "a=1"), PIPP_SYNTAX_ERROR, 400,
+     "PiPP Syntax error. Illigal value 'Part_0_Length:'", "", HTTP_CONNECTIONCLOSE, "zero length"},
+    {Post("NumOfPart: 0\r\nPart_0_Offset: 2\r\n", "a=1"), SUCCESS, 200, "", "a=1", SUCCESS,
+     "no parts: the whole body"},
+};
+
+void CheckRow(const RequestRow& row, const std::vector<std::string>& pieces)
+{
+    HTTPRequestBuffer_Class buf;
+    ASSERT_EQ(SUCCESS, buf.Init(1024));
+    int rc = 0;
+    FeedInPieces(pieces, false, [&](int fd) { rc = buf.HttpRead(fd, kTimeoutMs, nullptr); });
+    EXPECT_EQ(row.code, rc);
+    EXPECT_EQ(row.status, buf.m_nStatus);
+    EXPECT_STREQ(row.error, buf.m_strError);
+    EXPECT_EQ(row.keepAlive, buf.Is_KeepAlive());
+    if (rc == SUCCESS) {
+        EXPECT_EQ(row.params, pairs(buf.CGIParam.m_Params));
+    }
+}
+
+TEST(RequestBuffer, TableWholeAndSplit)
+{
+    for (const RequestRow& row : kRequestRows) {
+        {
+            SCOPED_TRACE(std::string(row.note) + ", whole");
+            CheckRow(row, {row.input});
+        }
+        // Splits at every offset of the short requests; the long ones at a
+        // few offsets around the blank line and inside the body.
+        size_t n = row.input.size();
+        size_t blank = row.input.find("\r\n\r\n");
+        for (size_t cut = 1; cut < n; cut++) {
+            bool near = blank != std::string::npos && cut + 4 >= blank && cut <= blank + 6;
+            if (n > 120 && !near && cut % 37 != 0) {
+                continue;
+            }
+            SCOPED_TRACE(std::string(row.note) + ", split at " + std::to_string(cut));
+            CheckRow(row, SplitAt(row.input, cut));
+        }
+    }
+}
+
+TEST(RequestBuffer, SilentClientTimesOutWith408)
+{
+    HTTPRequestBuffer_Class buf;
+    ASSERT_EQ(SUCCESS, buf.Init(1024));
+    LoopbackPair pair;
+    pair.Send("GET / HTTP/1.1\r\n");
+    EXPECT_EQ(SOCK_TIMEOUT, buf.HttpRead(pair.reader(), 50, nullptr));
+    EXPECT_EQ(408, buf.m_nStatus);
+    EXPECT_STREQ("HTTP header read faild.", buf.m_strError);
+}
+
+// Two requests in one write on a kept connection: the second one's
+// parameters must not be mixed up with the first one's, and it is read from
+// the read-ahead.
+TEST(RequestBuffer, PipelinedRequestsKeepTheirOwnParameters)
+{
+    HTTPRequestBuffer_Class buf;
+    ASSERT_EQ(SUCCESS, buf.Init(1024));
+    std::string first = Post("", "a=1&b=2");
+    std::string second = "GET /ptippreimg.cgi?img_logout=7 HTTP/1.1\r\n\r\n";
+    std::string params1;
+    std::string params2;
+    FeedInPieces({first + second}, true, [&](int fd) {
+        ASSERT_EQ(SUCCESS, buf.HttpRead(fd, kTimeoutMs, nullptr));
+        params1 = pairs(buf.CGIParam.m_Params);
+        ASSERT_EQ(SUCCESS, buf.HttpRead(fd, kTimeoutMs, nullptr));
+        params2 = pairs(buf.CGIParam.m_Params);
+    });
+    EXPECT_EQ("a=1;b=2", params1);
+    EXPECT_EQ("img_logout=7", params2);
+    EXPECT_EQ("/ptippreimg.cgi", span(buf.Parser.URIParser.FileName));
+}
+
+}  // namespace
