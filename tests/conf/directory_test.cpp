@@ -28,109 +28,80 @@ protected:
         unlink(m_Path.c_str());
         rmdir(m_Dir.c_str());
     }
-    void WriteConf(const std::string& bytes) const
+    int Parse(const std::string& bytes)
     {
-        std::ofstream out(m_Path, std::ios::binary | std::ios::trunc);
-        out << bytes;
+        std::ofstream(m_Path, std::ios::binary) << bytes;
+        return m_Conf.Parsing_FromFile(m_Path.c_str());
     }
-    static std::string Dir(const char* text) { return text ? text : "<absent>"; }
+    static std::string Text(const char* dir) { return dir ? dir : "<absent>"; }
 
     std::string m_Dir;
     std::string m_Path;
-};
-
-struct DirRow {
-    std::string doc;
-    int code;
-    const char* sockDir;  // null: absent
-    const char* statesDir;
-    const char* note;
+    PPD_Directory_Class m_Conf;
 };
 
 TEST_F(DirectoryTest, DocumentTable)
 {
-    const std::string longDir = "/" + std::string(300, 'd');
-    const std::vector<DirRow> rows = {
-        {"<Directory.Conf><UnixDomainSockDir>/tmp/sock</UnixDomainSockDir><StatesDir>/var/run/x/</StatesDir>"
-         "</Directory.Conf>",
-         SUCCESS, "/tmp/sock/", "/var/run/x/", "'/' added only where missing"},
-        {"<Directory.Conf>\n <StatesDir>  /a/b/  </StatesDir>\n</Directory.Conf>", SUCCESS, nullptr, "/a/b/",
-         "cut text, no second '/'"},
-        {"<Directory.Conf><StatesDir>\r\n\t/a b\r\n</StatesDir></Directory.Conf>", SUCCESS, nullptr, "/a b/",
-         "inner blank kept"},
-        {"<Directory.Conf><StatesDir>   </StatesDir><UnixDomainSockDir/></Directory.Conf>", SUCCESS, nullptr,
-         nullptr, "blank and empty children count as absent"},
-        {"<Directory.Conf><StatesDir><x>/a</x></StatesDir></Directory.Conf>", SUCCESS, nullptr, nullptr,
-         "child elements instead of text"},
-        {"<Directory.Conf><Other>/o</Other><StatesDir>/s</StatesDir><StatesDir>/t</StatesDir></Directory.Conf>",
-         SUCCESS, nullptr, "/s/", "other children ignored, first StatesDir counts"},
-        {"<Directory.Conf/>", SUCCESS, nullptr, nullptr, "no children"},
-        {"<Directory.Conf><StatesDir>" + longDir + "</StatesDir></Directory.Conf>", SUCCESS, nullptr,
-         nullptr /* checked below */, "long text is cut to the field"},
-        {"<Directory><StatesDir>/s</StatesDir></Directory>", XMLPARSER_PARSER_ERROR, nullptr, nullptr, "wrong root"},
-        {"  ", XMLPARSER_PARSER_ERROR, nullptr, nullptr, "no root at all"},
-        {"<Directory.Conf><StatesDir>/s</Statesdir></Directory.Conf>", XMLPARSER_PARSER_ERROR, nullptr, nullptr,
-         "mismatched tags"},
-        {"", CANNOT_FILEOPEN, nullptr, nullptr, "empty file"},
+    struct Row {
+        std::string doc;
+        int code;
+        std::string sockDir, statesDir;
+        const char* note;
     };
-    for (const DirRow& row : rows) {
+    const std::string longDir = "/" + std::string(300, 'd');
+    const std::string root = "<Directory.Conf>", end = "</Directory.Conf>";
+    const std::vector<Row> rows = {
+        {root + "<UnixDomainSockDir>/tmp/s</UnixDomainSockDir><StatesDir>/run/x/</StatesDir>" + end, SUCCESS,
+         "/tmp/s/", "/run/x/", "'/' added only where missing"},
+        {root + "\n <StatesDir>  /a/b/  </StatesDir>\n" + end, SUCCESS, "<absent>", "/a/b/", "cut, no second '/'"},
+        {root + "<StatesDir>\r\n\t/a  b\r\n</StatesDir>" + end, SUCCESS, "<absent>", "/a b/", "inner run folded"},
+        {root + "<StatesDir>   </StatesDir><UnixDomainSockDir/>" + end, SUCCESS, "<absent>", "<absent>",
+         "blank and empty children count as absent"},
+        {root + "<StatesDir><x>/a</x></StatesDir>" + end, SUCCESS, "<absent>", "<absent>", "elements, not text"},
+        {root + "<O>/o</O><StatesDir>/s</StatesDir><StatesDir>/t</StatesDir>" + end, SUCCESS, "<absent>", "/s/",
+         "other children ignored, first StatesDir counts"},
+        {root + "<StatesDir>" + longDir + "</StatesDir>" + end, SUCCESS, "<absent>", longDir.substr(0, 255),
+         "long text is cut to the field"},
+        {"<Directory><StatesDir>/s</StatesDir></Directory>", XMLPARSER_PARSER_ERROR, "<absent>", "<absent>",
+         "wrong root"},
+        {"  ", XMLPARSER_PARSER_ERROR, "<absent>", "<absent>", "no root at all"},
+        {root + "<StatesDir>/s</Statesdir>" + end, XMLPARSER_PARSER_ERROR, "<absent>", "<absent>", "mismatched tags"},
+        {"", CANNOT_FILEOPEN, "<absent>", "<absent>", "empty file"},
+    };
+    for (const Row& row : rows) {
         SCOPED_TRACE(row.note);
-        WriteConf(row.doc);
-        PPD_Directory_Class dir;
-        // A previous read must not leak into a failing one.
-        WriteConf("<Directory.Conf><StatesDir>/old</StatesDir></Directory.Conf>");
-        ASSERT_EQ(dir.Parsing_FromFile(m_Path.c_str()), SUCCESS);
-        WriteConf(row.doc);
-        ASSERT_EQ(dir.Parsing_FromFile(m_Path.c_str()), row.code);
-        EXPECT_EQ(Dir(dir.GetUnixDomainSockDir()), Dir(row.sockDir));
-        if (row.doc.find(longDir) != std::string::npos) {
-            EXPECT_EQ(Dir(dir.GetStatesDir()), longDir.substr(0, 255));
-        } else {
-            EXPECT_EQ(Dir(dir.GetStatesDir()), Dir(row.statesDir));
-        }
+        // What an earlier read found must not survive into this one.
+        ASSERT_EQ(Parse(root + "<StatesDir>/old</StatesDir><UnixDomainSockDir>/u</UnixDomainSockDir>" + end), SUCCESS);
+        ASSERT_EQ(Parse(row.doc), row.code);
+        EXPECT_EQ(Text(m_Conf.GetUnixDomainSockDir()), row.sockDir);
+        EXPECT_EQ(Text(m_Conf.GetStatesDir()), row.statesDir);
     }
-}
-
-TEST_F(DirectoryTest, MissingFileIsReportedAndLeavesDirectoriesAbsent)
-{
-    PPD_Directory_Class dir;
-    EXPECT_EQ(dir.Parsing_FromFile((m_Dir + "/none").c_str()), CANNOT_FILEOPEN);
-    EXPECT_EQ(dir.GetStatesDir(), nullptr);
-    EXPECT_EQ(dir.Parsing_FromFile(nullptr), DEBUG_WARNING);
+    EXPECT_EQ(m_Conf.Parsing_FromFile((m_Dir + "/none").c_str()), CANNOT_FILEOPEN);
 }
 
 TEST_F(DirectoryTest, StatesFilePathRule)
 {
-    PPD_Directory_Class dir;
     char path[256];
-    ASSERT_EQ(dir.Make_StatesFilePath("cam01", path, sizeof path), SUCCESS);
+    ASSERT_EQ(m_Conf.Make_StatesFilePath("cam01", path, sizeof path), SUCCESS);
     EXPECT_STREQ(path, "tmp.cam01.States");
 
-    WriteConf("<Directory.Conf><StatesDir>/var/run/x</StatesDir></Directory.Conf>");
-    ASSERT_EQ(dir.Parsing_FromFile(m_Path.c_str()), SUCCESS);
-    ASSERT_EQ(dir.Make_StatesFilePath("cam01", path, sizeof path), SUCCESS);
+    ASSERT_EQ(Parse("<Directory.Conf><StatesDir>/var/run/x</StatesDir></Directory.Conf>"), SUCCESS);
+    ASSERT_EQ(m_Conf.Make_StatesFilePath("cam01", path, sizeof path), SUCCESS);
     EXPECT_STREQ(path, "/var/run/x/cam01.States");
-
     char small[12];
-    EXPECT_EQ(dir.Make_StatesFilePath("cam01", small, sizeof small), DATA_LARGE_THEN_BUF);
+    EXPECT_EQ(m_Conf.Make_StatesFilePath("cam01", small, sizeof small), DATA_LARGE_THEN_BUF);
     EXPECT_STREQ(small, "/var/run/x/");
 }
 
 TEST(PPDNameCheckTest, AllowsOnlyFileNameSafeBytes)
 {
-    struct Row {
-        const char* name;
-        int code;
-    };
-    const Row rows[] = {
-        {"cam01", SUCCESS},          {"Cam_01.v2", SUCCESS},         {"", SUCCESS},
-        {"cam-01", FOUND_ILLIGAL_CHAR}, {"../cam", FOUND_ILLIGAL_CHAR}, {"cam 01", FOUND_ILLIGAL_CHAR},
-        {"cam\xC3\xA9", FOUND_ILLIGAL_CHAR}, {"cam`", FOUND_ILLIGAL_CHAR}, {"a:b", FOUND_ILLIGAL_CHAR},
-        {nullptr, DEBUG_WARNING},
-    };
-    for (const Row& row : rows) {
-        EXPECT_EQ(PPDNameCheck(row.name), row.code) << (row.name ? row.name : "(null)");
+    for (const char* ok : {"cam01", "Cam_01.v2", ""}) {
+        EXPECT_EQ(PPDNameCheck(ok), SUCCESS) << ok;
     }
+    for (const char* bad : {"cam-01", "../cam", "cam 01", "cam\xC3\xA9", "cam`", "a:b"}) {
+        EXPECT_EQ(PPDNameCheck(bad), FOUND_ILLIGAL_CHAR) << bad;
+    }
+    EXPECT_EQ(PPDNameCheck(nullptr), DEBUG_WARNING);
 }
 
 }  // namespace

@@ -1,10 +1,10 @@
 #include "xml/xml_parser.h"
 
-#include <fcntl.h>
 #include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
 
+#include <fstream>
 #include <memory>
 #include <string>
 #include <vector>
@@ -16,80 +16,45 @@
 
 namespace {
 
-enum class Load { Copy, Borrow, File };
+enum class Loader { Copy, Borrow, File };
 
-// A scratch directory removed with its files at the end of each test.
-class ScratchDir {
-public:
-    ScratchDir()
+class XmlParserTest : public ::testing::Test {
+protected:
+    void SetUp() override
     {
         char tmpl[] = "/tmp/ostrel_xml_XXXXXX";
-        char* made = mkdtemp(tmpl);
-        EXPECT_NE(made, nullptr);
-        m_Dir = made ? made : "/tmp";
+        ASSERT_NE(mkdtemp(tmpl), nullptr);
+        m_Dir = tmpl;
     }
-    ~ScratchDir()
+    void TearDown() override
     {
-        for (const std::string& f : m_Files) {
-            unlink(f.c_str());
-        }
+        for (const std::string& f : m_Files) unlink(f.c_str());
         rmdir(m_Dir.c_str());
     }
-    std::string Write(const std::string& name, const std::string& bytes)
+    std::string WriteFile(const std::string& name, const std::string& bytes)
     {
-        std::string path = m_Dir + "/" + name;
-        int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        EXPECT_GE(fd, 0);
-        EXPECT_EQ(write(fd, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
-        close(fd);
+        const std::string path = m_Dir + "/" + name;
+        std::ofstream(path, std::ios::binary) << bytes;
         m_Files.push_back(path);
         return path;
     }
-
-private:
-    std::string m_Dir;
-    std::vector<std::string> m_Files;
-};
-
-struct FreeDeleter {
-    void operator()(unsigned char* p) const { free(p); }
-};
-
-// Loads bytes by one of the three loaders. The borrowed buffer is an
-// exactly sized heap block, so a read past the end trips AddressSanitizer;
-// it is declared first so that it outlives the parser.
-class LoadedParser {
-public:
-    LoadedParser(const std::string& bytes, Load how, ScratchDir* dir)
+    // A borrowed buffer is an exactly sized heap block kept by the fixture
+    // (so it outlives the parser): a read past its end trips ASan.
+    int Load(XmlParser_Class* parser, const std::string& bytes, Loader how)
     {
-        switch (how) {
-        case Load::Copy:
-            rc = parser.Construct_WithMemAlloc_BufferCopy(reinterpret_cast<const unsigned char*>(bytes.data()),
-                                                          static_cast<int>(bytes.size()));
-            break;
-        case Load::Borrow:
-            m_Borrowed.reset(static_cast<unsigned char*>(malloc(bytes.size())));
-            memcpy(m_Borrowed.get(), bytes.data(), bytes.size());
-            rc = parser.Construct_BufferPointerCopy(m_Borrowed.get(), static_cast<int>(bytes.size()));
-            break;
-        case Load::File:
-            rc = parser.Construct_FromFileOpen(dir->Write("doc.xml", bytes).c_str());
-            break;
-        }
+        const auto* data = reinterpret_cast<const unsigned char*>(bytes.data());
+        const int size = static_cast<int>(bytes.size());
+        if (how == Loader::Copy) return parser->Construct_WithMemAlloc_BufferCopy(data, size);
+        if (how == Loader::File) return parser->Construct_FromFileOpen(WriteFile("doc.xml", bytes).c_str());
+        m_Borrowed.emplace_back(new unsigned char[bytes.size()]);
+        memcpy(m_Borrowed.back().get(), data, bytes.size());
+        return parser->Construct_BufferPointerCopy(m_Borrowed.back().get(), size);
     }
 
-private:
-    std::unique_ptr<unsigned char, FreeDeleter> m_Borrowed;
-
-public:
-    int rc = 0;
-    XmlParser_Class parser;
+    std::string m_Dir;
+    std::vector<std::string> m_Files;
+    std::vector<std::unique_ptr<unsigned char[]>> m_Borrowed;
 };
-
-const char* LoadName(Load how)
-{
-    return how == Load::Copy ? "copy" : how == Load::Borrow ? "borrow" : "file";
-}
 
 struct ParseRow {
     std::string input;
@@ -170,174 +135,84 @@ const std::vector<ParseRow> kRows = {
     {"<\xC3\xA9:n-1.x\xC3\xA9/>", SUCCESS, "Parser Success.", true, "high bytes, ':' '-' '.' digits in names"},
 };
 
-TEST(XmlParserTest, DocumentTableThroughEveryLoader)
+TEST_F(XmlParserTest, DocumentTableThroughEveryLoader)
 {
-    for (Load how : {Load::Copy, Load::Borrow, Load::File}) {
+    for (Loader how : {Loader::Copy, Loader::Borrow, Loader::File}) {
         for (const ParseRow& row : kRows) {
-            SCOPED_TRACE(std::string(LoadName(how)) + ": " + row.note);
-            ScratchDir dir;
-            LoadedParser lp(row.input, how, &dir);
-            ASSERT_EQ(lp.rc, SUCCESS);
-            EXPECT_EQ(lp.parser.ParserMain(), row.code);
-            EXPECT_STREQ(lp.parser.GetMessage(), row.message);
-            EXPECT_EQ(lp.parser.GetRootElement() != nullptr, row.hasRoot);
+            SCOPED_TRACE(std::to_string(static_cast<int>(how)) + ": " + row.note);
+            XmlParser_Class parser;
+            ASSERT_EQ(Load(&parser, row.input, how), SUCCESS);
+            EXPECT_EQ(parser.ParserMain(), row.code);
+            EXPECT_STREQ(parser.GetMessage(), row.message);
+            EXPECT_EQ(parser.GetRootElement() != nullptr, row.hasRoot);
         }
     }
 }
 
-TEST(XmlParserTest, MessagesQuoteLongNamesCutAndStayWithinTheirBuffer)
+TEST_F(XmlParserTest, StopsAtFirstErrorKeepingPositionAndPartialTree)
 {
-    const std::string longName(300, 'n');
-    const std::vector<std::string> docs = {
-        "<a " + longName + "='1' " + longName + "='2'/>",
-        "<" + longName + "></b>",
-        "<b></" + longName + ">",
-    };
-    for (const std::string& doc : docs) {
-        XmlParser_Class parser;
-        ASSERT_EQ(parser.Construct_WithMemAlloc_BufferCopy(reinterpret_cast<const unsigned char*>(doc.data()),
-                                                           static_cast<int>(doc.size())),
-                  SUCCESS);
-        EXPECT_EQ(parser.ParserMain(), XMLPARSER_PARSER_ERROR);
-        const std::string msg = parser.GetMessage();
-        EXPECT_EQ(msg.size(), 255u);
-        EXPECT_EQ(msg.find(std::string(256, 'n')), std::string::npos);
-    }
-}
-
-TEST(XmlParserTest, StopsAtFirstErrorWithPositionOfOffendingCharacter)
-{
-    const std::string doc = "<a>\r\n <b x='1'>\n\tok</b>\n <c>x'</c>\n</a>";
     XmlParser_Class parser;
-    ASSERT_EQ(parser.Construct_BufferPointerCopy(reinterpret_cast<const unsigned char*>(doc.data()),
-                                                 static_cast<int>(doc.size())),
-              SUCCESS);
+    const std::string doc = "<a>\r\n <b x='1'>\n\tok</b>\n <c>x'</c>\n</a>";
+    ASSERT_EQ(Load(&parser, doc, Loader::Borrow), SUCCESS);
     EXPECT_EQ(parser.ParserMain(), XMLPARSER_PARSER_ERROR);
     EXPECT_EQ(parser.GetCurrentAddress().GetLine(), 3);
     EXPECT_EQ(parser.GetCurrentAddress().GetColumn(), 5);
     EXPECT_EQ(parser.GetCurrentAddress().GetOffset(), static_cast<int>(doc.find("x'<") + 1));
-    // The partial tree stays attached and is freed with the parser.
-    ASSERT_NE(parser.GetRootElement(), nullptr);
+    ASSERT_NE(parser.GetRootElement(), nullptr);  // freed with the parser
     EXPECT_EQ(parser.GetRootElement()->GetChildren().GetCount(), 2);
 }
 
-TEST(XmlParserTest, TreeRecordsTagPositionsKindsAndDepth)
+TEST_F(XmlParserTest, TreeOutputShowsKindsQuotesAndRawText)
 {
-    const std::string doc = "<r>\r\n  <e/>\n  <t k=\"v\">ab</t>\n  <p><q></q></p>\n</r>";
     XmlParser_Class parser;
-    ASSERT_EQ(parser.Construct_BufferPointerCopy(reinterpret_cast<const unsigned char*>(doc.data()),
-                                                 static_cast<int>(doc.size())),
-              SUCCESS);
-    ASSERT_EQ(parser.ParserMain(), SUCCESS);
-    EXPECT_STREQ(parser.GetMessage(), "Parser Success.");
-
-    const XmlElement_Class* root = parser.GetRootElement();
-    ASSERT_NE(root, nullptr);
-    EXPECT_EQ(root->GetContentKind(), XMLELEMENT_CHILDREN);
-    ASSERT_EQ(root->GetChildren().GetCount(), 3);
-    const XmlElement_Class* e = root->GetChildren().Get(0);
-    const XmlElement_Class* t = root->GetChildren().Get(1);
-    const XmlElement_Class* p = root->GetChildren().Get(2);
-
-    EXPECT_EQ(e->GetContentKind(), XMLELEMENT_EMPTY);
-    EXPECT_EQ(e->GetStartTag_Start().GetOffset(), 7);
-    EXPECT_EQ(e->GetStartTag_Start().GetLine(), 1);
-    EXPECT_EQ(e->GetStartTag_Start().GetColumn(), 2);
-    EXPECT_EQ(e->GetStartTag_End().GetColumn(), 5);
-
-    EXPECT_EQ(t->GetContentKind(), XMLELEMENT_TEXT);
-    EXPECT_EQ(std::string(reinterpret_cast<const char*>(t->GetText().GetPtr()), t->GetText().GetLength()), "ab");
-    EXPECT_EQ(t->GetEndTag_Start().GetLine(), 2);
-    EXPECT_EQ(t->GetEndTag_Start().GetColumn(), 13);
-    EXPECT_EQ(t->GetEndTag_End().GetOffset(), static_cast<int>(doc.find("</t>") + 3));
-    EXPECT_EQ(t->GetDepth(), 1);
-    EXPECT_EQ(t->GetParent(), root);
-
-    EXPECT_EQ(p->GetContentKind(), XMLELEMENT_CHILDREN);
-    const XmlElement_Class* q = p->GetChildren().Get(0);
-    EXPECT_EQ(q->GetContentKind(), XMLELEMENT_EMPTY);
-    EXPECT_EQ(q->GetDepth(), 2);
-    EXPECT_EQ(root->GetEndTag_Start().GetLine(), 4);
-}
-
-TEST(XmlParserTest, TreeOutputShowsKindsQuotesAndRawText)
-{
-    const std::string doc =
-        "<?xml version='1.0'?>\n<!-- head -->\n"
-        "<r a='1' b=\"x y\">\n <e/>\n <t><![CDATA[<]]> &amp; </t>\n <p>\n  <q z=''></q>\n  txt\n </p>\n</r>\n";
-    XmlParser_Class parser;
-    ASSERT_EQ(parser.Construct_WithMemAlloc_BufferCopy(reinterpret_cast<const unsigned char*>(doc.data()),
-                                                       static_cast<int>(doc.size())),
+    ASSERT_EQ(Load(&parser,
+                   "<?xml version='1.0'?>\n<!-- head -->\n<r a='1' b=\"x y\">\n <e/>\n"
+                   " <t><![CDATA[<]]> &amp; </t>\n <p>\n  <q z=''></q>\n  txt\n </p>\n</r>\n",
+                   Loader::Copy),
               SUCCESS);
     ASSERT_EQ(parser.ParserMain(), SUCCESS);
     StringBuf_Class out(1024);
     ASSERT_EQ(parser.Output_XMLTree(&out), SUCCESS);
-    EXPECT_STREQ(out.c_str(),
-                 "<r a='1' b=\"x y\">\n"
-                 "\t<e/>\n"
-                 "\t<t><![CDATA[<]]> &amp; </t>\n"
-                 "\t<p>\n"
-                 "\t\t<q z=''/>\n"
-                 "\t</p>\n"
-                 "</r>\n");
-
+    EXPECT_STREQ(out.c_str(), "<r a='1' b=\"x y\">\n\t<e/>\n\t<t><![CDATA[<]]> &amp; </t>\n\t<p>\n\t\t<q z=''/>\n\t</p>\n</r>\n");
     StringBuf_Class small(20);
     EXPECT_EQ(parser.Output_XMLTree(&small), DATA_LARGE_THEN_BUF);
 }
 
-TEST(XmlParserTest, ManyChildrenKeepDocumentOrder)
+TEST_F(XmlParserTest, ManyChildrenKeepDocumentOrder)
 {
     std::string doc = "<r>";
-    for (int i = 0; i < 30; i++) {
-        doc += "<c>" + std::to_string(i) + "</c>";
-    }
-    doc += "</r>";
+    for (int i = 0; i < 30; i++) doc += "<c>" + std::to_string(i) + "</c>";
     XmlParser_Class parser;
-    ASSERT_EQ(parser.Construct_WithMemAlloc_BufferCopy(reinterpret_cast<const unsigned char*>(doc.data()),
-                                                       static_cast<int>(doc.size())),
-              SUCCESS);
+    ASSERT_EQ(Load(&parser, doc + "</r>", Loader::Copy), SUCCESS);
     ASSERT_EQ(parser.ParserMain(), SUCCESS);
-    const XmlElement_Class* root = parser.GetRootElement();
-    ASSERT_EQ(root->GetChildren().GetCount(), 30);
-    for (int i = 0; i < 30; i++) {
-        int value = -1;
-        ASSERT_EQ(root->Get_ChildElementValue("c", &value, i), SUCCESS);
+    ASSERT_EQ(parser.GetRootElement()->GetChildren().GetCount(), 30);
+    for (int i = 0, value = -1; i < 30; i++) {
+        ASSERT_EQ(parser.GetRootElement()->Get_ChildElementValue("c", &value, i), SUCCESS);
         EXPECT_EQ(value, i);
     }
 }
 
-TEST(XmlParserTest, LoadersRefuseBadArgumentsAndSizes)
+TEST_F(XmlParserTest, LoadersRefuseBadArgumentsAndSizes)
 {
-    ScratchDir dir;
     const unsigned char byte = '<';
-    std::string big(XMLPARSER_MAX_DOCSIZE + 1, ' ');
-    std::string largest(XMLPARSER_MAX_DOCSIZE, ' ');
-    largest.replace(0, 4, "<a/>");
+    const std::string big(XMLPARSER_MAX_DOCSIZE + 1, ' ');
+    const auto* bigData = reinterpret_cast<const unsigned char*>(big.data());
+    XmlParser_Class p;
+    EXPECT_EQ(p.ParserMain(), DEBUG_WARNING);
+    EXPECT_EQ(p.Construct_FromFileOpen(nullptr), DEBUG_WARNING);
+    EXPECT_EQ(p.Construct_FromFileOpen((m_Dir + "/missing").c_str()), CANNOT_FILEOPEN);
+    EXPECT_EQ(p.Construct_FromFileOpen(WriteFile("empty", "").c_str()), CANNOT_FILEOPEN);
+    EXPECT_EQ(p.Construct_FromFileOpen(WriteFile("big", big).c_str()), DATA_LARGE_THEN_BUF);
+    EXPECT_EQ(p.Construct_WithMemAlloc_BufferCopy(nullptr, 1), DEBUG_WARNING);
+    EXPECT_EQ(p.Construct_WithMemAlloc_BufferCopy(&byte, 0), DEBUG_WARNING);
+    EXPECT_EQ(p.Construct_BufferPointerCopy(bigData, static_cast<int>(big.size())), DATA_LARGE_THEN_BUF);
+    EXPECT_EQ(p.Construct_WithMemAlloc_BufferCopy(bigData, static_cast<int>(big.size())), DATA_LARGE_THEN_BUF);
 
-    {
-        XmlParser_Class p;
-        EXPECT_EQ(p.ParserMain(), DEBUG_WARNING);
-        EXPECT_EQ(p.Construct_FromFileOpen(nullptr), DEBUG_WARNING);
-        EXPECT_EQ(p.Construct_FromFileOpen((dir.Write("x", "") + "-missing").c_str()), CANNOT_FILEOPEN);
-        EXPECT_EQ(p.Construct_FromFileOpen(dir.Write("empty", "").c_str()), CANNOT_FILEOPEN);
-        EXPECT_EQ(p.Construct_FromFileOpen(dir.Write("big", big).c_str()), DATA_LARGE_THEN_BUF);
-        EXPECT_EQ(p.Construct_WithMemAlloc_BufferCopy(nullptr, 1), DEBUG_WARNING);
-        EXPECT_EQ(p.Construct_WithMemAlloc_BufferCopy(&byte, 0), DEBUG_WARNING);
-        EXPECT_EQ(p.Construct_BufferPointerCopy(reinterpret_cast<const unsigned char*>(big.data()),
-                                                static_cast<int>(big.size())),
-                  DATA_LARGE_THEN_BUF);
-        EXPECT_EQ(p.Construct_WithMemAlloc_BufferCopy(reinterpret_cast<const unsigned char*>(big.data()),
-                                                      static_cast<int>(big.size())),
-                  DATA_LARGE_THEN_BUF);
-    }
-    {
-        XmlParser_Class p;
-        ASSERT_EQ(p.Construct_FromFileOpen(dir.Write("largest", largest).c_str()), SUCCESS);
-        EXPECT_EQ(p.Construct_WithMemAlloc_BufferCopy(&byte, 1), DEBUG_WARNING);
-        EXPECT_EQ(p.Construct_FromFileOpen(dir.Write("again", "<b/>").c_str()), DEBUG_WARNING);
-        EXPECT_EQ(p.ParserMain(), SUCCESS);
-        EXPECT_STREQ(p.GetMessage(), "Parser Success.");
-    }
+    // The largest document loads; a loaded parser refuses a second load.
+    ASSERT_EQ(p.Construct_FromFileOpen(WriteFile("largest", "<a/>" + big.substr(5)).c_str()), SUCCESS);
+    EXPECT_EQ(p.Construct_WithMemAlloc_BufferCopy(&byte, 1), DEBUG_WARNING);
+    EXPECT_EQ(p.ParserMain(), SUCCESS);
+    EXPECT_STREQ(p.GetMessage(), "Parser Success.");
 }
 
 }  // namespace
