@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <ctype.h>
+#include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -65,35 +67,31 @@ protected:
     std::string dir_;
 };
 
-// Replaces each time stamp "[YYYY/MM/DD hh:mm:ss" with "[T" and a
-// following "(<ms>)" with "(ms)", so the rest can be compared exactly.
-std::string MaskTime(const std::string& text)
+// Replaces each time stamp "[YYYY/MM/DD hh:mm:ss" with "[T" and the
+// milliseconds of "(<ms>)" with "ms", so the rest compares exactly.
+std::string MaskTime(std::string text)
 {
-    static const char shape[] = "[9999/99/99 99:99:99";
-    const size_t n = sizeof shape - 1;
-    std::string out;
-    for (size_t i = 0; i < text.size();) {
-        bool stamp = i + n <= text.size();
-        for (size_t k = 0; stamp && k < n; ++k) {
-            char c = text[i + k];
-            stamp = shape[k] == '9' ? (c >= '0' && c <= '9') : c == shape[k];
+    const std::string shape = "[9999/99/99 99:99:99";
+    auto fits = [&](size_t i, const std::string& pattern) {
+        for (size_t k = 0; k < pattern.size(); ++k) {
+            char c = i + k < text.size() ? text[i + k] : '\0';
+            if (pattern[k] == '9' ? !isdigit(static_cast<unsigned char>(c)) : c != pattern[k]) {
+                return false;
+            }
         }
-        if (!stamp) {
-            out += text[i++];
-            continue;
-        }
-        out += "[T";
-        i += n;
-        size_t j = i + 1;
-        while (j < text.size() && text[j] >= '0' && text[j] <= '9') {
-            ++j;
-        }
-        if (i < text.size() && text[i] == '(' && j > i + 1 && j - i <= 4 && text[j] == ')') {
-            out += "(ms)";
-            i = j + 1;
+        return true;
+    };
+    for (size_t i = 0; i < text.size(); ++i) {
+        if (fits(i, shape)) {
+            text.replace(i, shape.size(), "[T");
+            for (const char* ms : {"(9)", "(99)", "(999)"}) {
+                if (fits(i + 2, ms)) {
+                    text.replace(i + 2, strlen(ms), "(ms)");
+                }
+            }
         }
     }
-    return out;
+    return text;
 }
 
 TEST_F(DebugLogTest, UnopenedLogDropsEverything)
