@@ -6,7 +6,8 @@
 class DbPrintf_Class;
 
 // Time texts. Each writes into buf (cut to size, always terminated) and
-// returns SUCCESS; the log pointer is not used.
+// returns SUCCESS (DEBUG_WARNING for a null buf or a size below 1); a null
+// tv means the current time. The log pointer is not used.
 //   Easy     local  "%Y/%m/%d %H:%M:%S"
 //   DumpLog  local  "%Y/%m/%d %H:%M:%S(<ms>)"
 //   Log      local  "%Y/%m/%d (%a) %H:%M:%S [<us> (us)]"

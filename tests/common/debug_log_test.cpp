@@ -98,11 +98,8 @@ TEST_F(DebugLogTest, UnopenedLogDropsEverything)
 {
     DbPrintf_Class log;
     EXPECT_EQ(log.TimePrintf(1, "x"), CANNOT_FILEOPEN);
-    EXPECT_EQ(log.DbPrintf(1, "x"), CANNOT_FILEOPEN);
-    EXPECT_EQ(log.DbPrintfNoTab(1, "x"), CANNOT_FILEOPEN);
     EXPECT_EQ(log.ErrPrintf(2, "x"), CANNOT_FILEOPEN);
     EXPECT_EQ(log.DbPDunp(1, "x", 1), CANNOT_FILEOPEN);
-    EXPECT_EQ(log.DbPrintfFunc(kFunc, "x"), CANNOT_FILEOPEN);
     EXPECT_EQ(log.DbPrintfErrRtn(kFunc, "x"), CANNOT_FILEOPEN);
     EXPECT_EQ(log.TimePrintf(0, "x"), SUCCESS) << "level 0 is silent, not a failure";
 
