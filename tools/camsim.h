@@ -53,7 +53,7 @@ struct CamSimConfig {
   double fps = 10;  // 0 = as fast as the connection takes them
   // Generated pictures (when imageDir is empty): `distinct` different
   // pictures of width x height are made at start and sent in turn.
-  int width = 640, height = 480, quality = 35, detail = 0, distinct = 25;
+  int width = 640, height = 480, quality = 40, detail = 0, distinct = 25;
   std::string imageDir;  // *.jpg / *.jpeg files, sent in name order
   uint64_t frames = 0;   // parts per connection, then a normal close; 0 = endless
   bool auth = false;

@@ -27,7 +27,7 @@ const char kUsage[] =
     "                         0 = as fast as the connection takes them)\n"
     "  --frames N             pictures per connection, then close (0 = endless)\n"
     "  --size WxH             generated picture size (default 640x480)\n"
-    "  --quality Q            JPEG quality 1..100 (default 35: about 18 KB at 640x480)\n"
+    "  --quality Q            JPEG quality 1..100 (default 40: about 18 KB at 640x480)\n"
     "  --detail D             texture 0..255 that enlarges pictures (default 0;\n"
     "                         1920x1080 with quality 85 and detail 20 is about 400 KB)\n"
     "  --distinct N           number of different generated pictures (default 25)\n"

@@ -172,8 +172,11 @@ int RunViewer(const ViewerConfig& cfg, const std::atomic<bool>& stop, std::FILE*
     }
     int64_t recvUs = 0;
     if (!exchange(cfg, stop, getTarget, &answers, &recvUs, nullptr, &err)) {
+      if (stop.load(std::memory_order_relaxed)) break;
       std::fprintf(stderr, "viewer: get_image: %s\n", err.c_str());
       ++rep.faults;
+      // The relay may be restarting: pause instead of spinning on refusals.
+      SleepUntil(std::chrono::steady_clock::now() + std::chrono::milliseconds(100), stop);
       continue;
     }
     const Answer& a = answers.front();
@@ -235,8 +238,11 @@ int RunViewer(const ViewerConfig& cfg, const std::atomic<bool>& stop, std::FILE*
   rep.seconds = seconds_since(start);
 
   if (cfg.logout) {
+    // Log out even when a stop request ended the pull: the relay keeps its
+    // camera stream open for as long as someone is logged in.
+    static const std::atomic<bool> kNoStop{false};
     const std::string target = "/ptippreimg.cgi?img_logout=1&img_user_id=" + std::to_string(userId);
-    if (!exchange(cfg, stop, target, &answers, nullptr, nullptr, &err)) {
+    if (!exchange(cfg, kNoStop, target, &answers, nullptr, nullptr, &err)) {
       std::fprintf(stderr, "viewer: logout: %s\n", err.c_str());
       ++rep.faults;
     } else if (trimmed(answers.back().body).compare(0, 15, "LOGOUT_SUCCESS:") != 0) {
