@@ -137,8 +137,9 @@ TEST_F(XmlElementTest, ChildStringAndValueTable)
 
 TEST_F(XmlElementTest, TemporaryArrayBorrowsWithoutDeleting)
 {
-    // Elements owned by the tree, collected past the first growth step; an
-    // owning destructor here would make the parser's own delete a double one.
+    // Ten children grow the owning array past its first 8 entries; the
+    // borrowing copy must not delete them (the parser's delete would then
+    // be a double one).
     const XmlElement_Class* root = Parse("<r><a/><a/><a/><a/><a/><a/><a/><a/><a/><a/></r>");
     ASSERT_NE(root, nullptr);
     {
@@ -148,6 +149,7 @@ TEST_F(XmlElementTest, TemporaryArrayBorrowsWithoutDeleting)
         }
         EXPECT_EQ(picked.GetCount(), 10);
     }
+    EXPECT_EQ(root->GetChildren().GetCount(), 10);
     EXPECT_EQ(root->GetChildren().Get(9)->GetParent(), root);
 }
 

@@ -178,20 +178,6 @@ TEST_F(XmlParserTest, TreeOutputShowsKindsQuotesAndRawText)
     EXPECT_EQ(parser.Output_XMLTree(&small), DATA_LARGE_THEN_BUF);
 }
 
-TEST_F(XmlParserTest, ManyChildrenKeepDocumentOrder)
-{
-    std::string doc = "<r>";
-    for (int i = 0; i < 30; i++) doc += "<c>" + std::to_string(i) + "</c>";
-    XmlParser_Class parser;
-    ASSERT_EQ(Load(&parser, doc + "</r>", Loader::Copy), SUCCESS);
-    ASSERT_EQ(parser.ParserMain(), SUCCESS);
-    ASSERT_EQ(parser.GetRootElement()->GetChildren().GetCount(), 30);
-    for (int i = 0, value = -1; i < 30; i++) {
-        ASSERT_EQ(parser.GetRootElement()->Get_ChildElementValue("c", &value, i), SUCCESS);
-        EXPECT_EQ(value, i);
-    }
-}
-
 TEST_F(XmlParserTest, LoadersRefuseBadArgumentsAndSizes)
 {
     const unsigned char byte = '<';
