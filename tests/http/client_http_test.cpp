@@ -50,127 +50,82 @@ TEST(Base64Test, EncodeRows)
 
 TEST(Base64Test, DecodeInvertsEncodeAndRejectsForeignText)
 {
-    // Every length of ASCII input up to several groups, with all alphabet
-    // characters exercised.
-    std::string all;
-    for (int c = 0x20; c < 0x7f; ++c) {
-        all += static_cast<char>(c);
-    }
+    const std::string all = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789 !\"#$%&'()*+,-./:;<=>?@[]^_`{|}~";
     for (size_t n = 0; n <= all.size(); ++n) {
-        const std::string in = all.substr(all.size() - n);
-        char enc[256];
-        char dec[256];
-        int encLen = -1;
-        int decLen = -1;
-        ASSERT_EQ(SUCCESS, Base64Encode(in.data(), static_cast<int>(n), enc, sizeof(enc), &encLen));
+        char enc[256], dec[256];
+        int encLen = -1, decLen = -1;
+        ASSERT_EQ(SUCCESS, Base64Encode(all.data(), static_cast<int>(n), enc, sizeof(enc), &encLen));
         ASSERT_EQ(SUCCESS, Base64Decode(enc, encLen, dec, sizeof(dec), &decLen)) << enc;
-        EXPECT_EQ(in, std::string(dec, static_cast<size_t>(decLen)));
+        EXPECT_EQ(all.substr(0, n), std::string(dec, static_cast<size_t>(decLen)));
     }
-
     char out[16];
-    EXPECT_EQ(INVALID_ARGUMENT, Base64Decode("Zm9/", 4, out, sizeof(out), nullptr)) << "'/' is not in the alphabet";
-    EXPECT_EQ(INVALID_ARGUMENT, Base64Decode("Zm9vZ", 5, out, sizeof(out), nullptr)) << "lone last character";
-    EXPECT_EQ(INVALID_ARGUMENT, Base64Decode(nullptr, 0, out, sizeof(out), nullptr));
     int len = -1;
     ASSERT_EQ(SUCCESS, Base64Decode("Zg==garbage", 11, out, sizeof(out), &len)) << "'=' ends the data";
-    EXPECT_EQ(1, len);
     EXPECT_STREQ("f", out);
-
+    EXPECT_EQ(INVALID_ARGUMENT, Base64Decode("Zm9/", 4, out, sizeof(out), nullptr)) << "'/' is foreign";
+    EXPECT_EQ(INVALID_ARGUMENT, Base64Decode("Zm9vZ", 5, out, sizeof(out), nullptr)) << "lone last character";
     EXPECT_EQ(DATA_LARGE_THEN_BUF, Base64Decode("Zm9vYmFy", 8, out, 5, nullptr));
     EXPECT_EQ(DATA_LARGE_THEN_BUF, Base64Encode("foo", 3, out, 4, nullptr)) << "no room for the terminator";
-    EXPECT_EQ(SUCCESS, Base64Encode("foo", 3, out, 5, nullptr));
 }
 
 // ---- A small recording HTTP server ---------------------------------------------
 
-// One request/answer step on a connection, and what the server does next.
-struct Exchange {
-    enum After { Next, Close, WaitClientClose };
-    std::string reply;
-    After after = Close;
-};
-
-// Serves one connection per session, in order, on 127.0.0.1. For each
-// exchange it reads one request head (up to the blank line), records its
-// exact bytes and sends the reply.
-class RecordingServer {
-public:
-    explicit RecordingServer(std::vector<std::vector<Exchange>> sessions) : m_sessions(std::move(sessions))
+// Serves one connection per session, in order, on 127.0.0.1. For each reply
+// of a session it reads one request head (up to the blank line), records its
+// exact bytes and sends the reply; after the last one it waits for the
+// client to close.
+struct RecordingServer {
+    explicit RecordingServer(std::vector<std::vector<std::string>> sessions)
     {
-        m_listen = socket(AF_INET, SOCK_STREAM, 0);
+        listenFd = socket(AF_INET, SOCK_STREAM, 0);
         sockaddr_in a{};
         a.sin_family = AF_INET;
         a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        bind(m_listen, reinterpret_cast<sockaddr*>(&a), sizeof(a));
-        listen(m_listen, 8);
         socklen_t l = sizeof(a);
-        getsockname(m_listen, reinterpret_cast<sockaddr*>(&a), &l);
+        bind(listenFd, reinterpret_cast<sockaddr*>(&a), l);
+        listen(listenFd, 8);
+        getsockname(listenFd, reinterpret_cast<sockaddr*>(&a), &l);
         port = ntohs(a.sin_port);
-        m_thread = std::thread([this] { Run(); });
+        thread = std::thread([this, sessions] {
+            for (const auto& replies : sessions) {
+                pollfd p{listenFd, POLLIN, 0};
+                if (poll(&p, 1, 10000) != 1) {
+                    return;
+                }
+                const int fd = accept(listenFd, nullptr, nullptr);
+                const int conn = accepted++;
+                char c;
+                for (const std::string& reply : replies) {
+                    std::string head;
+                    while (head.find("\r\n\r\n") == std::string::npos && recv(fd, &c, 1, 0) == 1) {
+                        head += c;
+                    }
+                    requests.emplace_back(conn, head);
+                    send(fd, reply.data(), reply.size(), MSG_NOSIGNAL);
+                }
+                while (recv(fd, &c, 1, 0) > 0) {
+                }
+                close(fd);
+            }
+        });
     }
     ~RecordingServer()
     {
         Join();
-        close(m_listen);
+        close(listenFd);
     }
-
     void Join()
     {
-        if (m_thread.joinable()) {
-            m_thread.join();
+        if (thread.joinable()) {
+            thread.join();
         }
     }
 
-    // Requests as (connection number, bytes); read after Join().
-    std::vector<std::pair<int, std::string>> requests;
+    std::vector<std::pair<int, std::string>> requests;  // (connection, bytes); read after Join()
     std::atomic<int> accepted{0};
     int port = 0;
-
-private:
-    static bool read_head(int fd, std::string* head)
-    {
-        char c;
-        while (head->find("\r\n\r\n") == std::string::npos) {
-            if (recv(fd, &c, 1, 0) != 1) {
-                return false;
-            }
-            *head += c;
-        }
-        return true;
-    }
-
-    void Run()
-    {
-        for (const std::vector<Exchange>& session : m_sessions) {
-            pollfd p{m_listen, POLLIN, 0};
-            if (poll(&p, 1, 10000) != 1) {
-                return;
-            }
-            const int fd = accept(m_listen, nullptr, nullptr);
-            const int conn = accepted.fetch_add(1);
-            for (const Exchange& ex : session) {
-                std::string head;
-                if (!read_head(fd, &head)) {
-                    break;
-                }
-                requests.emplace_back(conn, head);
-                send(fd, ex.reply.data(), ex.reply.size(), MSG_NOSIGNAL);
-                if (ex.after == Exchange::WaitClientClose) {
-                    char buf[256];
-                    while (recv(fd, buf, sizeof(buf), 0) > 0) {
-                    }
-                }
-                if (ex.after != Exchange::Next) {
-                    break;
-                }
-            }
-            close(fd);
-        }
-    }
-
-    std::vector<std::vector<Exchange>> m_sessions;
-    int m_listen = -1;
-    std::thread m_thread;
+    int listenFd = -1;
+    std::thread thread;
 };
 
 std::string ok_reply(const std::string& body, const char* version = "HTTP/1.0", const char* extra = "")
@@ -221,7 +176,7 @@ TEST(ClientHttpTest, RequestTextForEveryProxyAndAuthorisationForm)
          "proxy with authorisation"},
     };
     for (const Row& r : rows) {
-        RecordingServer server({{{ok_reply("ok")}}});
+        RecordingServer server({{ok_reply("ok")}});
         SockExitFlag flag{0};
         CClient_HTTP c;
         configure(&c, server.port, &flag, "/p?q=1");
@@ -284,27 +239,16 @@ TEST(ClientHttpTest, IncompleteSettingsFailBeforeAnyConnection)
     EXPECT_EQ(9994, proxyWithoutAddress.Get(0, body, sizeof(body), &got));
 
     EXPECT_EQ(0, server.accepted.load());
-
-    // Setters refuse what cannot be right, and a second Initialize.
-    EXPECT_EQ(INVALID_ARGUMENT, noMyself.SetMyself(nullptr));
-    EXPECT_EQ(INVALID_ARGUMENT, noMyself.SetAuth(2));
-    EXPECT_EQ(INVALID_ARGUMENT, noMyself.SetSocketTimeout(-1));
-    EXPECT_EQ(INVALID_ARGUMENT, noMyself.SetTargetPort(70000));
-    EXPECT_EQ(INVALID_ARGUMENT, noMyself.SetAuthString("user", nullptr));
     EXPECT_EQ(ALREADY_INITIALIZE, noMyself.Initialize(16));
-    CClient_HTTP fresh;
-    EXPECT_EQ(INVALID_ARGUMENT, fresh.Initialize(-1));
 }
 
 TEST(ClientHttpTest, KeepAliveReusesTheConnectionUntilTheServerClosesIt)
 {
-    RecordingServer server({{
-        {ok_reply("one", "HTTP/1.1"), Exchange::Next},
-        {ok_reply("two", "HTTP/1.1"), Exchange::Next},
-        {ok_reply("three", "HTTP/1.1", "Connection: close\r\n"), Exchange::Next},
-    }, {
-        {ok_reply("four", "HTTP/1.1"), Exchange::Close},
-    }});
+    RecordingServer server({
+        {ok_reply("one", "HTTP/1.1"), ok_reply("two", "HTTP/1.1"),
+         ok_reply("three", "HTTP/1.1", "Connection: close\r\n")},
+        {ok_reply("four", "HTTP/1.1")},
+    });
     SockExitFlag flag{0};
     CClient_HTTP c;
     configure(&c, server.port, &flag);
@@ -327,10 +271,10 @@ TEST(ClientHttpTest, KeepAliveReusesTheConnectionUntilTheServerClosesIt)
 TEST(ClientHttpTest, FailuresCloseTheConnectionAndTheNextGetStartsAfresh)
 {
     RecordingServer server({
-        {{ok_reply(std::string(17, 'x')), Exchange::WaitClientClose}},
-        {{"HTTP/1.1 404 Not Found\r\nContent-Length: 2\r\n\r\nno", Exchange::WaitClientClose}},
-        {{"", Exchange::WaitClientClose}},
-        {{ok_reply("fine"), Exchange::Close}},
+        {ok_reply(std::string(17, 'x'))},
+        {"HTTP/1.1 404 Not Found\r\nContent-Length: 2\r\n\r\nno"},
+        {""},
+        {ok_reply("fine")},
     });
     SockExitFlag flag{0};
     CClient_HTTP c;
@@ -365,7 +309,7 @@ TEST(ClientHttpTest, FailuresCloseTheConnectionAndTheNextGetStartsAfresh)
 
 TEST(ClientHttpTest, ExitFlagEndsTheRequestAndOversizedTagsAreRefused)
 {
-    RecordingServer server({{{"", Exchange::WaitClientClose}}});
+    RecordingServer server({{""}});
     SockExitFlag flag{-1};
     CClient_HTTP c;
     configure(&c, server.port, &flag);
@@ -400,9 +344,8 @@ TEST(ClientHttpMultiPartTest, PartsAreHandedOutInOrderUpToTheCallersSize)
 {
     const std::string exact(64, 'e');
     RecordingServer server({
-        {{std::string(kStreamHead) + part("first") + part("second") + part(exact) + part(exact + "+"),
-          Exchange::WaitClientClose}},
-        {{std::string(kStreamHead) + part("again"), Exchange::WaitClientClose}},
+        {std::string(kStreamHead) + part("first") + part("second") + part(exact) + part(exact + "+")},
+        {std::string(kStreamHead) + part("again")},
     });
     SockExitFlag flag{0};
     CClient_HTTP_MultiPart c;
@@ -438,9 +381,8 @@ TEST(ClientHttpMultiPartTest, PartsAreHandedOutInOrderUpToTheCallersSize)
 TEST(ClientHttpMultiPartTest, BadStreamHeadClosesTheConnection)
 {
     RecordingServer server({
-        {{"HTTP/1.0 401 Unauthorized\r\nContent-Type: text/html\r\n\r\n", Exchange::WaitClientClose}},
-        {{"HTTP/1.0 200 OK\r\nContent-Type: multipart/x-mixed-replace; Boundary=b\r\n\r\n",
-          Exchange::WaitClientClose}},
+        {"HTTP/1.0 401 Unauthorized\r\nContent-Type: text/html\r\n\r\n"},
+        {"HTTP/1.0 200 OK\r\nContent-Type: multipart/x-mixed-replace; Boundary=b\r\n\r\n"},
     });
     SockExitFlag flag{0};
     CClient_HTTP_MultiPart c;
