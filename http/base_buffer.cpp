@@ -36,7 +36,7 @@ int find_head_end(const unsigned char* buf, int from, int filled)
     return -1;
 }
 
-}  // namespace
+} // namespace
 
 HTTPBaseBuffer_Class::HTTPBaseBuffer_Class()
 {
@@ -92,8 +92,8 @@ int HTTPBaseBuffer_Class::ResetBuf(DbPrintf_Class* pDB)
 {
     if (m_nConsumed < 0 || m_nConsumed > m_nCapacity || m_nFilled < 0 || m_nFilled > m_nCapacity ||
         m_nConsumed > m_nFilled) {
-        TimePrint(pDB, 1, "[HTTPBaseBuffer_Class::ResetBuf()] Consumed(%d) Filled(%d) Capacity(%d) ::%d\n",
-                  m_nConsumed, m_nFilled, m_nCapacity, DEBUG_WARNING);
+        TimePrint(pDB, 1, "[HTTPBaseBuffer_Class::ResetBuf()] Consumed(%d) Filled(%d) Capacity(%d) ::%d\n", m_nConsumed,
+                  m_nFilled, m_nCapacity, DEBUG_WARNING);
         return DEBUG_WARNING;
     }
     int readAhead = 0;
@@ -198,13 +198,12 @@ int HTTPBaseBuffer_Class::ReadHead(int fd, int timeout_ms, SockExitFlag* exitFla
     }
 }
 
-int HTTPBaseBuffer_Class::HttpRead_Body(int fd, int length, int timeout_ms, SockExitFlag* exitFlag,
-                                        DbPrintf_Class* pDB)
+int HTTPBaseBuffer_Class::HttpRead_Body(int fd, int length, int timeout_ms, SockExitFlag* exitFlag, DbPrintf_Class* pDB)
 {
-    if (length < 0 || m_nFilled < 0 || m_nFilled < m_nConsumed || m_nBodyStart > m_nFilled ||
-        m_nFilled > m_nCapacity || m_nBodyStart < 0) {
-        TimePrint(pDB, 1, "[HTTPBaseBuffer_Class::HttpRead_Body()] length(%d) BodyStart(%d) Filled(%d) ::%d\n",
-                  length, m_nBodyStart, m_nFilled, DEBUG_WARNING);
+    if (length < 0 || m_nFilled < 0 || m_nFilled < m_nConsumed || m_nBodyStart > m_nFilled || m_nFilled > m_nCapacity ||
+        m_nBodyStart < 0) {
+        TimePrint(pDB, 1, "[HTTPBaseBuffer_Class::HttpRead_Body()] length(%d) BodyStart(%d) Filled(%d) ::%d\n", length,
+                  m_nBodyStart, m_nFilled, DEBUG_WARNING);
         return DEBUG_WARNING;
     }
     long long end = static_cast<long long>(m_nBodyStart) + length;
@@ -216,11 +215,17 @@ int HTTPBaseBuffer_Class::HttpRead_Body(int fd, int length, int timeout_ms, Sock
         int rc = Sock_Recv(fd, m_pBuffer + m_nFilled, static_cast<int>(end) - m_nFilled, &got, timeout_ms,
                            SOCK_FIXED_FLAGS, exitFlag, pDB);
         if (rc == SUCCESS || rc == SOCK_TIMEOUT || rc == LOOP_INTERRUPTED) {
-            m_nFilled += got;  // these codes report what did arrive
+            m_nFilled += got; // these codes report what did arrive
         }
         if (rc != SUCCESS) {
             TimePrint(pDB, 1, "[HTTPBaseBuffer_Class::HttpRead_Body()] Sock_Recv(sockfd %d) failed ::%d\n", fd, rc);
             return HTTP_BODY_READ_FAILD;
+        }
+        if (m_nFilled < end) {
+            // The peer closed early. The read still succeeds, but the
+            // missing bytes must not show what an earlier message left in
+            // the buffer: they read as NUL bytes.
+            memset(m_pBuffer + m_nFilled, 0, static_cast<size_t>(end - m_nFilled));
         }
     }
     m_nConsumed = static_cast<int>(end);
@@ -241,7 +246,7 @@ int HTTPBaseBuffer_Class::CheckContentLength(const StaticArr_NameValToken_Class&
         return HTTP_ERR_CONTENTLENGTH;
     }
     if (value > maxLength) {
-        m_nContentLength = value;  // kept for the caller's log
+        m_nContentLength = value; // kept for the caller's log
         SetFailure(411, "'Content-Length:' too large.");
         return HTTP_ERR_CONTENTLENGTH;
     }

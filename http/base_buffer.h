@@ -77,11 +77,11 @@ public:
     // what is missing (Sock_Recv). Then m_nBodyLength = length and
     // m_nConsumed = m_nBodyStart + length; bytes beyond stay as read-ahead.
     // A peer that closes early leaves the body short and still gives SUCCESS
-    // (m_nFilled tells how much arrived). DEBUG_WARNING for inconsistent
+    // (m_nFilled tells how much arrived); the missing bytes are zeroed, so
+    // they never show an earlier message. DEBUG_WARNING for inconsistent
     // counters or a negative length, DATA_LARGE_THEN_BUF when the body cannot
     // fit, HTTP_BODY_READ_FAILD for any receive failure (time-out included).
-    int HttpRead_Body(int fd, int length, int timeout_ms, SockExitFlag* exitFlag,
-                      DbPrintf_Class* pDB = nullptr);
+    int HttpRead_Body(int fd, int length, int timeout_ms, SockExitFlag* exitFlag, DbPrintf_Class* pDB = nullptr);
 
     // Read results and counters; callers read them, only this class and its
     // derived classes write them.
@@ -91,7 +91,7 @@ public:
     int m_nBodyLength = 0;
     char m_strError[ERROR_TEXT_SIZE];
     int m_nStatus = 0;
-    unsigned char* m_pBuffer = nullptr;  // owned
+    unsigned char* m_pBuffer = nullptr; // owned
     int m_nContentLength = 0;
     int m_nCapacity = 0;
     int m_nFilled = 0;

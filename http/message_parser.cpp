@@ -11,7 +11,10 @@
 
 namespace {
 
-bool is_blank(unsigned char c) { return c == ' ' || c == '\t'; }
+bool is_blank(unsigned char c)
+{
+    return c == ' ' || c == '\t';
+}
 
 // Case-insensitive match of a span against a text of exactly its length.
 bool span_equals_nocase(const unsigned char* p, int len, const char* text, int textLen)
@@ -19,7 +22,7 @@ bool span_equals_nocase(const unsigned char* p, int len, const char* text, int t
     return len == textLen && strncasecmp(reinterpret_cast<const char*>(p), text, textLen) == 0;
 }
 
-}  // namespace
+} // namespace
 
 HTTPMessageParser_Class::HTTPMessageParser_Class(DbPrintf_Class* pDB)
 {
@@ -109,15 +112,15 @@ int HTTPMessageParser_Class::SkipRead_toNextChar(unsigned char stop, const unsig
             return SUCCESS;
         }
         if (codeMap[c] == 0) {
-            return Fault(400, pDB, "HTTPMessageParser_Class::SkipRead_toNextChar", "[Offset %d]:Found illigal character. [0x%02x]",
-                         m_nPos, c);
+            return Fault(400, pDB, "HTTPMessageParser_Class::SkipRead_toNextChar",
+                         "[Offset %d]:Found illigal character. [0x%02x]", m_nPos, c);
         }
         m_nPos++;
         len++;
     }
     return Fault(400, pDB, "HTTPMessageParser_Class::SkipRead_toNextChar",
-                 "[Offset %d]:Syntax error. Not found charactor [0x%02x] , Start[offset %d] to hedder end.",
-                 m_nPos, stop, first);
+                 "[Offset %d]:Syntax error. Not found charactor [0x%02x] , Start[offset %d] to hedder end.", m_nPos,
+                 stop, first);
 }
 
 int HTTPMessageParser_Class::GetToken_toNextChar(unsigned char stop, const unsigned char* codeMap,
@@ -170,7 +173,8 @@ int HTTPMessageParser_Class::GetNumber(long long* value, int* overflow, DbPrintf
     int first = m_nPos;
     for (;;) {
         if (m_nPos >= m_nSize) {
-            return Fault(400, pDB, "HTTPMessageParser_Class::GetNumber", "[Offset %d]:Syntax error. In Number character parsing.", m_nPos);
+            return Fault(400, pDB, "HTTPMessageParser_Class::GetNumber",
+                         "[Offset %d]:Syntax error. In Number character parsing.", m_nPos);
         }
         unsigned char c = m_pBuf[m_nPos];
         if (c < '0' || c > '9') {
@@ -194,7 +198,7 @@ int HTTPMessageParser_Class::Get_ProtocolVersion(DbPrintf_Class* pDB)
     if (GetToken_toNextChar('/', HTTP_TokenChar, &m_Protocol, pDB) != SUCCESS) {
         return NOTFOUND_PROTOCOLINFO;
     }
-    m_nPos++;  // past "/"
+    m_nPos++; // past "/"
     if (m_nPos >= m_nSize) {
         return NOTFOUND_PROTOCOLINFO;
     }
@@ -261,8 +265,8 @@ int HTTPMessageParser_Class::SkipRead_toOneHedderLineEnd(int* start, int* length
         m_nPos++;
     }
     if (m_nPos >= m_nSize) {
-        return Fault(400, pDB, "HTTPMessageParser_Class::SkipRead_toOneHedderLineEnd", "[Offset %d]:Syntax error. Illigal header end.",
-                     m_nPos);
+        return Fault(400, pDB, "HTTPMessageParser_Class::SkipRead_toOneHedderLineEnd",
+                     "[Offset %d]:Syntax error. Illigal header end.", m_nPos);
     }
 
     int first = m_nPos;
@@ -289,8 +293,8 @@ int HTTPMessageParser_Class::SkipRead_toOneHedderLineEnd(int* start, int* length
         m_nPos++;
         return SUCCESS;
     }
-    return Fault(400, pDB, "HTTPMessageParser_Class::SkipRead_toOneHedderLineEnd", "[Offset %d]:Syntax error. Illigal header end.",
-                 m_nPos);
+    return Fault(400, pDB, "HTTPMessageParser_Class::SkipRead_toOneHedderLineEnd",
+                 "[Offset %d]:Syntax error. Illigal header end.", m_nPos);
 }
 
 int HTTPMessageParser_Class::Parsing_OneHeaderLine(int* endOfHeader, DbPrintf_Class* pDB)
@@ -331,7 +335,7 @@ int HTTPMessageParser_Class::Parsing_OneHeaderLine(int* endOfHeader, DbPrintf_Cl
     if (rc != SUCCESS) {
         return rc;
     }
-    nameLen++;  // the name keeps its colon
+    nameLen++; // the name keeps its colon
     m_nPos++;
     const unsigned char* name = m_pBuf + nameStart;
 
@@ -374,5 +378,6 @@ int HTTPMessageParser_Class::Parsing_HedderLine(DbPrintf_Class* pDB)
             return SUCCESS;
         }
     }
-    return Fault(413, pDB, "HTTPMessageParser_Class::Parsing_HedderLine", "HTTP hedder Lines Over %d.", HEADER_LINES_MAX);
+    return Fault(413, pDB, "HTTPMessageParser_Class::Parsing_HedderLine", "HTTP hedder Lines Over %d.",
+                 HEADER_LINES_MAX);
 }

@@ -38,7 +38,7 @@ int find_boundary(const OneToken_Class& contentType, char (&work)[256], const ch
     return NOTFOUND_ITEM;
 }
 
-}  // namespace
+} // namespace
 
 HTTPMultiPartResponseBuffer_Class::HTTPMultiPartResponseBuffer_Class()
 {
@@ -60,8 +60,9 @@ int HTTPMultiPartResponseBuffer_Class::HttpReadFirst(int fd, int timeout_ms, Soc
 
     int rc = HttpRead_Header(fd, timeout_ms, exitFlag, pDB);
     if (rc != SUCCESS) {
-        TimePrint(pDB, 1, "[HTTPMultiPartResponseBuffer_Class::HttpReadFirst()] HttpRead_Header(sockfd %d) failed ::%d\n",
-                  fd, rc);
+        TimePrint(pDB, 1,
+                  "[HTTPMultiPartResponseBuffer_Class::HttpReadFirst()] HttpRead_Header(sockfd %d) failed ::%d\n", fd,
+                  rc);
         if (rc == SOCK_TIMEOUT) {
             SetFailure(408, "HTTP header read faild.");
             return SOCK_TIMEOUT;
@@ -80,7 +81,8 @@ int HTTPMultiPartResponseBuffer_Class::HttpReadFirst(int fd, int timeout_ms, Soc
     OneToken_Class* contentType = nullptr;
     rc = Parser.m_HeaderLines.Search_NameToVal("Content-Type:", &contentType);
     if (rc != SUCCESS) {
-        TimePrint(pDB, 1, "[HTTPMultiPartResponseBuffer_Class::HttpReadFirst()] Search_NameToVal(Content-Type:) failed ::%d\n",
+        TimePrint(pDB, 1,
+                  "[HTTPMultiPartResponseBuffer_Class::HttpReadFirst()] Search_NameToVal(Content-Type:) failed ::%d\n",
                   rc);
         return rc;
     }
@@ -113,8 +115,9 @@ int HTTPMultiPartResponseBuffer_Class::HttpReadMulti(int fd, int timeout_ms, Soc
 
     int rc = ReadHead(fd, timeout_ms, exitFlag, true, pDB);
     if (rc != SUCCESS) {
-        TimePrint(pDB, 1, "[HTTPMultiPartResponseBuffer_Class::HttpReadMulti()] HttpRead_Header(sockfd %d) failed ::%d\n",
-                  fd, rc);
+        TimePrint(pDB, 1,
+                  "[HTTPMultiPartResponseBuffer_Class::HttpReadMulti()] HttpRead_Header(sockfd %d) failed ::%d\n", fd,
+                  rc);
         if (rc == SOCK_TIMEOUT) {
             SetFailure(408, "HTTP header read faild.");
             return SOCK_TIMEOUT;
@@ -125,8 +128,7 @@ int HTTPMultiPartResponseBuffer_Class::HttpReadMulti(int fd, int timeout_ms, Soc
 
     rc = Parser.ParsingMulti(m_pBuffer + m_nHeaderStart, m_nHeaderLength, pDB);
     if (rc != SUCCESS) {
-        TimePrint(pDB, 1, "[HTTPMultiPartResponseBuffer_Class::HttpReadMulti()] Parser.ParsingMulti failed ::%d\n",
-                  rc);
+        TimePrint(pDB, 1, "[HTTPMultiPartResponseBuffer_Class::HttpReadMulti()] Parser.ParsingMulti failed ::%d\n", rc);
         SetFailure(Parser.m_nStatus, Parser.m_strError);
         return HTTP_INVALID_SYNTAX;
     }
@@ -136,7 +138,8 @@ int HTTPMultiPartResponseBuffer_Class::HttpReadMulti(int fd, int timeout_ms, Soc
     rc = CheckContentLength(Parser.m_HeaderLines, freeSize - 2);
     if (rc != SUCCESS) {
         if (m_nContentLength > freeSize - 2) {
-            TimePrint(pDB, 1, "[HTTPMultiPartResponseBuffer_Class::HttpReadMulti()] buf_freeSize(%d) < ContentLength(%d)+2\n",
+            TimePrint(pDB, 1,
+                      "[HTTPMultiPartResponseBuffer_Class::HttpReadMulti()] buf_freeSize(%d) < ContentLength(%d)+2\n",
                       freeSize, m_nContentLength);
         }
         TimePrint(pDB, 1, "[HTTPMultiPartResponseBuffer_Class::HttpReadMulti()] %s ::%d\n", m_strError, rc);
@@ -145,9 +148,10 @@ int HTTPMultiPartResponseBuffer_Class::HttpReadMulti(int fd, int timeout_ms, Soc
 
     rc = HttpRead_Body(fd, m_nContentLength + 2, timeout_ms, exitFlag, pDB);
     if (rc != SUCCESS) {
-        TimePrint(pDB, 1,
-                  "[HTTPMultiPartResponseBuffer_Class::HttpReadMulti()] HttpRead_Body(sockfd %d,ContentLength %d) failed ::%d\n",
-                  fd, m_nContentLength, rc);
+        TimePrint(
+            pDB, 1,
+            "[HTTPMultiPartResponseBuffer_Class::HttpReadMulti()] HttpRead_Body(sockfd %d,ContentLength %d) failed ::%d\n",
+            fd, m_nContentLength, rc);
         SetFailure(rc == SOCK_TIMEOUT ? 408 : 400, "HTTP body read faild.");
         return HTTP_BODY_READ_FAILD;
     }

@@ -44,8 +44,8 @@ int HTTPResponseBuffer_Class::HttpRead(int fd, int timeout_ms, SockExitFlag* exi
     rc = HttpRead_Body(fd, m_nContentLength, timeout_ms, exitFlag, pDB);
     if (rc != SUCCESS) {
         TimePrint(pDB, 1,
-                  "[HTTPResponseBuffer_Class::HttpRead()] HttpRead_Body(sockfd %d,ContentLength %d) failed ::%d\n",
-                  fd, m_nContentLength, rc);
+                  "[HTTPResponseBuffer_Class::HttpRead()] HttpRead_Body(sockfd %d,ContentLength %d) failed ::%d\n", fd,
+                  m_nContentLength, rc);
         // HttpRead_Body reports a time-out as HTTP_BODY_READ_FAILD too, so
         // this is 400 in practice; the test is kept for a reader that
         // passes SOCK_TIMEOUT through.

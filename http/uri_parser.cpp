@@ -14,7 +14,7 @@ void set_span(OneToken_Class* token, const unsigned char* p, int len)
     }
 }
 
-}  // namespace
+} // namespace
 
 int HTTPURIParser_Class::Clear(DbPrintf_Class*)
 {
@@ -34,8 +34,7 @@ int HTTPURIParser_Class::OutputBuffer(StringBuf_Class* out, DbPrintf_Class* pDB)
     if (out == nullptr) {
         return DEBUG_WARNING;
     }
-    out->add("--- URI Parser ---\nFlag_URI_States %d , Flag_Have_CGIParam %d\n", Flag_URI_States,
-             Flag_Have_CGIParam);
+    out->add("--- URI Parser ---\nFlag_URI_States %d , Flag_Have_CGIParam %d\n", Flag_URI_States, Flag_Have_CGIParam);
     if (Flag_URI_States == 1) {
         out->add("Protocol[ ");
         Protocol.OutputBuffer(out, pDB);

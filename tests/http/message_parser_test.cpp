@@ -2,12 +2,9 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <string>
 
 #include "common/return_codes.h"
-#include "common/string_buf.h"
-#include "http/char_tables.h"
 #include "parse_test_util.h"
 
 namespace {
@@ -25,8 +22,8 @@ struct HeadRow {
     const char* input;
     int code;
     int status;
-    const char* error;   // exact text, or nullptr for "no fault"
-    int lines;           // header lines stored (checked on SUCCESS)
+    const char* error; // exact text, or nullptr for "no fault"
+    int lines;         // header lines stored (checked on SUCCESS)
     int keepAlive;
     int host;
     const char* note;
@@ -46,10 +43,9 @@ const HeadRow kHeadRows[] = {
     {"Connection: keep-alive\r\nConnection: close\r\n\r\n", SUCCESS, 0, nullptr, 2, 0, 0, "repeat"},
     {"X-A: 1\r\n two\r\n\r\n", SUCCESS, 0, nullptr, 1, 1, 0, "folded value stays one header"},
     {"X-A:\r\n\r\n", SUCCESS, 0, nullptr, 1, 1, 0, "empty value"},
-    {"Content Length: 5\r\n\r\n", HTTP_INVALID_SYNTAX, 400, "[Offset 7]:Found illigal character. [0x20]", 0, 1,
-     0, "space inside a name"},
-    {"X-A: 1\r\n", HTTP_INVALID_SYNTAX, 400, "[Offset 7]:Syntax error. Illigal header end.", 0, 1, 0,
-     "no blank line"},
+    {"Content Length: 5\r\n\r\n", HTTP_INVALID_SYNTAX, 400, "[Offset 7]:Found illigal character. [0x20]", 0, 1, 0,
+     "space inside a name"},
+    {"X-A: 1\r\n", HTTP_INVALID_SYNTAX, 400, "[Offset 7]:Syntax error. Illigal header end.", 0, 1, 0, "no blank line"},
     {"X-A: 1\r\n\r", HTTP_INVALID_SYNTAX, 400, "[Offset 8]:Syntax error. Illigal header end.", 0, 1, 0,
      "CR as the last byte"},
     {"X-A: 1", HTTP_INVALID_SYNTAX, 400, "[Offset 6]:Syntax error. Illigal header end.", 0, 1, 0,
@@ -235,45 +231,4 @@ TEST(Scanner, LeadingLineBreaksAndBlanks)
     EXPECT_EQ(line.size(), p.m_nPos);
 }
 
-TEST(Scanner, ClearForgetsTheLastHead)
-{
-    Bytes in("Host: a\r\nConnection: close\r\n\r\n");
-    HTTPMessageParser_Class p;
-    p.SetBuffer(in.data(), in.size());
-    ASSERT_EQ(SUCCESS, p.Parsing_HedderLine());
-    Bytes bad("X");
-    p.SetBuffer(bad.data(), bad.size());
-    p.Parsing_HedderLine();
-    p.Clear();
-    EXPECT_EQ(0, p.m_nStatus);
-    EXPECT_STREQ("", p.m_strError);
-    EXPECT_EQ(0, p.m_HeaderLines.GetCount());
-    EXPECT_EQ(1, p.m_nKeepAlive);
-    EXPECT_EQ(0, p.Flag_HOST);
-
-    StringBuf_Class out(1024);
-    p.SetBuffer(in.data(), in.size());
-    ASSERT_EQ(SUCCESS, p.Parsing_HedderLine());
-    p.OutputBuffer(&out);
-    EXPECT_NE(nullptr, strstr(out.c_str(), "--- Header 2 ---\n")) << out.c_str();
-}
-
-TEST(CharTables, ClassesDifferWhereTheSyntaxNeedsThem)
-{
-    for (int c = 0x80; c < 0x100; c++) {
-        ASSERT_EQ(0, HTTP_TokenChar[c] | HTTP_URI[c] | HTTP_HeaderChar[c]) << c;
-    }
-    for (unsigned char c : std::string(" \"(),/:;<=>?@[\\]{}`\x7f\t")) {
-        EXPECT_EQ(0, HTTP_TokenChar[c]) << "separator " << int(c);
-    }
-    for (unsigned char c : std::string("#%&+-./0:=?@AZ_az")) {
-        EXPECT_EQ(1, HTTP_URI[c]) << int(c);
-    }
-    for (unsigned char c : std::string(" !\"$'()*,;<>[\\]^`{|}~")) {
-        EXPECT_EQ(0, HTTP_URI[c]) << int(c);
-    }
-    EXPECT_EQ(1, HTTP_HeaderChar['\t'] & HTTP_HeaderChar['\r'] & HTTP_HeaderChar['\n'] & HTTP_HeaderChar['~']);
-    EXPECT_EQ(0, HTTP_HeaderChar['`'] | HTTP_HeaderChar[0x7f] | HTTP_HeaderChar[0]);
-}
-
-}  // namespace
+} // namespace

@@ -17,7 +17,7 @@ struct RequestRow {
     int code;
     int status;
     const char* error;
-    const char* params;  // "name=value;..." (checked on SUCCESS)
+    const char* params; // "name=value;..." (checked on SUCCESS)
     int keepAlive;
     const char* note;
 };
@@ -62,28 +62,24 @@ const RequestRow kRequestRows[] = {
     {Post("", "a=1\r\n"), SUCCESS, 200, "", "a=1", SUCCESS, "body closed by a line end"},
     {Post("", "a&"), CGIPARAMS_SYNTAX_ERR, 400, "Syntax error in CGI query string.", "", HTTP_CONNECTIONCLOSE,
      "bad body parameters"},
-    {"POST / HTTP/1.1\r\n\r\n", HTTP_ERR_CONTENTLENGTH, 411, "'Content-Length:' Not found.", "",
-     HTTP_CONNECTIONCLOSE, "POST without Content-Length"},
-    {"POST / HTTP/1.1\r\nContent-Length: 0\r\n\r\n", HTTP_ERR_CONTENTLENGTH, 411, "'Content-Length' Illigal value.",
-     "", HTTP_CONNECTIONCLOSE, "empty POST"},
-    {"POST / HTTP/1.1\r\nContent-Length: 2000\r\n\r\n", HTTP_ERR_CONTENTLENGTH, 411, "'Content-Length:' too large.",
-     "", HTTP_CONNECTIONCLOSE, "body larger than the room after the head"},
-    {Post(kPiPPHeaders, kPiPPBody), SUCCESS, 200, "", "img_login=1;ab=12345", SUCCESS,
-     "parameters from part 0 only"},
+    {"POST / HTTP/1.1\r\n\r\n", HTTP_ERR_CONTENTLENGTH, 411, "'Content-Length:' Not found.", "", HTTP_CONNECTIONCLOSE,
+     "POST without Content-Length"},
+    {"POST / HTTP/1.1\r\nContent-Length: 0\r\n\r\n", HTTP_ERR_CONTENTLENGTH, 411, "'Content-Length' Illigal value.", "",
+     HTTP_CONNECTIONCLOSE, "empty POST"},
+    {"POST / HTTP/1.1\r\nContent-Length: 2000\r\n\r\n", HTTP_ERR_CONTENTLENGTH, 411, "'Content-Length:' too large.", "",
+     HTTP_CONNECTIONCLOSE, "body larger than the room after the head"},
+    {Post(kPiPPHeaders, kPiPPBody), SUCCESS, 200, "", "img_login=1;ab=12345", SUCCESS, "parameters from part 0 only"},
     {Post(kPiPPHeaders, kPiPPBody.substr(0, 119)), PIPP_SYNTAX_ERROR, 400,
      "PiPP Syntax error. Illigal value 'Part_0_Length:'", "", HTTP_CONNECTIONCLOSE, "part runs past the body"},
     {Post("NumOfPart: 1\r\nPart_0_Length: 3\r\n", "a=1"), PIPP_SYNTAX_ERROR, 400,
-     "PiPP Syntax error. found 'NumOfPart' but not found 'Part_0_Offset:'", "", HTTP_CONNECTIONCLOSE,
-     "offset missing"},
+     "PiPP Syntax error. found 'NumOfPart' but not found 'Part_0_Offset:'", "", HTTP_CONNECTIONCLOSE, "offset missing"},
     {Post("NumOfPart: 1\r\nPart_0_Offset: 0\r\n", "a=1"), PIPP_SYNTAX_ERROR, 400,
-     "PiPP Syntax error. found 'NumOfPart' but not found 'Part_0_Length:'", "", HTTP_CONNECTIONCLOSE,
-     "length missing"},
+     "PiPP Syntax error. found 'NumOfPart' but not found 'Part_0_Length:'", "", HTTP_CONNECTIONCLOSE, "length missing"},
     {Post("NumOfPart: 1\r\nPart_0_Offset: 3\r\nPart_0_Length: 1\r\n", "a=1"), PIPP_SYNTAX_ERROR, 400,
      "PiPP Syntax error. Illigal value 'Part_0_Offset:'", "", HTTP_CONNECTIONCLOSE, "offset at the body's end"},
     {Post("NumOfPart: 1\r\nPart_0_Offset: 0\r\nPart_0_Length: 0\r\n", "a=1"), PIPP_SYNTAX_ERROR, 400,
      "PiPP Syntax error. Illigal value 'Part_0_Length:'", "", HTTP_CONNECTIONCLOSE, "zero length"},
-    {Post("NumOfPart: 0\r\nPart_0_Offset: 2\r\n", "a=1"), SUCCESS, 200, "", "a=1", SUCCESS,
-     "no parts: the whole body"},
+    {Post("NumOfPart: 0\r\nPart_0_Offset: 2\r\n", "a=1"), SUCCESS, 200, "", "a=1", SUCCESS, "no parts: the whole body"},
 };
 
 void CheckRow(const RequestRow& row, const std::vector<std::string>& pieces)
@@ -134,6 +130,23 @@ TEST(RequestBuffer, SilentClientTimesOutWith408)
     EXPECT_STREQ("HTTP header read faild.", buf.m_strError);
 }
 
+// A client that closes in the middle of its body: the request is read, but
+// the missing bytes must not be taken from the previous request that used
+// the same buffer (here they would have completed a valid parameter).
+TEST(RequestBuffer, CutShortBodyDoesNotReuseAnEarlierRequest)
+{
+    HTTPRequestBuffer_Class buf;
+    ASSERT_EQ(SUCCESS, buf.Init(1024));
+    const std::string head = "POST /trcom.cgi HTTP/1.1\r\nContent-Length: 10\r\n\r\n";
+    FeedInPieces({head + "a=12345678"}, true,
+                 [&](int fd) { EXPECT_EQ(SUCCESS, buf.HttpRead(fd, kTimeoutMs, nullptr)); });
+    buf.ClearBuf();
+    int rc = 0;
+    FeedInPieces({head + "a=1"}, true, [&](int fd) { rc = buf.HttpRead(fd, kTimeoutMs, nullptr); });
+    EXPECT_EQ(CGIPARAMS_SYNTAX_ERR, rc);
+    EXPECT_EQ(3, buf.m_nFilled - buf.m_nBodyStart) << "only three body bytes arrived";
+}
+
 // Two requests in one write on a kept connection: the second one's
 // parameters must not be mixed up with the first one's, and it is read from
 // the read-ahead.
@@ -156,4 +169,4 @@ TEST(RequestBuffer, PipelinedRequestsKeepTheirOwnParameters)
     EXPECT_EQ("/ptippreimg.cgi", span(buf.Parser.URIParser.FileName));
 }
 
-}  // namespace
+} // namespace

