@@ -7,7 +7,8 @@ class StringBuf_Class;
 // PPD_Directory_Class: the recording system's directory document
 // (Directory.Conf), root "Directory.Conf" with the optional children
 // "UnixDomainSockDir" and "StatesDir", each a directory path. A present
-// directory is stored with surrounding whitespace cut and ends with '/'.
+// directory is stored with surrounding whitespace cut and a '/' appended
+// where missing (a text cut at 255 bytes has no room left for it).
 // Used by one thread at a time.
 class PPD_Directory_Class {
 public:

@@ -46,7 +46,9 @@ public:
 
     // Parses the loaded buffer. DEBUG_WARNING without a buffer; SUCCESS;
     // XMLPARSER_PARSER_ERROR with the message set; or a code from below
-    // (MALLOC_ERROR, ...) with the message "Parser Error.".
+    // (MALLOC_ERROR, ...) with the message "Parser Error.". Data that ends
+    // right after "<" or "</" has no construct message of its own: it gives
+    // XMLPARSER_PARSER_ERROR with "Parser Error.".
     int ParserMain(DbPrintf_Class* pDB = nullptr);
 
     // Appends the tree from the root: per element depth tabs, "<name", each
