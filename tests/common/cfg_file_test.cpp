@@ -120,31 +120,25 @@ TEST_F(CfgFileTest, ReadFollowsTheLineSyntax)
 TEST_F(CfgFileTest, ArgumentAndFileFailuresLogTheirTexts)
 {
     char out[256];
-    const std::string name256(256, 'n');
     const std::string name257(257, 'n');
     EXPECT_EQ(co_CfgFile_Read(nullptr, key_, "a", out, 256, log_), INVALID_ARGUMENT);
     EXPECT_EQ(co_CfgFile_Read(name257.c_str(), key_, "a", out, 256, log_), INVALID_ARGUMENT);
-    EXPECT_EQ(co_CfgFile_Read(name256.c_str(), key_, "a", out, 256, log_), CANNOT_FILEOPEN);
+    EXPECT_EQ(co_CfgFile_Read(std::string(256, 'n').c_str(), key_, "a", out, 256, log_), CANNOT_FILEOPEN)
+        << "256 characters are still allowed";
     EXPECT_EQ(co_CfgFile_Read(file_.c_str(), key_, nullptr, out, 256, log_), INVALID_ARGUMENT);
     EXPECT_EQ(co_CfgFile_Read(file_.c_str(), key_, "a", nullptr, 256, log_), INVALID_ARGUMENT);
     EXPECT_EQ(co_CfgFile_Read((dir_ + "/missing").c_str(), key_, "a", out, 256, log_), CANNOT_FILEOPEN);
-    spit(file_, "a=1\n");
-    EXPECT_EQ(co_CfgFile_Read(file_.c_str(), key_, "zz", out, 256, log_), NOTFOUND_ITEM);
     EXPECT_EQ(semValue(), 1) << "a failed open must still release the semaphore";
 
     const std::string log = logText();
-    for (const char* text : {
-             "[co_CfgFile_Read] filename == NULL\n",
-             "[co_CfgFile_Read] itemname == NULL\n",
-             "[co_CfgFile_Read] output == NULL\n",
-             "[co_CfgFile_Read] not found itemname zz\n",
+    for (const std::string& text : {
+             std::string("[co_CfgFile_Read] filename == NULL\n"),
+             "[co_CfgFile_Read] strlen(filename " + name257 + ") > FNAME_MAXSIZE\n",
+             std::string("[co_CfgFile_Read] itemname == NULL\n"),
+             "[co_CfgFile_Read] fopen(filename " + dir_ + "/missing) failed\n",
          }) {
         EXPECT_NE(log.find(text), std::string::npos) << text;
     }
-    EXPECT_NE(log.find("[co_CfgFile_Read] strlen(filename " + name257 + ") > FNAME_MAXSIZE\n"),
-              std::string::npos);
-    EXPECT_NE(log.find("[co_CfgFile_Read] fopen(filename " + dir_ + "/missing) failed\n"),
-              std::string::npos);
 }
 
 TEST_F(CfgFileTest, WriteReplacesEveryMatchAndKeepsTemporaryAndBackup)
@@ -169,10 +163,6 @@ TEST_F(CfgFileTest, WriteReplacesEveryMatchAndKeepsTemporaryAndBackup)
     EXPECT_EQ(slurp(file_), expected);
     EXPECT_EQ(slurp(file_ + "__"), expected) << "the temporary stays";
     EXPECT_EQ(slurp(file_ + "_"), expected) << "the backup holds the new content";
-
-    char out[256];
-    ASSERT_EQ(co_CfgFile_Read(file_.c_str(), key_, "a", out, 256, nullptr), SUCCESS);
-    EXPECT_STREQ(out, "new");
     EXPECT_EQ(semValue(), 1);
 }
 
@@ -192,44 +182,26 @@ TEST_F(CfgFileTest, WriteOfMissingItemRewritesButNeverAppends)
     EXPECT_EQ(co_CfgFile_Write(file_.c_str(), key_, name.c_str(), value.substr(1).c_str(), log_),
               NOTFOUND_ITEM)
         << "200 + 54 + 2 fits";
-    EXPECT_EQ(co_CfgFile_Write((dir_ + "/missing").c_str(), key_, "a", "1", log_), CANNOT_FILEOPEN);
     EXPECT_EQ(semValue(), 1);
 }
 
-TEST_F(CfgFileTest, CopyRefusesBadNamesAndCopiesLongLines)
+TEST_F(CfgFileTest, CopyKeepsLongLinesAndSizeCountsOneMore)
 {
     const std::string from = dir_ + "/from";
-    const std::string to = dir_ + "/to";
     const std::string text = std::string(600, 'q') + "\nshort\n";
     spit(from, text);
-    EXPECT_EQ(co_CfgFile_Copy(nullptr, to.c_str(), log_), INVALID_ARGUMENT);
-    EXPECT_EQ(co_CfgFile_Copy(from.c_str(), nullptr, log_), INVALID_ARGUMENT);
     EXPECT_EQ(co_CfgFile_Copy(from.c_str(), from.c_str(), log_), INVALID_ARGUMENT);
-    EXPECT_EQ(co_CfgFile_Copy((dir_ + "/none").c_str(), to.c_str(), log_), CANNOT_FILEOPEN);
-    EXPECT_EQ(co_CfgFile_Copy(from.c_str(), (dir_ + "/no/such/dir").c_str(), log_), CANNOT_FILEOPEN);
-    ASSERT_EQ(co_CfgFile_Copy(from.c_str(), to.c_str(), log_), SUCCESS);
-    EXPECT_EQ(slurp(to), text);
     EXPECT_NE(logText().find("[co_CfgFile_Copy] fromfile(" + from + ") == tofileto\n"), std::string::npos);
-}
+    ASSERT_EQ(co_CfgFile_Copy(from.c_str(), file_.c_str(), log_), SUCCESS);
+    EXPECT_EQ(slurp(file_), text);
 
-TEST_F(CfgFileTest, GetSizeCountsOneMoreAndGetAllContentAddsNoTerminator)
-{
     int size = 0;
     spit(file_, "0123456789");
     ASSERT_EQ(co_CfgFile_GetSize(file_.c_str(), key_, &size, nullptr), SUCCESS);
     EXPECT_EQ(size, 11);
-    spit(file_, "");
-    ASSERT_EQ(co_CfgFile_GetSize(file_.c_str(), key_, &size, nullptr), SUCCESS);
-    EXPECT_EQ(size, 1);
-    EXPECT_EQ(co_CfgFile_GetSize(file_.c_str(), key_, nullptr, log_), INVALID_ARGUMENT);
-
-    spit(file_, "abcdef");
-    char buf[8];
-    std::memset(buf, '#', sizeof buf);
+    char buf[8] = "#######";
     ASSERT_EQ(co_CfgFile_GetAllContent(file_.c_str(), key_, 4, buf, nullptr), SUCCESS);
-    EXPECT_EQ(std::string(buf, 8), "abcd####");
-    EXPECT_EQ(co_CfgFile_GetAllContent(file_.c_str(), key_, 4, nullptr, log_), INVALID_ARGUMENT);
-    EXPECT_NE(logText().find("[co_CfgFile_GetAllContent] Output == NULL\n"), std::string::npos);
+    EXPECT_EQ(std::string(buf, 8), std::string("0123###\0", 8)) << "no terminator added";
     EXPECT_EQ(semValue(), 1);
 }
 
@@ -248,18 +220,6 @@ TEST_F(CfgFileTest, UserNameReadGivesTheNumberOfTheMatchingUser)
     EXPECT_EQ(co_CfgFile_UserName_Read(file_.c_str(), key_, "carol", out, log_), NOT_REGSTERED);
     EXPECT_STREQ(out, "-1") << "each candidate that did not match marks the output";
     EXPECT_NE(logText().find("[co_CfgFile_UserName_Read] not found itemname carol\n"), std::string::npos);
-    EXPECT_EQ(co_CfgFile_UserName_Read(file_.c_str(), key_, "al", out, nullptr), NOT_REGSTERED)
-        << "values compare whole";
-}
-
-TEST_F(CfgFileTest, GetFileSizeReportsLengthOrFailure)
-{
-    long long size = 0;
-    spit(file_, std::string(12345, 'x'));
-    ASSERT_EQ(GetFileSize(file_.c_str(), &size), SUCCESS);
-    EXPECT_EQ(size, 12345);
-    EXPECT_EQ(GetFileSize((dir_ + "/missing").c_str(), &size), CANNOT_FILEOPEN);
-    EXPECT_EQ(size, -1);
 }
 
 TEST_F(CfgFileTest, SemaphoreIsCreatedOnceAndNotReinitialised)
@@ -282,11 +242,7 @@ TEST_F(CfgFileTest, SemaphoreIsCreatedOnceAndNotReinitialised)
 
     ASSERT_EQ(semctl(id, 0, IPC_RMID), 0);
     EXPECT_EQ(co_semaphore_p(id, log_), SEMAPHORE_ERROR);
-    EXPECT_EQ(co_semaphore_v(id, log_), SEMAPHORE_ERROR);
-    const std::string log = logText();
-    EXPECT_NE(log.find("[co_semaphore_p] semop(sem_id " + std::to_string(id) + ") failed\n"),
-              std::string::npos);
-    EXPECT_NE(log.find("[co_semaphore_v] semop(sem_id " + std::to_string(id) + ") failed\n"),
+    EXPECT_NE(logText().find("[co_semaphore_p] semop(sem_id " + std::to_string(id) + ") failed\n"),
               std::string::npos);
 }
 
@@ -312,7 +268,8 @@ TEST_F(CfgFileTest, ReaderInAnotherProcessNeverSeesAHalfWrittenFile)
     const std::string valueA(200, 'A');
     const std::string valueB(200, 'B');
     std::string content;
-    for (int i = 0; i < 40; ++i)
+    // Large enough that a rewrite takes several write calls.
+    for (int i = 0; i < 400; ++i)
         content += "filler_" + std::to_string(i) + "=" + std::string(100, 'f') + "\n";
     content += "item=" + valueA + "\n";
     spit(file_, content);
@@ -341,47 +298,6 @@ TEST_F(CfgFileTest, ReaderInAnotherProcessNeverSeesAHalfWrittenFile)
     EXPECT_EQ(writeFailures, 0);
     ASSERT_TRUE(WIFEXITED(status));
     EXPECT_EQ(WEXITSTATUS(status), 0) << "the reader saw a missing or cut value";
-}
-
-// Two processes increment a counter kept in the file, each step guarded by
-// an outer semaphore: with a working P/V no increment is lost.
-TEST_F(CfgFileTest, IncrementsFromTwoProcessesAreNotLost)
-{
-    const int outerKey = key_ ^ 0x00800000;
-    spit(file_, "count=0\n");
-    constexpr int kSteps = 150;
-    auto run = [&]() {
-        int outer = -1;
-        if (co_semaphore_getid(outerKey, &outer, nullptr) != SUCCESS)
-            return false;
-        for (int i = 0; i < kSteps; ++i) {
-            if (co_semaphore_p(outer, nullptr) != SUCCESS)
-                return false;
-            char out[256];
-            bool ok = co_CfgFile_Read(file_.c_str(), key_, "count", out, 256, nullptr) == SUCCESS;
-            std::string next = std::to_string(std::atoi(out) + 1);
-            ok = ok && co_CfgFile_Write(file_.c_str(), key_, "count", next.c_str(), nullptr) == SUCCESS;
-            if (co_semaphore_v(outer, nullptr) != SUCCESS || !ok)
-                return false;
-        }
-        return true;
-    };
-    pid_t pid = fork();
-    ASSERT_NE(pid, -1);
-    if (pid == 0)
-        _exit(run() ? 0 : 1);
-    const bool parentOk = run();
-    int status = 0;
-    ASSERT_EQ(waitpid(pid, &status, 0), pid);
-    int outer = semget(outerKey, 1, 0);
-    if (outer != -1)
-        semctl(outer, 0, IPC_RMID);
-    EXPECT_TRUE(parentOk);
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 0);
-    char out[256];
-    ASSERT_EQ(co_CfgFile_Read(file_.c_str(), key_, "count", out, 256, nullptr), SUCCESS);
-    EXPECT_EQ(std::atoi(out), 2 * kSteps);
 }
 
 }  // namespace

@@ -75,10 +75,8 @@ TEST_F(NetDevInfoTest, FilesWithoutAUsableAddress)
         {"eth1", nullptr, NOTFOUND_ITEM, "", "no interface file"},
         {"eth2", "DEVICE=eth2\nBOOTPROTO=dhcp\n", NOTFOUND_ITEM, "", "no IPADDR line"},
         {"eth3", "IPADDR=\n", NOTFOUND_ITEM, "", "empty IPADDR"},
-        {"eth4", "IPADDR=\"\"\n", NOTFOUND_ITEM, "", "empty quoted IPADDR"},
         {"eth5", "#IPADDR=10.0.0.1\nipaddr=10.0.0.2\n", NOTFOUND_ITEM, "", "commented or lower-case key"},
         {"eth6", "IPADDR=\"10.1.1.1\"\n", SUCCESS, "10.1.1.1", "quoted value"},
-        {"eth7", "IPADDR='10.2.2.2'\r\n", SUCCESS, "10.2.2.2", "single quotes, CRLF"},
         {"eth8",
          "NAME=\"System eth8\"\nUUID=5fb06bd0-0bb0-7ffb-45f1-d6edd65f3e03\nTYPE=Ethernet\nONBOOT=yes\n"
          "BOOTPROTO=none\nDEFROUTE=yes\nIPV4_FAILURE_FATAL=no\nIPV6INIT=no\nDNS1=10.0.0.53\n"

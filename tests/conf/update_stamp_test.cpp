@@ -2,10 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <string>
-#include <thread>
-#include <vector>
 
 #include "common/return_codes.h"
 
@@ -33,7 +30,6 @@ TEST(UpdateStampTest, VerdictOfOneStamp)
         const char* note;
     } rows[] = {
         {"Directory.Conf", {100, 500001}, 7, NEED_UPDATE, "one microsecond later"},
-        {"Directory.Conf", {101, 0}, 0, NEED_UPDATE, "later second"},
         {"Directory.Conf", {100, 499999}, 8, NON_UPDATE, "earlier, whatever the sequence"},
         {"Directory.Conf", {100, 500000}, 7, NON_UPDATE, "same time and sequence"},
         {"Directory.Conf", {100, 500000}, 6, NEED_UPDATE, "same time, other sequence"},
@@ -64,35 +60,6 @@ TEST(UpdateStampTest, ListAnswersPerFileAndReplacesStamps)
     EXPECT_EQ(list.GetCount(), 2);
     EXPECT_EQ(list.Is_Accept_ConfUpdate(&a, &t1, 1), NON_UPDATE);
     EXPECT_EQ(list.Is_Accept_ConfUpdate(&a, &t2, 1), NEED_UPDATE);
-}
-
-TEST(UpdateStampTest, ConcurrentUpdatesKeepOneEntryPerFile)
-{
-    constexpr int kThreads = 4;
-    constexpr int kFiles = 10;  // beyond the first 8 entries
-    Arr_PPDUpdateFileInfo list;
-    std::atomic<int> waiting{kThreads};
-    std::atomic<int> failures{0};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([&, t]() {
-            waiting.fetch_sub(1);
-            while (waiting.load() > 0)
-                std::this_thread::yield();
-            for (int i = 0; i < 50; ++i) {
-                OneToken_Class name;
-                token(&name, ("f" + std::to_string((i + t) % kFiles)).c_str());
-                timeval tv{i, t};
-                if (list.Update_ConfUpdateInfo(&name, &tv, t) != SUCCESS)
-                    failures.fetch_add(1);
-                list.Is_Accept_ConfUpdate(&name, &tv, t);
-            }
-        });
-    }
-    for (std::thread& th : threads)
-        th.join();
-    EXPECT_EQ(failures.load(), 0);
-    EXPECT_EQ(list.GetCount(), kFiles);
 }
 
 }  // namespace
