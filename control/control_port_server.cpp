@@ -152,6 +152,8 @@ void ControlPort_ServerThread::AnswerReadFailure(DbPrintf_Class* pDB)
 
 int ControlPort_ServerThread::DoCommand_Root(DbPrintf_Class* pDB)
 {
+    // The command is chosen by the URI's file name (the text from its last
+    // slash), compared exactly; the directory part is not looked at.
     const OneToken_Class& fileName = request_file_name(m_Request);
     if (fileName.Compare("/ptippreimg.cgi") == SUCCESS) {
         configParam_Struct cfg;
