@@ -143,7 +143,7 @@ int AcceptOrStop(int listenFd, const std::atomic<bool>& stop, std::string* peer)
 }
 
 int ConnectTcp(const std::string& host, int port, const std::string& bindAddr, int timeoutMs,
-               std::string* err) {
+               std::string* err, int bindPort) {
   sockaddr_in sa;
   if (!fill_sockaddr(host, port, &sa)) {
     *err = "bad address " + host;
@@ -156,7 +156,7 @@ int ConnectTcp(const std::string& host, int port, const std::string& bindAddr, i
   }
   if (!bindAddr.empty()) {
     sockaddr_in local;
-    if (!fill_sockaddr(bindAddr, 0, &local) ||
+    if (!fill_sockaddr(bindAddr, bindPort, &local) ||
         ::bind(fd, reinterpret_cast<sockaddr*>(&local), sizeof local) != 0) {
       *err = "bind to " + bindAddr + " failed: " + std::strerror(errno);
       ::close(fd);

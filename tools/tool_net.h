@@ -43,10 +43,11 @@ int BoundPort(int fd);
 // peer's text, or -1 when *stop became true.
 int AcceptOrStop(int listenFd, const std::atomic<bool>& stop, std::string* peer);
 
-// Connects to host:port within timeoutMs, first binding bindAddr when it is
-// non-empty. Returns the descriptor (blocking mode) or -1 with *err set.
+// Connects to host:port within timeoutMs, first binding bindAddr (and
+// bindPort when it is non-zero) when bindAddr is non-empty. Returns the
+// descriptor (blocking mode) or -1 with *err set.
 int ConnectTcp(const std::string& host, int port, const std::string& bindAddr, int timeoutMs,
-               std::string* err);
+               std::string* err, int bindPort = 0);
 
 enum class IoResult { kOk, kTimeout, kClosed, kError, kStopped };
 const char* IoResultName(IoResult r);

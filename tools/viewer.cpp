@@ -33,7 +33,16 @@ bool exchange(const ViewerConfig& cfg, const std::atomic<bool>& stop, const std:
               std::vector<Answer>* answers, int64_t* receivedUs, std::string* raw,
               std::string* err) {
   answers->clear();
-  const int fd = ConnectTcp(cfg.host, cfg.port, cfg.bindAddr, cfg.requestTimeoutMs, err);
+  // With a first local port, a port still held by an earlier connection is
+  // skipped: only bind failures move on to the next port.
+  static std::atomic<unsigned> connections{0};
+  int fd = -1;
+  for (int tries = 0; tries < 16; ++tries) {
+    const unsigned n = connections.fetch_add(1, std::memory_order_relaxed);
+    const int localPort = cfg.bindPort ? cfg.bindPort + static_cast<int>(n % 10000) : 0;
+    fd = ConnectTcp(cfg.host, cfg.port, cfg.bindAddr, cfg.requestTimeoutMs, err, localPort);
+    if (fd >= 0 || !cfg.bindPort || err->rfind("bind to", 0) != 0) break;
+  }
   if (fd < 0) return false;
   const std::string req = "GET " + target + " HTTP/1.0\r\nUser-Agent: ostrel-viewer\r\n\r\n";
   std::string data;

@@ -28,6 +28,9 @@ struct ViewerConfig {
   std::string host;
   int port = 0;
   std::string bindAddr;  // local address to connect from ("" = any)
+  // First local port (0 = any). Connection n binds bindPort + n % 10000, so
+  // that a redirect matching the ephemeral range leaves the viewer alone.
+  int bindPort = 0;
   double seconds = 0;    // pull for this long (0 = no time limit)
   int count = 0;         // stop after this many pictures (0 = no count limit)
   std::string savePath;  // where the last picture is written ("" = nowhere)

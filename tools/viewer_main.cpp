@@ -13,8 +13,8 @@
 namespace {
 
 const char kUsage[] =
-    "Usage: ostrel-viewer --control ADDR:PORT [--bind ADDR] [pull options]\n"
-    "       ostrel-viewer --control ADDR:PORT [--bind ADDR] --trcom COMMAND | --query QUERY\n"
+    "Usage: ostrel-viewer --control ADDR:PORT [--bind ADDR[:PORT]] [pull options]\n"
+    "       ostrel-viewer --control ADDR:PORT [--bind ADDR[:PORT]] --trcom COMMAND | --query QUERY\n"
     "\n"
     "Pull mode logs in on the relay's control port (img_login), fetches pictures\n"
     "with get_image, checks each one (status, Content-Length, JPEG SOI..EOI, the\n"
@@ -25,7 +25,8 @@ const char kUsage[] =
     "The relay serves pictures only to its channel's own address: use --bind.\n"
     "\n"
     "  --control ADDR:PORT   the relay's control port\n"
-    "  --bind ADDR           local address to connect from\n"
+    "  --bind ADDR[:PORT]    local address to connect from; with PORT, connection n\n"
+    "                        uses local port PORT + n mod 10000\n"
     "  --seconds S           pull for S seconds (default 10 when --count is not given)\n"
     "  --count N             stop after N pictures\n"
     "  --save FILE           write the last picture to FILE\n"
@@ -87,9 +88,10 @@ int main(int argc, char** argv) {
       case kBind: {
         std::string host;
         int port = 0;
-        if (!otools::ParseHostPort(arg, 0, &host, &port) || port != 0)
+        if (!otools::ParseHostPort(arg, 0, &host, &port) || port > 55535)
           return usage_error("bad --bind " + arg);
         cfg.bindAddr = host;
+        cfg.bindPort = port;
         break;
       }
       case kSeconds: {
