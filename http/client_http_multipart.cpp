@@ -1,6 +1,5 @@
 #include "http/client_http_multipart.h"
 
-#include <string.h>
 
 #include "common/debug_log.h"
 #include "common/return_codes.h"
@@ -63,7 +62,16 @@ int CClient_HTTP_MultiPart::Read(char* pBuf, int nSize, int* pReceived)
         TimePrint(m_pDB, m_nLogLevel, "[CClient_HTTP_MultiPart::Read()] m_nSockfd == -1\n");
         return CLIENT_INCOMPLETE_SETUP;
     }
-    const int ret = m_obHTTPMultiPartResponseBuffer.HttpReadMulti(m_nSockfd, m_nSocketTimeout, m_pExitFlag, m_pDB);
+    // The part's data (without the CR LF that follows them) are received
+    // straight into the caller's buffer: the one place a frame's bytes land.
+    const int ret = m_obHTTPMultiPartResponseBuffer.HttpReadMultiInto(m_nSockfd, m_nSocketTimeout, m_pExitFlag, pBuf,
+                                                                      nSize, pReceived, m_pDB);
+    if (ret == DATASIZE_LARGE) {
+        TimePrint(m_pDB, m_nLogLevel, "[CClient_HTTP_MultiPart::Read()] part(%d) > nSize(%d)\n",
+                  m_obHTTPMultiPartResponseBuffer.m_nContentLength, nSize);
+        DestroySock();
+        return DATASIZE_LARGE;
+    }
     if (ret != SUCCESS) {
         TimePrint(m_pDB, m_nLogLevel,
                   "[CClient_HTTP_MultiPart::Read()] m_obHTTPMultiPartResponseBuffer.HttpReadMulti(m_nSockfd %d) failed ::%d\n",
@@ -71,18 +79,6 @@ int CClient_HTTP_MultiPart::Read(char* pBuf, int nSize, int* pReceived)
         DestroySock();
         return ret;
     }
-    // The part's data without the CR LF that follows them.
-    const int dataLength = m_obHTTPMultiPartResponseBuffer.m_nBodyLength - 2;
-    if (dataLength > nSize) {
-        TimePrint(m_pDB, m_nLogLevel, "[CClient_HTTP_MultiPart::Read()] part(%d) > nSize(%d)\n", dataLength, nSize);
-        DestroySock();
-        return DATASIZE_LARGE;
-    }
-    // The one copy of a frame's bytes: from where they arrived straight into
-    // the caller's slot.
-    memcpy(pBuf, m_obHTTPMultiPartResponseBuffer.m_pBuffer + m_obHTTPMultiPartResponseBuffer.m_nBodyStart,
-           static_cast<size_t>(dataLength));
-    *pReceived = dataLength;
     return SUCCESS;
 }
 

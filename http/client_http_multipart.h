@@ -21,8 +21,8 @@ public:
     // HTTPMultiPartResponseBuffer_Class::HttpReadFirst.
     int Get();
 
-    // Reads the next part and copies its data (without the CR LF that ends
-    // it) into pBuf, *pReceived = its length. A part longer than nSize closes
+    // Reads the next part's data (without the CR LF that ends them) straight
+    // into pBuf (HttpReadMultiInto), *pReceived = its length. A part longer than nSize closes
     // the connection and gives DATASIZE_LARGE. CLIENT_INCOMPLETE_SETUP when no
     // connection is open; HttpReadMulti's codes otherwise.
     int Read(char* pBuf, int nSize, int* pReceived);

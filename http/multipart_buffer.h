@@ -49,6 +49,17 @@ public:
     // head; nothing of the body is read then), HTTP_BODY_READ_FAILD (400/408).
     int HttpReadMulti(int fd, int timeout_ms, SockExitFlag* exitFlag, DbPrintf_Class* pDB = nullptr);
 
+    // As HttpReadMulti (same codes, statuses, texts and size rule), but the
+    // part's data are received straight into pDst, not into this buffer:
+    // the part head is found by peeking, only the head is taken in here,
+    // and only data bytes already held as read-ahead are copied. On SUCCESS
+    // *pReceived = Content length and m_nBodyLength = Content length + 2;
+    // the data are NOT at m_pBuffer + m_nBodyStart. A part longer than
+    // nDstSize gives DATASIZE_LARGE before any data byte is read (the owner
+    // closes the connection). INVALID_ARGUMENT for null pDst or pReceived.
+    int HttpReadMultiInto(int fd, int timeout_ms, SockExitFlag* exitFlag, char* pDst, int nDstSize, int* pReceived,
+                          DbPrintf_Class* pDB = nullptr);
+
     // As HTTPResponseBuffer_Class::Is_KeepAlive.
     int Is_KeepAlive(DbPrintf_Class* pDB = nullptr);
 

@@ -1,0 +1,236 @@
+#include "http/multipart_buffer.h"
+
+#include <string.h>
+#include <sys/time.h>
+
+#include "common/debug_log.h"
+#include "common/return_codes.h"
+#include "common/time_utils.h"
+
+// The part reader that receives a part's data straight into the caller's
+// memory. The part head is found by peeking at the socket, and only the head
+// is taken into this buffer, so no data byte is received here and copied
+// again; only bytes that an earlier read had already taken in as read-ahead
+// are copied out.
+
+namespace {
+
+bool exit_requested(const SockExitFlag* exitFlag)
+{
+    return exitFlag != nullptr && exitFlag->load(std::memory_order_relaxed) == -1;
+}
+
+// Where the head that began at *searchFrom ends within [*searchFrom, filled):
+// CR and LF bytes before the head are passed over first (*leading tells
+// whether the head proper has begun; the scan state is carried between
+// calls). Returns the index just past the blank line (LF LF or LF CR LF), or
+// -1 when the head is not complete yet.
+int scan_part_head(const unsigned char* buf, int filled, int* searchFrom, bool* leading)
+{
+    if (*leading) {
+        while (*searchFrom < filled && (buf[*searchFrom] == '\r' || buf[*searchFrom] == '\n')) {
+            (*searchFrom)++;
+        }
+        *leading = *searchFrom == filled;
+        if (*leading) {
+            return -1;
+        }
+    }
+    for (int i = *searchFrom; i + 1 < filled; i++) {
+        if (buf[i] != '\n') {
+            continue;
+        }
+        if (buf[i + 1] == '\n') {
+            return i + 2;
+        }
+        if (buf[i + 1] == '\r' && i + 2 < filled && buf[i + 2] == '\n') {
+            return i + 3;
+        }
+    }
+    // A terminator may be split over receives: its first LF can be up to
+    // two bytes before the last byte seen.
+    if (filled - 3 > *searchFrom) {
+        *searchFrom = filled - 3;
+    }
+    return -1;
+}
+
+// Completes the part head in b's buffer. Read-ahead is searched first; then
+// each pass peeks at what the socket holds and takes exactly the bytes up to
+// the head's end (all of them while the head is still incomplete). Codes
+// and time accounting as HTTPBaseBuffer_Class::HttpRead_Header.
+int read_part_head_exact(HTTPMultiPartResponseBuffer_Class& b, int fd, int timeout_ms, SockExitFlag* exitFlag,
+                         DbPrintf_Class* pDB)
+{
+    long long countedUsec = 0;
+    b.m_nHeaderStart = b.m_nConsumed;
+    int searchFrom = b.m_nConsumed;
+    bool leading = true;
+
+    int end = scan_part_head(b.m_pBuffer, b.m_nFilled, &searchFrom, &leading);
+    while (end < 0) {
+        if (b.m_nFilled >= b.m_nCapacity) {
+            return DATA_LARGE_THEN_BUF;
+        }
+        if (exit_requested(exitFlag)) {
+            return LOOP_INTERRUPTED;
+        }
+        timeval before{};
+        gettimeofday(&before, nullptr);
+
+        int peeked = 0;
+        int rc = Sock_Recv_OneBlock(fd, b.m_pBuffer + b.m_nFilled, b.m_nCapacity - b.m_nFilled, &peeked, timeout_ms,
+                                    SOCK_FIXED_FLAGS | MSG_PEEK, pDB);
+        if (rc == SOCK_INTERRUPT) {
+            if (exit_requested(exitFlag)) {
+                return LOOP_INTERRUPTED;
+            }
+            peeked = 0;
+        } else if (rc != SUCCESS) {
+            return rc;
+        } else if (peeked == 0) {
+            return SOCK_CLOSE;
+        }
+
+        if (peeked > 0) {
+            // Scan the peeked bytes where they lie, then take off the socket
+            // exactly the part that belongs to the head. The bytes received
+            // are the ones just peeked, landing on themselves.
+            int scanFrom = searchFrom;
+            bool scanLeading = leading;
+            int found = scan_part_head(b.m_pBuffer, b.m_nFilled + peeked, &scanFrom, &scanLeading);
+            int take = found >= 0 ? found - b.m_nFilled : peeked;
+            int got = 0;
+            rc = Sock_Recv_OneBlock(fd, b.m_pBuffer + b.m_nFilled, take, &got, timeout_ms, SOCK_FIXED_FLAGS, pDB);
+            if (rc != SUCCESS) {
+                return rc;
+            }
+            if (got == 0) {
+                return SOCK_CLOSE;
+            }
+            b.m_nFilled += got;
+            if (got == take) {
+                searchFrom = scanFrom;
+                leading = scanLeading;
+                end = found;
+            } else {
+                // Fewer bytes than peeked (not expected on a stream socket):
+                // search again over what was really taken.
+                end = scan_part_head(b.m_pBuffer, b.m_nFilled, &searchFrom, &leading);
+            }
+            if (end >= 0) {
+                break;
+            }
+        }
+
+        // Only passes shorter than the time-out count: a silent peer ends a
+        // pass by the wait's own time-out (returned above), a trickle adds up.
+        timeval after{};
+        gettimeofday(&after, nullptr);
+        long long spent = GetDifftime64(&before, &after);
+        if (spent / 1000 < timeout_ms) {
+            countedUsec += spent;
+        }
+        if (countedUsec / 1000 >= timeout_ms) {
+            return SOCK_TIMEOUT;
+        }
+    }
+    b.m_nHeaderLength = end - b.m_nHeaderStart;
+    b.m_nBodyStart = end;
+    b.m_nConsumed = end;
+    return SUCCESS;
+}
+
+} // namespace
+
+int HTTPMultiPartResponseBuffer_Class::HttpReadMultiInto(int fd, int timeout_ms, SockExitFlag* exitFlag, char* pDst,
+                                                         int nDstSize, int* pReceived, DbPrintf_Class* pDB)
+{
+    if (pDst == nullptr || pReceived == nullptr) {
+        TimePrint(pDB, 1, "[HTTPMultiPartResponseBuffer_Class::HttpReadMultiInto()] pDst == NULL ::%d\n",
+                  INVALID_ARGUMENT);
+        return INVALID_ARGUMENT;
+    }
+    PrepareNextMessage(pDB);
+
+    int rc = read_part_head_exact(*this, fd, timeout_ms, exitFlag, pDB);
+    if (rc != SUCCESS) {
+        TimePrint(pDB, 1,
+                  "[HTTPMultiPartResponseBuffer_Class::HttpReadMulti()] HttpRead_Header(sockfd %d) failed ::%d\n", fd,
+                  rc);
+        if (rc == SOCK_TIMEOUT) {
+            SetFailure(408, "HTTP header read faild.");
+            return SOCK_TIMEOUT;
+        }
+        SetFailure(rc == DATA_LARGE_THEN_BUF ? 413 : 400, "HTTP header read faild.");
+        return HTTP_HEADER_READ_FAILD;
+    }
+
+    rc = Parser.ParsingMulti(m_pBuffer + m_nHeaderStart, m_nHeaderLength, pDB);
+    if (rc != SUCCESS) {
+        TimePrint(pDB, 1, "[HTTPMultiPartResponseBuffer_Class::HttpReadMulti()] Parser.ParsingMulti failed ::%d\n", rc);
+        SetFailure(Parser.m_nStatus, Parser.m_strError);
+        return HTTP_INVALID_SYNTAX;
+    }
+
+    // The same size rule as HttpReadMulti, so both readers accept the same
+    // parts: the part and its CR LF must fit after the head.
+    const int freeSize = m_nCapacity - m_nBodyStart;
+    rc = CheckContentLength(Parser.m_HeaderLines, freeSize - 2);
+    if (rc != SUCCESS) {
+        if (m_nContentLength > freeSize - 2) {
+            TimePrint(pDB, 1,
+                      "[HTTPMultiPartResponseBuffer_Class::HttpReadMulti()] buf_freeSize(%d) < ContentLength(%d)+2\n",
+                      freeSize, m_nContentLength);
+        }
+        TimePrint(pDB, 1, "[HTTPMultiPartResponseBuffer_Class::HttpReadMulti()] %s ::%d\n", m_strError, rc);
+        return rc;
+    }
+
+    const int length = m_nContentLength;
+    m_nBodyLength = length + 2;
+    if (length > nDstSize) {
+        // Nothing of the part is read; the owner closes the connection.
+        m_nConsumed = m_nFilled;
+        m_nStatus = 200;
+        return DATASIZE_LARGE;
+    }
+
+    // Data already taken in as read-ahead are copied; the rest is received
+    // in place.
+    const int readAhead = m_nFilled - m_nBodyStart;
+    const int fromBuffer = readAhead < length ? readAhead : length;
+    memcpy(pDst, m_pBuffer + m_nBodyStart, static_cast<size_t>(fromBuffer));
+    int trailerInBuffer = readAhead - length;
+    trailerInBuffer = trailerInBuffer < 0 ? 0 : (trailerInBuffer > 2 ? 2 : trailerInBuffer);
+    m_nConsumed = m_nBodyStart + fromBuffer + trailerInBuffer;
+
+    bool closed = false;
+    if (fromBuffer < length) {
+        int got = 0;
+        rc = Sock_Recv(fd, pDst + fromBuffer, length - fromBuffer, &got, timeout_ms, SOCK_FIXED_FLAGS, exitFlag, pDB);
+        if (rc == SUCCESS && got < length - fromBuffer) {
+            // The peer closed early: the read still succeeds, and the
+            // missing bytes read as NUL bytes rather than older data.
+            memset(pDst + fromBuffer + got, 0, static_cast<size_t>(length - fromBuffer - got));
+            closed = true;
+        }
+    }
+    if (rc == SUCCESS && !closed && trailerInBuffer < 2) {
+        // The line end after the data; its bytes are not kept.
+        char trailer[2];
+        int got = 0;
+        rc = Sock_Recv(fd, trailer, 2 - trailerInBuffer, &got, timeout_ms, SOCK_FIXED_FLAGS, exitFlag, pDB);
+    }
+    if (rc != SUCCESS) {
+        TimePrint(
+            pDB, 1,
+            "[HTTPMultiPartResponseBuffer_Class::HttpReadMulti()] HttpRead_Body(sockfd %d,ContentLength %d) failed ::%d\n",
+            fd, m_nContentLength, rc);
+        SetFailure(rc == SOCK_TIMEOUT ? 408 : 400, "HTTP body read faild.");
+        return HTTP_BODY_READ_FAILD;
+    }
+    *pReceived = length;
+    m_nStatus = 200;
+    return SUCCESS;
+}
