@@ -1,0 +1,210 @@
+#ifndef OSTREL_TESTS_CAMERA_FAKE_PEER_H
+#define OSTREL_TESTS_CAMERA_FAKE_PEER_H
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+// A small threaded TCP server standing in for a camera or the schedule
+// server. Each accepted connection gets a thread that reads the request head
+// (up to the blank line), records it and hands the socket to the handler.
+// The destructor ends every connection and joins all threads.
+class FakePeer {
+public:
+    // Handler: fd, request head, connection number (1-based). It returns
+    // when it is done with the connection; the server then closes it.
+    using Handler = std::function<void(int fd, const std::string& request, int connNo)>;
+
+    FakePeer(const char* ip, int port, Handler handler) : m_handler(std::move(handler))
+    {
+        m_listen = socket(AF_INET, SOCK_STREAM, 0);
+        int one = 1;
+        setsockopt(m_listen, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+        sockaddr_in addr{};
+        addr.sin_family = AF_INET;
+        addr.sin_port = htons(static_cast<uint16_t>(port));
+        inet_pton(AF_INET, ip, &addr.sin_addr);
+        socklen_t len = sizeof addr;
+        if (bind(m_listen, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 || listen(m_listen, 8) != 0 ||
+            getsockname(m_listen, reinterpret_cast<sockaddr*>(&addr), &len) != 0) {
+            ADD_FAILURE() << "fake peer cannot listen on " << ip << ":" << port;
+        }
+        m_port = ntohs(addr.sin_port);
+        m_acceptor = std::thread([this] { acceptLoop(); });
+    }
+
+    ~FakePeer()
+    {
+        m_stop.store(true);
+        shutdown(m_listen, SHUT_RDWR);
+        m_acceptor.join();
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            for (int fd : m_fds) {
+                shutdown(fd, SHUT_RDWR);
+            }
+        }
+        for (std::thread& t : m_threads) {
+            t.join();
+        }
+        close(m_listen);
+    }
+
+    FakePeer(const FakePeer&) = delete;
+    FakePeer& operator=(const FakePeer&) = delete;
+
+    int Port() const { return m_port; }
+    int Connections() const { return m_connections.load(); }
+    int Finished() const { return m_finished.load(); }
+    bool Stopping() const { return m_stop.load(); }
+    std::vector<std::string> Requests() const
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_requests;
+    }
+
+private:
+    void acceptLoop()
+    {
+        while (!m_stop.load()) {
+            int fd = accept(m_listen, nullptr, nullptr);
+            if (fd < 0) {
+                return;
+            }
+            int one = 1;
+            setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+            int connNo = ++m_connections;
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_fds.push_back(fd);
+            m_threads.emplace_back([this, fd, connNo] { serve(fd, connNo); });
+        }
+    }
+
+    void serve(int fd, int connNo)
+    {
+        std::string head;
+        char c;
+        while (head.size() < 4 || head.compare(head.size() - 4, 4, "\r\n\r\n") != 0) {
+            if (recv(fd, &c, 1, 0) != 1) {
+                break;
+            }
+            head += c;
+        }
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_requests.push_back(head);
+        }
+        if (!m_stop.load()) {
+            m_handler(fd, head, connNo);
+        }
+        shutdown(fd, SHUT_RDWR);
+        m_finished++;
+    }
+
+    Handler m_handler;
+    int m_listen = -1;
+    int m_port = 0;
+    std::atomic<bool> m_stop{false};
+    std::atomic<int> m_connections{0};
+    std::atomic<int> m_finished{0};
+    mutable std::mutex m_mutex;
+    std::vector<int> m_fds;
+    std::vector<std::string> m_requests;
+    std::vector<std::thread> m_threads;
+    std::thread m_acceptor;
+};
+
+// Sends all bytes; false once the peer has gone.
+inline bool SendAll(int fd, const std::string& bytes)
+{
+    size_t off = 0;
+    while (off < bytes.size()) {
+        ssize_t n = send(fd, bytes.data() + off, bytes.size() - off, MSG_NOSIGNAL);
+        if (n <= 0) {
+            return false;
+        }
+        off += static_cast<size_t>(n);
+    }
+    return true;
+}
+
+// Waits until the peer has closed its side (or the wait gives up).
+inline bool WaitPeerClosed(int fd, int timeoutMs)
+{
+    auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    char buf[256];
+    while (std::chrono::steady_clock::now() < until) {
+        pollfd p{fd, POLLIN, 0};
+        if (poll(&p, 1, 50) > 0) {
+            ssize_t n = recv(fd, buf, sizeof buf, 0);
+            if (n <= 0) {
+                return true;
+            }
+        }
+    }
+    return false;
+}
+
+// Polls pred until it holds or timeoutMs pass; the test's bound, never its
+// synchronisation.
+inline bool WaitUntil(const std::function<bool()>& pred, int timeoutMs = 20000)
+{
+    auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    while (!pred()) {
+        if (std::chrono::steady_clock::now() >= until) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return true;
+}
+
+// The camera's stream: response head and part framing.
+inline std::string StreamHead()
+{
+    return "HTTP/1.0 200 OK\r\nContent-Type: multipart/x-mixed-replace; boundary=myboundary\r\n\r\n";
+}
+
+inline std::string PartHead(size_t length)
+{
+    return "--myboundary\r\nContent-Type: image/jpeg\r\nContent-Length: " + std::to_string(length) + "\r\n\r\n";
+}
+
+// Picture number seq: its length depends on seq, its first 8 bytes carry
+// seq, and every byte depends on seq and position, so a picture that was
+// cut, shifted or mixed with another is caught.
+inline std::string Picture(uint64_t seq, size_t length)
+{
+    std::string p(length, '\0');
+    for (size_t i = 0; i < length; i++) {
+        p[i] = static_cast<char>((seq * 131 + i * 7 + (i >> 8)) & 0xff);
+    }
+    for (size_t i = 0; i < 8 && i < length; i++) {
+        p[i] = static_cast<char>((seq >> (8 * i)) & 0xff);
+    }
+    return p;
+}
+
+inline uint64_t PictureSeq(const char* data)
+{
+    uint64_t seq = 0;
+    for (int i = 7; i >= 0; i--) {
+        seq = (seq << 8) | static_cast<unsigned char>(data[i]);
+    }
+    return seq;
+}
+
+#endif
