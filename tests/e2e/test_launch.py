@@ -1,0 +1,225 @@
+"""Starting and stopping the daemon as a launcher or an operator does: the
+launcher answers, the states and pid files, the thread count, the ways a
+start fails, and the three ways a running daemon is stopped."""
+
+import os
+import signal
+import socket
+import stat
+import unittest
+
+from ostrel_e2e import (CONTROL_PORT, MYIP, RelayCase, is_listening, launcher_answer,
+                        setup_namespace, start_failed_answer, success_answer, wait_for)
+
+USAGE = (b"\t-StartUp Name : PP Start (for Debug).\n"
+         b"\t-StartUp_NonDeamon Name : PP Start (for Debug).\n"
+         b"\t-GetConfigTemplate\n")
+
+
+def invalid(comment):
+    return launcher_answer(b"<Response>\n  <States>Err_InvalidArgument</States>\n"
+                           b"  <Comment>%s</Comment>\n</Response>\n" % comment)
+
+
+ALREADY = launcher_answer(b"<Response>\n  <States>Err_AlreadyWorking</States>\n</Response>\n")
+TIMEOUT = start_failed_answer(b"Fork response time out")
+
+
+def setUpModule():
+    setup_namespace()
+
+
+def cgi(method, query=None, length=None):
+    env = {"REQUEST_METHOD": method}
+    if query is not None:
+        env["QUERY_STRING"] = query
+    if length is not None:
+        env["CONTENT_LENGTH"] = str(length)
+    return env
+
+
+class LauncherAnswerTest(RelayCase):
+    def test_answers_that_start_nothing(self):
+        rows = [
+            # argv after the program, environment, stdin, stdout, stderr, note
+            (["-StartUp"], {}, b"", USAGE, b"", "two arguments print the usage only"),
+            (["-StartUp", "123"], {}, b"", USAGE, b"Invalid argument\n", "three digits"),
+            (["-StartUp", "5x"], {}, b"", USAGE, b"Invalid argument\n",
+             "the digit check comes before the name check"),
+            (["-Bogus", "1"], {}, b"", b"[-Bogus] Unkown.\n" + USAGE, b"", "unknown switch"),
+            (["-GetConfigTemplate", "1"], {}, b"",
+             launcher_answer(b"<L2Config_Template>\n\t<Sample />\n</L2Config_Template>\n"), b"",
+             "template, 53 bytes"),
+            (["cgi", "01"], cgi("HEAD", "Command=StartUp&Name=01"), b"",
+             b"Content-type: text/plain\n\n", b"", "HEAD writes one header line only"),
+            (["cgi", "01"], cgi("put"), b"", b"[put] Unkown Command.", b"", "unknown method"),
+            (["cgi", "01"], cgi("GET"), b"", invalid(b"Not found CGI Argument"), b"",
+             "GET without a query"),
+            (["cgi", "01"], cgi("GET", "Command=StartUp&Name=5"), b"",
+             invalid(b"'Name' Length too short"), b"", "one-character name"),
+            (["cgi", "01"], cgi("GET", "Command=StartUp&Name=a-b"), b"",
+             invalid(b"'Name' have invalid charactor"), b"", "'-' is not a name character"),
+            (["cgi", "01"], cgi("GET", "Command=Foo"), b"",
+             invalid(b"Unkown Command 'Foo'"), b"", "unknown command, as received"),
+            (["cgi", "01"], cgi("GET", "Name=01"), b"",
+             invalid(b"Not found 'Command' CGI Argument "), b"", "no command"),
+            (["cgi", "01"], cgi("POST", length=0), b"",
+             invalid(b"Invalid value 'Content-Length':0"), b"", "empty POST"),
+            (["cgi", "01"], cgi("POST", length=65536), b"x" * 10,
+             invalid(b"CGI parametar too large."), b"", "POST too large"),
+            (["cgi", "01"], cgi("POST"), b"", invalid(b"Not found 'Content-Length' in HTTP Header"),
+             b"", "POST without a length"),
+        ]
+        for args, env, stdin, out, err, note in rows:
+            with self.subTest(note):
+                got_out, got_err = self.run_ostrel(*args, env=env, stdin=stdin)
+                self.assertEqual(got_out, out)
+                self.assertEqual(got_err, err)
+                self.assertEqual([f for f in os.listdir(self.work) if "States" in f], [])
+                self.assertFalse(is_listening(MYIP, CONTROL_PORT))
+
+    def test_program_name_ending_in_slash_is_refused(self):
+        out, _ = self.run_ostrel("-StartUp", "1", argv0="/usr/bin/")
+        self.assertEqual(out, start_failed_answer(b"Illegal file name in arg[0]."))
+
+    def test_stale_states_file_blocks_a_start(self):
+        # Nobody checks whether the recorded process still lives.
+        with open(self.states_path("1"), "w") as f:
+            f.write("<PPD.States>\n <States>normaloperating</States>\n"
+                    " <ProcessId>999999</ProcessId>\n</PPD.States>\n")
+        out, _ = self.run_ostrel("-StartUp", "1")
+        self.assertEqual(out, ALREADY)
+        out, _ = self.run_ostrel("-StartUp_NonDeamon", "1")
+        self.assertEqual(out, b"1 was alredy started.\n")
+        self.assertFalse(is_listening(MYIP, CONTROL_PORT))
+
+
+class DaemonLifeTest(RelayCase):
+    def test_forking_start_publishes_its_state_and_stops_on_sigterm(self):
+        pid = self.start_forking("1")
+        states = self.read_states("1")
+        self.assertEqual(states["PPD_Type"], "Ostrel")
+        self.assertEqual(states["PPD_Name"], "1")
+        self.assertEqual(states["Port"], str(CONTROL_PORT))
+        self.assertRegex(states["PPD_VersionTime"], r"^\d\d:\d\d:\d\d \w{3} [ \d]\d \d{4}$")
+        with open(self.path("mem", "Ostrel_01.pid")) as f:
+            self.assertEqual(f.read(), str(pid))
+        self.assertEqual(stat.S_IMODE(os.stat(self.path("mem", "Ostrel_01.pid")).st_mode), 0o666,
+                         "the daemon clears its file-creation mask")
+        # Detached: its own session without being its leader, standard
+        # descriptors on /dev/null.
+        self.assertNotEqual(os.getsid(pid), os.getsid(0))
+        self.assertNotEqual(os.getsid(pid), pid)
+        for fd in (0, 1, 2):
+            self.assertEqual(os.readlink("/proc/%d/fd/%d" % (pid, fd)), "/dev/null")
+        self.assertTrue(is_listening(MYIP, CONTROL_PORT))
+
+        # A second start of the same name is refused, by either launcher.
+        self.assertEqual(self.run_ostrel("-StartUp", "1")[0], ALREADY)
+        out, _ = self.run_ostrel("-StartUp_NonDeamon", "1")
+        self.assertEqual(out, b"1 was alredy started.\n")
+
+        self.stop_daemon(pid, signal.SIGTERM)
+        self.assertIsNone(self.read_states("1"), "a clean stop removes the states file")
+        self.assertTrue(os.path.exists(self.path("mem", "Ostrel_01.pid")), "the pid file stays")
+        self.assertFalse(is_listening(MYIP, CONTROL_PORT))
+        log = self.log_text()
+        self.assertIn("-StartUp 1 \n", log)
+        self.assertIn("] End\n", log)
+
+    def test_foreground_start_stops_when_its_states_file_is_deleted(self):
+        proc = self.start_foreground("1")
+        self.assertEqual(int(self.read_states("1")["ProcessId"]), proc.pid)
+        os.unlink(self.states_path("1"))
+        out, err = proc.communicate(timeout=30)
+        self.assertEqual(proc.returncode, 0)
+        self.assertIn("States file deleted\n", self.log_text())
+        self.assertFalse(is_listening(MYIP, CONTROL_PORT))
+
+    def test_foreground_start_stops_on_sigint(self):
+        proc = self.start_foreground("1")
+        proc.send_signal(signal.SIGINT)
+        proc.communicate(timeout=30)
+        self.assertEqual(proc.returncode, 0)
+        self.assertIsNone(self.read_states("1"))
+
+    def test_cgi_start_clamps_the_thread_count_and_uses_the_states_directory(self):
+        os.makedirs(self.path("states"))
+        self.write_directory_conf(self.path("states"))
+        states_file = self.path("states", "01.States")
+        tasks = {}
+        pid_file = self.path("mem", "Ostrel_01.pid")
+        for method, count in (("GET", 0), ("POST", 50)):
+            if os.path.exists(pid_file):
+                os.unlink(pid_file)
+            query = "Command=StartUp&Name=01&NumOfControlPortThread=%d" % count
+            if method == "GET":
+                out, _ = self.run_ostrel("cgi", "01", env=cgi("GET", query))
+            else:
+                out, _ = self.run_ostrel("cgi", "01", env=cgi("POST", length=len(query)),
+                                         stdin=query.encode())
+            self.assertEqual(out, success_answer(CONTROL_PORT))
+            pid = int(self.wait_states("NormalOperating", path=states_file)["ProcessId"])
+            self.daemon_pids.append(pid)
+            self.assertFalse(os.path.exists(self.states_path("01")))
+            # The workers start right after the answer: wait for them to
+            # settle, then count the process's threads.
+            wait_for(lambda: os.path.exists(pid_file) and open(pid_file).read() == str(pid),
+                     "the pid file")
+            tasks[count] = len(os.listdir("/proc/%d/task" % pid))
+            self.stop_daemon(pid, signal.SIGTERM)
+            self.assertFalse(os.path.exists(states_file))
+        # 0 gives one control-port thread and 50 gives ten; the main and the
+        # camera thread (and any sanitizer helper) are in both counts.
+        self.assertEqual(tasks[50] - tasks[0], 9, tasks)
+
+    def test_a_failed_daemon_start_is_told_in_the_states_file(self):
+        rows = [
+            # how to break the start, argv, ErrorExit comment
+            ("another data type", lambda: self.write_config(translator_tarndatatype="Other"),
+             ["-StartUp", "1"], "For translator_tarndatatype matching failed"),
+            ("no camera address", lambda: self.write_config(drop=("encoder_ip",)),
+             ["-StartUp", "1"], "For failed at config file reading"),
+            ("post-term out of range", lambda: self.write_config(translator_calarm_rec_postterm="0"),
+             ["-StartUp", "1"], "For failed at config file reading"),
+            ("control port in use", self.occupy_control_port, ["-StartUp", "1"],
+             "Control Listen Port , can not open."),
+        ]
+        for note, breaker, args, comment in rows:
+            with self.subTest(note):
+                self.write_config()
+                breaker()
+                out, _ = self.run_ostrel(*args)
+                self.assertEqual(out, TIMEOUT)
+                states = self.wait_states("ErrorExit", "1")
+                self.assertEqual(states["Comment"], comment)
+                self.release_control_port()
+                os.unlink(self.states_path("1"))
+
+    def test_three_digit_cgi_name_fails_after_the_fork(self):
+        self.write_config(channel=100)
+        out, _ = self.run_ostrel("cgi", "01", env=cgi("GET", "Command=StartUp&Name=100"))
+        self.assertEqual(out, TIMEOUT)
+        self.assertEqual(self.wait_states("ErrorExit", "100")["Comment"], "For invalid argument")
+
+    def test_without_mem_directory_the_daemon_answers_then_stops(self):
+        os.rmdir(self.path("mem"))
+        out, _ = self.run_ostrel("-StartUp", "1")
+        self.assertEqual(out, success_answer(CONTROL_PORT))
+        wait_for(lambda: not os.path.exists(self.states_path("1")), "the states file to go")
+        wait_for(lambda: not is_listening(MYIP, CONTROL_PORT), "the control port to close")
+        self.assertIn("[Server_Construct] writePid", self.log_text())
+
+    def occupy_control_port(self):
+        self.blocker = socket.socket()
+        self.blocker.bind((MYIP, CONTROL_PORT))
+        self.blocker.listen(1)
+
+    def release_control_port(self):
+        if getattr(self, "blocker", None):
+            self.blocker.close()
+            self.blocker = None
+
+
+if __name__ == "__main__":
+    unittest.main()
