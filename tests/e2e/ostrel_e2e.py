@@ -212,7 +212,7 @@ def trcom(query, src=MYIP):
 
 
 HEAD_RE = re.compile(
-    r"HTTP/1\.0 (?P<status>\d{3} [^\r]*)\r\n"
+    r"HTTP/1\.[01] (?P<status>\d{3} [^\r]*)\r\n"
     r"Date: \w{3}, \d\d \w{3} \d{4} \d\d:\d\d:\d\d GMT\r\n"
     r"Server: Ostrel Relay\r\n"
     r"Content-Type: (?P<type>[^\r]*)\r\n"
@@ -223,7 +223,7 @@ HEAD_RE = re.compile(
 
 
 def check_head(answer):
-    """The head's fixed frame (HTTP/1.0 request): returns the match."""
+    """The fixed frame of an answer head; returns the match."""
     text = "\r\n".join([answer.status_line] + answer.lines) + "\r\n\r\n"
     m = HEAD_RE.match(text)
     if not m:
@@ -251,7 +251,7 @@ def make_pictures(directory, count, seed=7, sizes=None):
     pictures = []
     for i in range(count):
         size = sizes[i % len(sizes)] if sizes else rng.randint(2000, 60000)
-        payload = bytes(rng.getrandbits(8) for _ in range(size))
+        payload = rng.randbytes(size)
         if i == 1:
             payload = b"\r\n--myboundary\r\nContent-Length: 3\r\n\r\n" + payload
         out = bytearray(b"\xff\xd8\xff\xe0\x00\x10JFIF\x00\x01\x01\x00\x00\x01\x00\x01\x00\x00")

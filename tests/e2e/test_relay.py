@@ -1,0 +1,197 @@
+"""The picture path through the running daemon: a viewer logs in on the
+control port, pulls the camera's pictures one by one and logs out; the
+camera stream is open only in between. Also the text answers of the
+pre-image protocol, foreign clients and malformed requests."""
+
+import time
+import unittest
+
+from ostrel_e2e import (CAMERA_PORT, FOREIGN_IP, MYIP, OPTION_RE, RelayCase, check_head,
+                        connect, established_to, exchange, get_image, local_epoch_ms, login,
+                        logout, parse_answers, read_records, read_until_close, request,
+                        setup_namespace, split_stamp, wait_for)
+
+
+def setUpModule():
+    setup_namespace()
+
+
+def text_answer(answer):
+    m = check_head(answer)
+    return m.group("status"), m.group("type"), answer.body
+
+
+class PictureStreamTest(RelayCase):
+    def setUp(self):
+        super().setUp()
+        # One picture near the frame buffer's size among small ones.
+        self.pictures, self.cam_record = self.start_camsim(
+            "--fps", "40", sizes=[3000, 40000, 700000, 12000, 65000, 1, 250000, 9000])
+        self.pid = self.start_forking("1")
+
+    def pull(self, count, limit=30.0):
+        """Fetches count pictures; ERROR_TRANSLATOR_RECEIVE means "not yet"."""
+        got = []
+        deadline = time.monotonic() + limit
+        while len(got) < count:
+            self.assertLess(time.monotonic(), deadline, "only %d pictures arrived" % len(got))
+            a = get_image()
+            if a.header("Content-Type") == "text/plain":
+                self.assertEqual(text_answer(a), ("200 OK", "text/plain", b"ERROR_TRANSLATOR_RECEIVE:"))
+                continue
+            got.append(a)
+        return got
+
+    def test_pictures_arrive_in_order_byte_for_byte(self):
+        a = login()
+        self.assertEqual(text_answer(a), ("200 OK", "text/plain", b"LOGIN_SUCCESS:1:\r\n"))
+        before = local_epoch_ms()
+        answers = self.pull(24)
+        after = local_epoch_ms()
+
+        last_seq = 0
+        for a in answers:
+            m = check_head(a)
+            self.assertEqual(m.group("status"), "200 OK")
+            self.assertEqual(m.group("type"), "image/jpeg")
+            self.assertEqual(int(m.group("length")), len(a.body))
+            extra = m.group("extra").split("\r\n")
+            self.assertEqual(extra[0], "TarnDataType: Ostrel")
+            self.assertTrue(extra[1].startswith("IMAGE_ID0000:"), extra)
+            self.assertEqual(extra[2:], ["OFFSET_TIME: 0", ""])
+            option = extra[1][len("IMAGE_ID0000:"):]
+            om = OPTION_RE.match(option)
+            self.assertTrue(om, option)
+            # Arrival time in local milliseconds, taken by the daemon
+            # between our login and the last answer.
+            self.assertLessEqual(before - 2000, int(om.group(1), 16))
+            self.assertLessEqual(int(om.group(1), 16), after + 2000)
+
+            seq, _, picture = split_stamp(a.body)
+            self.assertGreater(seq, last_seq, "pictures come in camera order")
+            last_seq = seq
+            # One camera connection, so part n carries picture (n-1) mod 8.
+            self.assertEqual(picture, self.pictures[(seq - 1) % len(self.pictures)],
+                             "picture %d differs from what the camera sent" % seq)
+
+        records = read_records(self.cam_record)
+        self.assertEqual(len(records), 1, "the stream stays open while logged in")
+        peer, raw = records[0]
+        self.assertTrue(peer.startswith(MYIP + ":"), peer)
+        self.assertEqual(raw, b"GET /axis-cgi/mjpg/video.cgi?showlength=1&camera=1 HTTP/1.0\r\n"
+                              b"User-Agent: Tarnmoor\r\n\r\n")
+
+        self.assertEqual(text_answer(logout()), ("200 OK", "text/plain", b"LOGOUT_SUCCESS:1:IMAGE\r\n"))
+        wait_for(lambda: not established_to(MYIP, CAMERA_PORT), "the camera stream to close")
+        self.assertEqual(text_answer(get_image())[2], b"ERROR_USER_ID:")
+        self.assertEqual(len(read_records(self.cam_record)), 1)
+
+    def test_head_request_gets_the_image_head_without_body(self):
+        login()
+        self.pull(1)
+
+        def image_head():
+            raw = exchange(b"HEAD /ptippreimg.cgi?get_image=1&img_user_id=1 HTTP/1.0\r\n\r\n")
+            a = parse_answers(raw, head_only=True)[0]
+            return (a, raw) if a.header("Content-Type") == "image/jpeg" else None
+
+        a, raw = wait_for(image_head, "an image answer to HEAD")
+        self.assertTrue(raw.endswith(b"\r\n\r\n"), "nothing after the head")
+        # The picture plus the camera's stamp segment (4 + 23 bytes and the
+        # digits of the sequence number and the 16-digit time).
+        stamp = int(a.header("Content-Length")) - 4 - 23 - 16
+        self.assertTrue(any(1 <= stamp - len(p) <= 6 for p in self.pictures), stamp)
+
+    def test_stop_while_streaming(self):
+        login()
+        self.pull(2)
+        self.stop_daemon(self.pid)
+        self.assertIsNone(self.read_states("1"))
+        self.assertFalse(established_to(MYIP, CAMERA_PORT))
+
+
+class TextAnswerTest(RelayCase):
+    """One daemon, no camera: the answers that do not depend on pictures."""
+
+    def test_text_answers_in_order(self):
+        self.pid = self.start_forking("1")
+        pre = "/ptippreimg.cgi?"
+        rows = [
+            # target, source address, status, body, note
+            (pre + "get_image=1&img_user_id=1", MYIP, "200 OK", b"ERROR_USER_ID:",
+             "get_image before any login"),
+            (pre + "get_image=1", MYIP, "200 OK", b"ERROR_SYSTEM:", "get_image without a user"),
+            (pre + "img_logout=1", MYIP, "200 OK", b"ERROR_SYSTEM:", "logout without a user"),
+            (pre + "img_logout=1&img_user_id=7", MYIP, "200 OK", b"ERROR_LOGOUT:", "wrong user"),
+            (pre + "img_logout=1&img_user_id=1", MYIP, "200 OK", b"LOGOUT_SUCCESS:1:IMAGE\r\n",
+             "logout without login still succeeds"),
+            (pre + "img_user_id=1", MYIP, "200 OK", b"ERROR_SYSTEM:", "no command"),
+            (pre + "img_login=1", FOREIGN_IP, "200 OK", b"ERROR_UNKNOWN_IP:", "foreign address"),
+            ("/index.html?a=b", MYIP, "404 Not Found",
+             b"CGI Error.\nRequest Message URI[/index.html?a=b].not supported.\n", "unknown path"),
+            ("/ptippreimg.cgi/", MYIP, "404 Not Found",
+             b"CGI Error.\nRequest Message URI[/ptippreimg.cgi/].not supported.\n", "exact path"),
+            (pre + "get_image=1&img_login=1", MYIP, "200 OK", b"LOGIN_SUCCESS:1:\r\n",
+             "login is looked for first"),
+            (pre + "get_image=1&img_user_id=2", MYIP, "200 OK", b"ERROR_USER_ID:", "other user"),
+            (pre + "get_image=1&img_user_id=1", MYIP, "200 OK", b"ERROR_TRANSLATOR_RECEIVE:",
+             "logged in, but the camera cannot be reached"),
+        ]
+        for target, src, status, body, note in rows:
+            with self.subTest(note):
+                a = request(target, src=src)
+                self.assertEqual(text_answer(a), (status, "text/plain", body))
+
+    def test_requests_from_loopback_are_foreign_too(self):
+        self.start_forking("1")
+        s = connect(src="127.0.0.1")
+        s.sendall(b"GET /ptippreimg.cgi?img_login=1 HTTP/1.0\r\n\r\n")
+        a = parse_answers(read_until_close(s, 10))[0]
+        s.close()
+        self.assertEqual(a.body, b"ERROR_UNKNOWN_IP:")
+
+    def test_malformed_requests(self):
+        self.start_forking("1")
+        rows = [
+            # raw request, status, body, note
+            (b"DELETE /ptippreimg.cgi HTTP/1.0\r\n\r\n", "415 Unsupported Media Type",
+             b"Unkown Method.", "method"),
+            (b"GET /a/../ptippreimg.cgi HTTP/1.0\r\n\r\n", "400 Bad Request", b"Syntax error in URI",
+             "dot segments"),
+            (b"POST /trcom.cgi HTTP/1.0\r\n\r\n", "411 Length Required",
+             b"'Content-Length:' Not found.", "POST without a length"),
+            (b"POST /trcom.cgi HTTP/1.0\r\nContent-Length: 0\r\n\r\n", "411 Length Required",
+             b"'Content-Length' Illigal value.", "POST with length 0"),
+            # Exactly the buffer's 65536 bytes, so the daemon has read all
+            # of it when it answers (unread bytes would turn its close into
+            # a reset that can swallow the answer).
+            (b"GET /" + b"a" * (65536 - 16) + b" HTTP/1.0\r\n", "413 Request Entity Too Large",
+             b"HTTP header read faild.", "head larger than the request buffer"),
+        ]
+        for raw, status, body, note in rows:
+            with self.subTest(note):
+                answers = parse_answers(exchange(raw))
+                self.assertEqual(len(answers), 1)
+                m = check_head(answers[0])
+                self.assertEqual((m.group("status"), answers[0].body), (status, body))
+
+    def test_post_body_carries_the_parameters(self):
+        self.start_forking("1")
+        body = b"img_login=1"
+        a = request("/ptippreimg.cgi", method="POST",
+                    extra=b"Content-Length: %d\r\n" % len(body), body=body)
+        self.assertEqual(a.body, b"LOGIN_SUCCESS:1:\r\n")
+
+    def test_silent_client_is_dropped_without_answer(self):
+        self.start_forking("1")
+        sock = connect()
+        sock.sendall(b"GET /ptippreimg.cgi?img_login=1 HTTP/1.0\r\n")
+        # The request reader gives up after its 15 s limit and closes.
+        self.assertEqual(read_until_close(sock, 60), b"")
+        sock.close()
+        # The thread is free again.
+        self.assertEqual(request("/ptippreimg.cgi?img_login=1").body, b"LOGIN_SUCCESS:1:\r\n")
+
+
+if __name__ == "__main__":
+    unittest.main()
