@@ -39,9 +39,11 @@ int SIGUSER1_Ignores(DbPrintf_Class* pDB = nullptr);
 int Set_IgnoresSignals_ForThisProgram(DbPrintf_Class* pDB = nullptr);
 
 // Terminate handler: for SIGINT and SIGTERM sets g_Program_Command to -1 and
-// logs "Signal:SIGINT\n" / "Signal:SIGTERM\n" to g_pDB at level 1 (which
-// takes the log's mutex: the handler must not interrupt a thread that is
-// itself writing to g_pDB). Other signals: nothing.
+// logs "Signal:SIGINT\n" / "Signal:SIGTERM\n" to g_pDB at level 1. Other
+// signals: nothing. The log line is written from inside the handler and so
+// takes the log's mutex there: a signal that lands on a thread which is in
+// the middle of writing to g_pDB blocks that thread. Workers block SIGINT,
+// so SIGINT always lands on the main thread.
 void ProgramTarminateSignal_Func(int sig);
 
 // Installs ProgramTarminateSignal_Func for SIGINT, then SIGTERM (empty mask,
