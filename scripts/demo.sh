@@ -1,0 +1,125 @@
+#!/bin/sh
+# The one-command demonstration: builds the relay and its simulator tools,
+# then, inside a private network namespace, runs a simulated camera, a
+# simulated schedule server, the relay daemon (started the way a launcher
+# starts it) and a viewer, shows what happened and stops everything.
+#
+#   scripts/demo.sh            as root, or as a user where user namespaces
+#                              are allowed
+#
+# Settings (environment): OSTREL_BUILD_DIR (default build/), OSTREL_DEMO_DIR
+# (default run/demo/), DEMO_SECONDS (viewer run time, default 6),
+# DEMO_POSTTERM (post-alarm term in seconds, default 3), DEMO_FPS (camera
+# pictures per second, default 25).
+set -eu
+cd "$(dirname "$0")/.."
+root=$(pwd)
+build=${OSTREL_BUILD_DIR:-build}
+case $build in /*) ;; *) build=$root/$build ;; esac
+run=${OSTREL_DEMO_DIR:-$root/run/demo}
+case $run in /*) ;; *) run=$root/$run ;; esac
+export OSTREL_BUILD_DIR=$build OSTREL_DEMO_DIR=$run
+
+if [ "${1:-}" != "--inside" ]; then
+    if [ "$(id -u)" = 0 ]; then scripts/setup.sh; fi
+    if [ ! -f "$build/build.ninja" ] && [ ! -f "$build/Makefile" ]; then
+        gen=""
+        command -v ninja >/dev/null && gen="-G Ninja"
+        # shellcheck disable=SC2086
+        cmake -S . -B "$build" $gen -DCMAKE_BUILD_TYPE=RelWithDebInfo
+    fi
+    cmake --build "$build" --target Ostrel ostrel-camsim ostrel-schedsim ostrel-viewer \
+        -j "$(nproc)"
+
+    # A fresh working directory laid out as the daemon expects it.
+    rm -rf "$run"
+    mkdir -p "$run/conf" "$run/log" "$run/mem"
+    cat > "$run/conf/Config.txt" <<EOF
+# Channel 1: the camera (encoder) address and port are also where the
+# control port listens; eth0 of the namespace is 192.0.2.1.
+translator_tarndatatype_0001=Ostrel
+encoder_ip_0001=192.0.2.1
+encoder_port_0001=8080
+translator_connect_ip_0001=192.0.2.1
+translator_connect_port_0001=9100
+translator_connect_camerano_0001=1
+channel_authentic_switch_0001=0
+translator_calarm_rec_postterm_0001=${DEMO_POSTTERM:-3}
+EOF
+    mkdir -p "$run/states"
+    printf '<Directory.Conf>\n <StatesDir>%s/states</StatesDir>\n</Directory.Conf>\n' "$run" \
+        > "$run/Directory.Conf"
+    exec tools/ostrel-netns /bin/sh "$root/scripts/demo.sh" --inside
+fi
+
+# ---- inside the namespace ----------------------------------------------
+bin=$build/Ostrel
+tools=$build/tools
+states=$run/states/1.States
+cd "$run"
+
+say() { printf '\n== %s\n' "$*"; }
+pids=""
+cleanup() {
+    for p in $pids; do kill "$p" 2>/dev/null || true; done
+    wait 2>/dev/null || true
+}
+trap cleanup EXIT INT TERM
+
+# wait_for SECONDS COMMAND...: polls COMMAND until it succeeds.
+wait_for() {
+    limit=$(( $1 * 10 )); shift
+    while ! "$@" 2>/dev/null; do
+        limit=$((limit - 1))
+        [ "$limit" -gt 0 ] || return 1
+        sleep 0.1
+    done
+}
+listening() { ss -Hltn "sport = :$2" | grep -q "$1:$2"; }
+alive() { [ -d "/proc/$1" ] && ! grep -q '^[^ ]* ([^)]*) Z' "/proc/$1/stat"; }
+not_alive() { ! alive "$1"; }
+
+say "network: eth0 $(ip -4 -o addr show eth0 | awk '{print $4}'), the daemon's own camera connection redirected to the simulated camera"
+"$root/tools/ostrel-camera-redirect" 192.0.2.1 8080 192.0.2.1 8081
+
+"$tools/ostrel-camsim" --listen 192.0.2.1:8081 --fps "${DEMO_FPS:-25}" --quiet --record camera.rec &
+pids="$pids $!"
+"$tools/ostrel-schedsim" --listen 192.0.2.1:80 --quiet --no-stdout --record schedule.rec &
+pids="$pids $!"
+wait_for 10 listening 192.0.2.1 8081
+wait_for 10 listening 192.0.2.1 80
+echo "camera simulator on 192.0.2.1:8081, schedule server simulator on 192.0.2.1:80"
+
+say "start: $bin -StartUp 1   (the launcher's answer follows)"
+"$bin" -StartUp 1
+echo
+wait_for 10 test -s mem/Ostrel_01.pid
+daemon=$(cat mem/Ostrel_01.pid)
+
+say "states file $states"
+cat "$states"
+
+say "viewer: ${DEMO_SECONDS:-6} s of pictures from the control port 192.0.2.1:8080"
+"$tools/ostrel-viewer" --control 192.0.2.1:8080 --bind 192.0.2.1:30000 \
+    --seconds "${DEMO_SECONDS:-6}" --quiet --save last.jpg || true
+echo "(the last picture is in $run/last.jpg; camera requests: $(grep -c '^#REQUEST' camera.rec))"
+
+say "schedule server: the stop request sent when the ${DEMO_POSTTERM:-3} s post-alarm term ran out"
+if [ -s schedule.rec ]; then
+    grep -a '^GET ' schedule.rec
+else
+    echo "(none)"
+fi
+
+say "stop: delete the states file; the daemon notices within 5 s"
+rm -f "$states"
+if wait_for 30 not_alive "$daemon"; then
+    echo "daemon $daemon has stopped"
+else
+    echo "daemon $daemon still runs; sending SIGTERM"
+    kill -TERM "$daemon"
+    wait_for 30 not_alive "$daemon"
+fi
+
+say "log: last lines of $run/log/Ostrel_01_log0.txt (picture-not-yet-there lines left out)"
+grep -v 'ERROR_TRANSLATOR_RECEIVE' log/Ostrel_01_log0.txt | tail -n 20
