@@ -204,11 +204,10 @@ TEST_F(FrameFifoTest, ReaderGetsTheNearestHeldFrame)
 TEST_F(FrameFifoTest, ReaderBuffersTooSmallAreRefused)
 {
     WriteFrame(fifo, 1);  // number 0 holding frame 1's picture
-    char video[kVideo], option[kOption];
-    char* p = nullptr;
+    const int size = static_cast<int>(Picture(1).size());
+    char video[kVideo], option[kOption], *p = nullptr;
     int pcap = 0;
     _StrOutInfo info{};
-    const int size = static_cast<int>(Picture(1).size());
     EXPECT_EQ(DATA_LARGE_THEN_BUF, fifo.GetData(0, video, size - 1, option, kOption, &info));
     EXPECT_EQ(DATA_LARGE_THEN_BUF, fifo.GetData(0, video, size, option, kOption - 1, &info));
     EXPECT_EQ(DATA_LARGE_THEN_BUF, fifo.GetData2(0, &p, &pcap, option, kOption - 1, &info));

@@ -7,7 +7,6 @@
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <string.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -163,9 +162,10 @@ TEST_F(SignalTest, WriteToClosedSocketFailsInsteadOfKillingTheProcess)
     close(sv[0]);
 }
 
-// Runs body in a forked child with its own log and the daemon's signal
-// set-up; returns the child's wait status and the log's content.
-std::pair<int, std::string> RunInChild(void (*body)())
+// Runs the daemon's signal set-up in a forked child with its own log, raises
+// the ignored signals (which must neither end the process nor ask for a
+// stop), then the terminate signal. Returns the wait status and the log.
+std::pair<int, std::string> RaiseInChild(int terminate)
 {
     const std::string dir = MakeTempDir();
     const std::string logPath = dir + "/log.txt";
@@ -178,8 +178,22 @@ std::pair<int, std::string> RunInChild(void (*body)())
             Set_IgnoresSignals_ForThisProgram(g_pDB) != SUCCESS) {
             _exit(10);
         }
-        body();
-        _exit(0);
+        for (int sig : {SIGHUP, SIGQUIT, SIGTSTP, SIGPIPE, SIGUSR1, SIGUSR2, SIGCHLD, SIGTRAP}) {
+            raise(sig);
+        }
+        // Sanitizer runtimes may handle a raised signal at their next safe
+        // point rather than inside raise(): give them generous room.
+        for (int i = 0; i < 1000; i++) {
+            sched_yield();
+        }
+        if (g_Program_Command.load() != 0) {
+            _exit(30);
+        }
+        raise(terminate);
+        for (long i = 0; i < 10000000 && g_Program_Command.load() != -1; i++) {
+            sched_yield();
+        }
+        _exit(g_Program_Command.load() == -1 ? 0 : 20);
     }
     int status = -1;
     waitpid(pid, &status, 0);
@@ -189,50 +203,18 @@ std::pair<int, std::string> RunInChild(void (*body)())
     return {status, log};
 }
 
-// Signals may be delivered at the next safe point rather than inside raise()
-// (sanitizer runtimes defer them): wait for the effect, within a generous bound.
-bool WaitForStopCommand()
-{
-    for (long i = 0; i < 10000000 && g_Program_Command.load() != -1; i++) {
-        sched_yield();
-    }
-    return g_Program_Command.load() == -1;
-}
-
-// The ignored signals come first: they must neither end the process nor ask
-// for a stop, and only the terminate signal is logged.
-void RaiseIgnoredThen(int terminate)
-{
-    for (int sig : {SIGHUP, SIGQUIT, SIGTSTP, SIGPIPE, SIGUSR1, SIGUSR2, SIGCHLD, SIGTRAP}) {
-        raise(sig);
-    }
-    for (int i = 0; i < 1000; i++) {
-        sched_yield();  // sanitizer runtimes may handle a raised signal later
-    }
-    if (g_Program_Command.load() != 0) {
-        _exit(30);
-    }
-    raise(terminate);
-    _exit(WaitForStopCommand() ? 0 : 20);
-}
-
 TEST(TerminateSignal, SigtermAndSigintAskTheDaemonToStopAndAreLogged)
 {
-    struct Row {
-        void (*body)();
-        const char* line;
-    } rows[] = {
-        {[] { RaiseIgnoredThen(SIGTERM); }, "Signal:SIGTERM\n"},
-        {[] { RaiseIgnoredThen(SIGINT); }, "Signal:SIGINT\n"},
-    };
-    for (const Row& r : rows) {
-        auto [status, log] = RunInChild(r.body);
-        ASSERT_TRUE(WIFEXITED(status)) << r.line << " killed by " << WTERMSIG(status);
-        EXPECT_EQ(0, WEXITSTATUS(status)) << r.line;
+    const std::pair<int, std::string> rows[] = {{SIGTERM, "Signal:SIGTERM\n"},
+                                                {SIGINT, "Signal:SIGINT\n"}};
+    for (const auto& [sig, line] : rows) {
+        auto [status, log] = RaiseInChild(sig);
+        ASSERT_TRUE(WIFEXITED(status)) << line << " killed by " << WTERMSIG(status);
+        EXPECT_EQ(0, WEXITSTATUS(status)) << line;
         // One time-stamped line: "[%Y/%m/%d %H:%M:%S] " then the text.
-        ASSERT_EQ(22 + strlen(r.line), log.size()) << log;
+        ASSERT_EQ(22 + line.size(), log.size()) << log;
         EXPECT_EQ('[', log[0]) << log;
-        EXPECT_EQ(std::string("] ") + r.line, log.substr(20)) << log;
+        EXPECT_EQ("] " + line, log.substr(20)) << log;
     }
 }
 
