@@ -223,11 +223,14 @@ int HTTPMultiPartResponseBuffer_Class::HttpReadMultiInto(int fd, int timeout_ms,
         rc = Sock_Recv(fd, trailer, 2 - trailerInBuffer, &got, timeout_ms, SOCK_FIXED_FLAGS, exitFlag, pDB);
     }
     if (rc != SUCCESS) {
+        // The buffered body read reports every receive failure, a time-out
+        // included, as HTTP_BODY_READ_FAILD, so its status is 400; the direct
+        // read answers the same way.
         TimePrint(
             pDB, 1,
             "[HTTPMultiPartResponseBuffer_Class::HttpReadMulti()] HttpRead_Body(sockfd %d,ContentLength %d) failed ::%d\n",
-            fd, m_nContentLength, rc);
-        SetFailure(rc == SOCK_TIMEOUT ? 408 : 400, "HTTP body read faild.");
+            fd, m_nContentLength, HTTP_BODY_READ_FAILD);
+        SetFailure(400, "HTTP body read faild.");
         return HTTP_BODY_READ_FAILD;
     }
     *pReceived = length;
