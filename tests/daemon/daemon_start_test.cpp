@@ -45,11 +45,16 @@ protected:
         EXPECT_TRUE(accepts(port_));
         return states;
     }
-    // The daemon's pid, as both its pid file and its states file give it.
+    // The daemon's pid, once its pid file (written after the states file
+    // names the port, when every thread has been started) agrees with the
+    // states file.
     pid_t daemonPid(const std::string& states, const std::string& pidFile = "/mem/Ostrel_01.pid")
     {
-        std::string pid = slurp(dir_ + pidFile);
-        EXPECT_EQ(pid, std::to_string(field(states, "ProcessId")));
+        const std::string pid = std::to_string(field(states, "ProcessId"));
+        auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+        while (slurp(dir_ + pidFile) != pid && std::chrono::steady_clock::now() < end)
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        EXPECT_EQ(slurp(dir_ + pidFile), pid);
         return static_cast<pid_t>(std::atoi(pid.c_str()));
     }
 };
