@@ -3,9 +3,9 @@
 
 #include <arpa/inet.h>
 #include <dirent.h>
+#include <glob.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -13,7 +13,7 @@
 
 #include <chrono>
 #include <fstream>
-#include <map>
+#include <functional>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -31,7 +31,22 @@ inline std::string slurp(const std::string& path)
 
 inline void spit(const std::string& path, const std::string& text) { std::ofstream(path, std::ios::binary) << text; }
 
-inline bool exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
+// Polls until done() holds or a generous bound has passed; the final answer.
+inline bool waitFor(const std::function<bool()>& done)
+{
+    auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (!done() && std::chrono::steady_clock::now() < end)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    return done();
+}
+
+// Exit status of a child (-1: any child), -1 when it has not ended in time.
+inline int waitExit(pid_t pid)
+{
+    int status = -1;
+    waitFor([&] { return waitpid(pid, &status, WNOHANG) > 0; });
+    return status;
+}
 
 // A CGI answer as the launcher reads it.
 inline std::string cgi(const std::string& body)
@@ -44,22 +59,13 @@ inline std::string startFailed(const std::string& comment)
     return cgi("<Response>\n  <States>Err_StartFaild</States>\n  <Comment>" + comment + "</Comment>\n</Response>\n");
 }
 
-// A port of 192.0.2.1 that nothing listens on at the moment. The states
-// file holds the port as a signed 16-bit number, so it stays below 32768.
-inline int freePort()
+inline sockaddr_in testAddr(int port)
 {
-    for (int port = 20000 + getpid() % 10000; port < 32768; ++port) {
-        int fd = socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in a{};
-        a.sin_family = AF_INET;
-        a.sin_port = htons(static_cast<uint16_t>(port));
-        inet_pton(AF_INET, "192.0.2.1", &a.sin_addr);
-        bool free = bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0;
-        close(fd);
-        if (free)
-            return port;
-    }
-    return -1;
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_port = htons(static_cast<uint16_t>(port));
+    inet_pton(AF_INET, "192.0.2.1", &a.sin_addr);
+    return a;
 }
 
 struct Outcome {
@@ -69,10 +75,10 @@ struct Outcome {
 };
 
 // Each test gets a fresh working directory with conf/Config.txt (channels 1
-// and 5, control port on 192.0.2.1:port), log/ and mem/. The test process is
-// a child subreaper, so daemons that detach end up as its children and their
-// exit can be waited for. Sanitizer reports of the program go to files in
-// the directory and fail the test.
+// and 5, control port on 192.0.2.1:port_), log/ and mem/. The test process
+// is a child subreaper, so a daemon that detaches ends up as its child and
+// its exit can be waited for. Sanitizer reports of the program go to files
+// in the directory and fail the test.
 class DaemonDir : public ::testing::Test {
 protected:
     void SetUp() override
@@ -81,56 +87,55 @@ protected:
         char tmpl[] = "/tmp/ostrel_daemonXXXXXX";
         ASSERT_NE(mkdtemp(tmpl), nullptr);
         dir_ = tmpl;
-        ASSERT_EQ(mkdir((dir_ + "/conf").c_str(), 0777), 0);
-        ASSERT_EQ(mkdir((dir_ + "/log").c_str(), 0777), 0);
-        ASSERT_EQ(mkdir((dir_ + "/mem").c_str(), 0777), 0);
-        port_ = freePort();
-        writeConfig("ostrel", port_);
+        for (const char* sub : {"/conf", "/log", "/mem"})
+            ASSERT_EQ(mkdir((dir_ + sub).c_str(), 0777), 0);
+        // A free port below 32768: the states file holds it as a signed
+        // 16-bit number.
+        for (port_ = 20000 + getpid() % 10000;; ++port_) {
+            int fd = socket(AF_INET, SOCK_STREAM, 0);
+            sockaddr_in a = testAddr(port_);
+            bool bound = bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0;
+            close(fd);
+            if (bound)
+                break;
+        }
+        writeConfig("ostrel");
     }
     void TearDown() override
     {
-        for (pid_t pid : started_) {
-            if (waitpid(pid, nullptr, WNOHANG) == 0) {
-                kill(pid, SIGKILL);
-                waitpid(pid, nullptr, 0);
-            }
+        while (waitpid(-1, nullptr, WNOHANG) > 0) {
         }
-        DIR* d = opendir(dir_.c_str());
-        for (dirent* e; d != nullptr && (e = readdir(d)) != nullptr;) {
-            if (std::string(e->d_name).rfind("sanitizer", 0) == 0)
-                ADD_FAILURE() << slurp(dir_ + "/" + e->d_name);
+        glob_t found{};
+        if (glob((dir_ + "/sanitizer*").c_str(), 0, nullptr, &found) == 0) {
+            for (size_t i = 0; i < found.gl_pathc; ++i)
+                ADD_FAILURE() << slurp(found.gl_pathv[i]);
         }
-        if (d != nullptr)
-            closedir(d);
+        globfree(&found);
         ASSERT_EQ(std::system(("rm -rf '" + dir_ + "'").c_str()), 0);
     }
 
-    void writeConfig(const std::string& type, int port)
+    void writeConfig(const std::string& type)
     {
         std::ostringstream c;
-        for (const char* ch : {"0001", "0005"})
-            c << "translator_tarndatatype_" << ch << "=" << type << "\nencoder_ip_" << ch << "=192.0.2.1\n"
-              << "encoder_port_" << ch << "=" << port << "\ntranslator_connect_ip_" << ch << "=192.0.2.1\n"
-              << "translator_connect_port_" << ch << "=9\ntranslator_connect_camerano_" << ch << "=1\n"
-              << "channel_authentic_switch_" << ch << "=0\nchannel_authentic_user_id_" << ch << "=\n"
-              << "channel_authentic_user_password_" << ch << "=\ntranslator_calarm_rec_postterm_" << ch
-              << "=30\n";
+        for (const char* ch : {"_0001=", "_0005="})
+            c << "translator_tarndatatype" << ch << type << "\nencoder_ip" << ch << "192.0.2.1\nencoder_port" << ch
+              << port_ << "\ntranslator_connect_ip" << ch << "192.0.2.1\ntranslator_connect_port" << ch
+              << "9\ntranslator_connect_camerano" << ch << "1\nchannel_authentic_switch" << ch
+              << "0\nchannel_authentic_user_id" << ch << "\nchannel_authentic_user_password" << ch
+              << "\ntranslator_calarm_rec_postterm" << ch << "30\n";
         spit(dir_ + "/conf/Config.txt", c.str());
     }
 
     // Starts the program in the directory with exactly the given environment
-    // (plus sanitizer options) and stdin text; output goes to files.
-    pid_t spawn(const std::vector<std::string>& args, const std::vector<std::string>& env = {},
-                const std::string& in = "", const char* argv0 = nullptr)
+    // (plus sanitizer options) and stdin text; its output goes to files.
+    pid_t spawn(std::vector<std::string> args, std::vector<std::string> env = {}, const std::string& in = "",
+                const char* argv0 = "Ostrel")
     {
         spit(dir_ + "/stdin.txt", in);
-        std::vector<std::string> e = env;
-        std::string san = "log_path=" + dir_ + "/sanitizer";
-        e.push_back("ASAN_OPTIONS=" + san);
-        e.push_back("UBSAN_OPTIONS=print_stacktrace=1:" + san);
-        e.push_back("TSAN_OPTIONS=report_signal_unsafe=0:" + san);
-        std::vector<std::string> a = args;
-        a.insert(a.begin(), argv0 ? argv0 : "Ostrel");
+        const std::string san = "log_path=" + dir_ + "/sanitizer";
+        env.insert(env.end(), {"ASAN_OPTIONS=" + san, "UBSAN_OPTIONS=print_stacktrace=1:" + san,
+                               "TSAN_OPTIONS=report_signal_unsafe=0:" + san});
+        args.insert(args.begin(), argv0);
         pid_t pid = fork();
         if (pid == 0) {
             if (chdir(dir_.c_str()) != 0)
@@ -139,64 +144,34 @@ protected:
             dup2(open("stdout.txt", O_WRONLY | O_CREAT | O_TRUNC, 0666), 1);
             dup2(open("stderr.txt", O_WRONLY | O_CREAT | O_TRUNC, 0666), 2);
             std::vector<char*> av, ev;
-            for (auto& s : a)
+            for (auto& s : args)
                 av.push_back(&s[0]);
-            for (auto& s : e)
+            for (auto& s : env)
                 ev.push_back(&s[0]);
             av.push_back(nullptr);
             ev.push_back(nullptr);
             execve(OSTREL_BINARY_DIR "/Ostrel", av.data(), ev.data());
             _exit(127);
         }
-        started_.push_back(pid);
         return pid;
     }
 
     // Runs the program to its end (the launcher-facing process for a fork).
-    Outcome run(const std::vector<std::string>& args, const std::vector<std::string>& env = {},
-            const std::string& in = "", const char* argv0 = nullptr)
+    Outcome run(std::vector<std::string> args, std::vector<std::string> env = {}, const std::string& in = "",
+                const char* argv0 = "Ostrel")
     {
         Outcome r;
-        r.pid = spawn(args, env, in, argv0);
+        r.pid = spawn(std::move(args), std::move(env), in, argv0);
         r.status = waitExit(r.pid);
         r.out = slurp(dir_ + "/stdout.txt");
         r.err = slurp(dir_ + "/stderr.txt");
         return r;
     }
 
-    // Exit status of a child (any child for -1), or -1 when it has not ended
-    // within the bound.
-    static int waitExit(pid_t pid, int seconds = 60)
-    {
-        auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
-        int status = 0;
-        while (std::chrono::steady_clock::now() < end) {
-            if (waitpid(pid, &status, WNOHANG) > 0)
-                return status;
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-        return -1;
-    }
-
-    // Waits until the states file holds text (the daemon writes it whole).
-    std::string waitStates(const std::string& text, const std::string& name = "1", int seconds = 60)
-    {
-        auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
-        std::string s;
-        while (std::chrono::steady_clock::now() < end) {
-            s = slurp(statesPath(name));
-            if (s.find(text) != std::string::npos && s.find("</PPD.States>") != std::string::npos)
-                return s;
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-        return s;
-    }
-
     std::string statesPath(const std::string& name = "1") const { return dir_ + "/tmp." + name + ".States"; }
 
     std::string dir_;
     int port_ = 0;
-    std::vector<pid_t> started_;
 };
 
 }  // namespace daemon_test
