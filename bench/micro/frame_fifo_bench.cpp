@@ -1,0 +1,108 @@
+// Frame ring: the writer's commit (start, lend the slot, in-place append,
+// finish) and a reader's borrow (top/tail, GetData2), alone and with the
+// writer and readers running at once as in the daemon (2 readable + 4
+// write-only slots).
+#include <benchmark/benchmark.h>
+
+#include <cstring>
+
+#include "common/return_codes.h"
+#include "fifo/frame_fifo.h"
+
+namespace {
+
+constexpr int kVideoSize = 512 * 1024;
+constexpr int kOptionSize = 128;
+constexpr int kPicture = 18 * 1024;
+
+// Writes the first bytes of a picture in place and commits it; the picture's
+// bytes themselves are not the ring's cost, so only its head is touched.
+bool commit_one(CMFifo& fifo, char* option)
+{
+    char* slot = nullptr;
+    int cap = 0;
+    int have = 0;
+    if (fifo.InputDataStart() != SUCCESS || fifo.InputDataGet(&slot, &cap, &have) != SUCCESS) {
+        return false;
+    }
+    slot[0] = static_cast<char>(0xFF);
+    slot[1] = static_cast<char>(0xD8);
+    return fifo.InputData(slot, kPicture) == SUCCESS && fifo.InputDataFinish(option, kOptionSize) == SUCCESS;
+}
+
+bool borrow_newest(CMFifo& fifo, char* option)
+{
+    long long top = 0;
+    long long tail = 0;
+    if (fifo.GetTopTailDataNo(&top, &tail) != SUCCESS) {
+        return false;
+    }
+    char* pic = nullptr;
+    int cap = 0;
+    _StrOutInfo info{};
+    if (fifo.GetData2(tail, &pic, &cap, option, kOptionSize, &info) != SUCCESS) {
+        return false;
+    }
+    benchmark::DoNotOptimize(pic[0]);
+    return true;
+}
+
+void BM_FifoCommit(benchmark::State& state)
+{
+    CMFifo fifo;
+    fifo.Setup(2, 4, kVideoSize, kOptionSize, 1);
+    char option[kOptionSize] = "IMAGE_ID0000";
+    for (auto _ : state) {
+        if (!commit_one(fifo, option)) {
+            state.SkipWithError("commit failed");
+            break;
+        }
+    }
+    fifo.Cleanup();
+}
+
+void BM_FifoBorrow(benchmark::State& state)
+{
+    CMFifo fifo;
+    fifo.Setup(2, 4, kVideoSize, kOptionSize, 1);
+    char option[kOptionSize] = "IMAGE_ID0000";
+    for (int i = 0; i < 3; ++i) {
+        commit_one(fifo, option);
+    }
+    for (auto _ : state) {
+        if (!borrow_newest(fifo, option)) {
+            state.SkipWithError("borrow failed");
+            break;
+        }
+    }
+    fifo.Cleanup();
+}
+
+// Thread 0 commits, the others borrow the newest frame; every thread's
+// figure is its own operation under contention for the ring's mutex.
+CMFifo g_shared;
+
+void BM_FifoCommitWithReaders(benchmark::State& state)
+{
+    char option[kOptionSize] = "IMAGE_ID0000";
+    if (state.thread_index() == 0) {
+        g_shared.Setup(2, 4, kVideoSize, kOptionSize, 1);
+        commit_one(g_shared, option);
+    }
+    for (auto _ : state) {  // the framework's barrier orders Setup before this
+        bool ok = state.thread_index() == 0 ? commit_one(g_shared, option) : borrow_newest(g_shared, option);
+        if (!ok) {
+            state.SkipWithError("ring operation failed");
+            break;
+        }
+    }
+    if (state.thread_index() == 0) {
+        g_shared.Cleanup();
+    }
+}
+
+}  // namespace
+
+BENCHMARK(BM_FifoCommit);
+BENCHMARK(BM_FifoBorrow);
+BENCHMARK(BM_FifoCommitWithReaders)->Threads(2)->Threads(4)->UseRealTime();
