@@ -335,14 +335,45 @@ class RelayCase(unittest.TestCase):
         self.children = []
         self.daemon_pids = []
         self.write_config()
+        self._watch_sanitizers()
         self.addCleanup(self._cleanup)
 
+    def _watch_sanitizers(self):
+        # In sanitizer builds the detached daemon's standard error is
+        # /dev/null: reports go to files instead, and a test fails on any.
+        self.sanitizer_dir = self.path("sanitizer")
+        os.makedirs(self.sanitizer_dir)
+        saved = {}
+        for var in ("ASAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS"):
+            saved[var] = os.environ.get(var)
+            opts = [o for o in (saved[var] or "").split(":") if o and not o.startswith("log_path=")]
+            opts.append("log_path=" + os.path.join(self.sanitizer_dir, var.split("_")[0].lower()))
+            if var == "TSAN_OPTIONS":
+                # The stop-signal handler writes a log line by design; the
+                # data-race checks stay on.
+                opts.append("report_signal_unsafe=0")
+            os.environ[var] = ":".join(opts)
+
+        def restore():
+            for var, value in saved.items():
+                if value is None:
+                    os.environ.pop(var, None)
+                else:
+                    os.environ[var] = value
+        self.addCleanup(restore)
+
     def _cleanup(self):
+        # Daemons still running get the operator's stop, so that every test
+        # also ends in an orderly shutdown (and the sanitizers' exit checks).
         for pid in self.daemon_pids:
             try:
-                os.kill(pid, signal.SIGKILL)
+                os.kill(pid, signal.SIGTERM)
+                self.wait_gone(pid)
             except ProcessLookupError:
                 pass
+            except AssertionError:
+                os.kill(pid, signal.SIGKILL)
+                raise
         for proc in self.children:
             if proc.poll() is None:
                 proc.send_signal(signal.SIGTERM)
@@ -351,6 +382,11 @@ class RelayCase(unittest.TestCase):
                 except subprocess.TimeoutExpired:
                     proc.kill()
                     proc.wait()
+        reports = sorted(os.listdir(self.sanitizer_dir))
+        if reports:
+            with open(os.path.join(self.sanitizer_dir, reports[0]), errors="replace") as f:
+                first = f.read(6000)
+            raise AssertionError("sanitizer reports %s in %s:\n%s" % (reports, self.work, first))
         if os.environ.get("OSTREL_E2E_KEEP"):
             print("kept", self.work)
         else:
@@ -443,7 +479,21 @@ class RelayCase(unittest.TestCase):
         states = self.wait_states("NormalOperating", name)
         pid = int(states["ProcessId"])
         self.daemon_pids.append(pid)
+        # The states file names the port before the threads exist; the pid
+        # file is written once they run.
+        self.wait_pid_file(pid, int(name))
         return pid
+
+    def wait_pid_file(self, pid, channel):
+        pid_file = self.path("mem", "Ostrel_%02d.pid" % channel)
+
+        def written():
+            try:
+                with open(pid_file) as f:
+                    return f.read() == str(pid)
+            except FileNotFoundError:
+                return False
+        wait_for(written, "the pid file %s" % pid_file)
 
     def start_foreground(self, name="1"):
         proc = self.spawn([BIN, "-StartUp_NonDeamon", name], stdout=subprocess.PIPE,
@@ -452,7 +502,7 @@ class RelayCase(unittest.TestCase):
                  (self.read_states(name) or {}).get("Port") == str(CONTROL_PORT),
                  "the foreground daemon to write its states file")
         self.assertIsNone(proc.poll(), "the foreground daemon ended early")
-        wait_for(lambda: is_listening(MYIP, CONTROL_PORT), "the control port")
+        self.wait_pid_file(proc.pid, int(name))
         return proc
 
     def wait_gone(self, pid, limit=STOP_LIMIT):

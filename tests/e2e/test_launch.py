@@ -164,8 +164,7 @@ class DaemonLifeTest(RelayCase):
             self.assertFalse(os.path.exists(self.states_path("01")))
             # The workers start right after the answer: wait for them to
             # settle, then count the process's threads.
-            wait_for(lambda: os.path.exists(pid_file) and open(pid_file).read() == str(pid),
-                     "the pid file")
+            self.wait_pid_file(pid, 1)
             tasks[count] = len(os.listdir("/proc/%d/task" % pid))
             self.stop_daemon(pid, signal.SIGTERM)
             self.assertFalse(os.path.exists(states_file))
