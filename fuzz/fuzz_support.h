@@ -1,0 +1,174 @@
+#ifndef OSTREL_FUZZ_FUZZ_SUPPORT_H
+#define OSTREL_FUZZ_FUZZ_SUPPORT_H
+
+// Helpers shared by the fuzz targets: feeding bytes to the socket readers
+// through a socket pair, whole or in pieces, and checking invariants.
+//
+// A check that fails aborts the process (libFuzzer and the standalone runner
+// both report it with the input that caused it).
+
+#include <sched.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "common/tokens.h"
+
+#define FUZZ_CHECK(cond)                                                                \
+    do {                                                                                \
+        if (!(cond)) {                                                                  \
+            fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #cond);    \
+            abort();                                                                    \
+        }                                                                               \
+    } while (0)
+
+namespace fuzz {
+
+// The token is empty or lies wholly inside [base, base + size).
+inline bool Inside(const OneToken_Class& t, const unsigned char* base, size_t size)
+{
+    if (t.GetPtr() == nullptr) {
+        return t.GetLength() == 0;
+    }
+    return t.GetLength() >= 1 && t.GetPtr() >= base && t.GetPtr() + t.GetLength() <= base + size;
+}
+
+inline std::string Str(const OneToken_Class& t)
+{
+    return t.GetPtr() == nullptr ? std::string() : std::string(reinterpret_cast<const char*>(t.GetPtr()),
+                                                               static_cast<size_t>(t.GetLength()));
+}
+
+// Every pair of the table as "name|value\n".
+inline std::string Pairs(const StaticArr_NameValToken_Class& table)
+{
+    std::string out;
+    for (int i = 0; i < table.GetCount(); i++) {
+        out += Str(table.Get(i)->m_Name) + "|" + Str(table.Get(i)->m_Val) + "\n";
+    }
+    return out;
+}
+
+// A connected AF_UNIX stream pair: the reader under test reads from
+// reader(); the input is written through the other end, which is shut down
+// after the last byte so that the reader sees an orderly close.
+//
+// Whole: everything is written before the reader starts (inputs are kept far
+// below the socket buffer's size, so the write never blocks).
+// Split: a writer thread hands the bytes over in pieces ending at cuts[],
+// each piece only after the reader has taken everything before it (or has
+// stopped reading), so the reader really meets a message cut at those
+// offsets. The result of reading must not depend on where the cuts fall.
+class Feed {
+public:
+    Feed(const uint8_t* data, size_t size, const std::vector<size_t>& cuts)
+    {
+        if (socketpair(AF_UNIX, SOCK_STREAM, 0, m_fd) != 0) {
+            perror("socketpair");
+            abort();
+        }
+        if (cuts.empty()) {
+            WriteAll(data, size);
+            shutdown(m_fd[1], SHUT_WR);
+            return;
+        }
+        m_writer = std::thread([this, data, size, cuts] {
+            size_t from = 0;
+            for (size_t i = 0; i <= cuts.size(); i++) {
+                size_t to = i < cuts.size() ? cuts[i] : size;
+                if (to < from || to > size) {
+                    continue;
+                }
+                WaitDrained();
+                WriteAll(data + from, to - from);
+                from = to;
+            }
+            shutdown(m_fd[1], SHUT_WR);
+        });
+    }
+    ~Feed()
+    {
+        m_done.store(true, std::memory_order_relaxed);
+        if (m_writer.joinable()) {
+            m_writer.join();
+        }
+        close(m_fd[0]);
+        close(m_fd[1]);
+    }
+    Feed(const Feed&) = delete;
+    Feed& operator=(const Feed&) = delete;
+
+    int reader() const { return m_fd[0]; }
+    // The reader has finished; the writer stops waiting for it.
+    void Done() { m_done.store(true, std::memory_order_relaxed); }
+
+private:
+    void WriteAll(const uint8_t* p, size_t n)
+    {
+        while (n > 0) {
+            ssize_t w = send(m_fd[1], p, n, MSG_NOSIGNAL);
+            if (w <= 0) {
+                return; // the reader has gone
+            }
+            p += w;
+            n -= static_cast<size_t>(w);
+        }
+    }
+    // Until the reader side holds no unread byte. A reader that only peeks
+    // (the multipart direct read) never drains the socket while a head is
+    // incomplete, so the wait is bounded (about a tenth of a second).
+    void WaitDrained()
+    {
+        timespec start;
+        clock_gettime(CLOCK_MONOTONIC, &start);
+        for (;;) {
+            int pending = 0;
+            if (m_done.load(std::memory_order_relaxed) || ioctl(m_fd[0], FIONREAD, &pending) != 0 ||
+                pending == 0) {
+                return;
+            }
+            timespec now;
+            clock_gettime(CLOCK_MONOTONIC, &now);
+            if ((now.tv_sec - start.tv_sec) * 1000000000L + (now.tv_nsec - start.tv_nsec) > 100000000L) {
+                return;
+            }
+            sched_yield();
+        }
+    }
+
+    int m_fd[2] = {-1, -1};
+    std::atomic<bool> m_done{false};
+    std::thread m_writer;
+};
+
+// Up to three cut offsets inside (0, size) taken from the input's own bytes,
+// in ascending order.
+inline std::vector<size_t> Cuts(const uint8_t* data, size_t size, int count)
+{
+    std::vector<size_t> cuts;
+    if (size < 2) {
+        return cuts;
+    }
+    size_t last = 0;
+    for (int i = 0; i < count && i < static_cast<int>(size); i++) {
+        size_t at = 1 + (static_cast<size_t>(data[i]) * 131 + static_cast<size_t>(data[size - 1 - i])) % (size - 1);
+        if (at > last) {
+            cuts.push_back(at);
+            last = at;
+        }
+    }
+    return cuts;
+}
+
+} // namespace fuzz
+
+#endif

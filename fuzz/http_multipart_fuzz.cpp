@@ -1,0 +1,119 @@
+// Fuzz target: a camera's multipart picture stream. The first byte selects:
+//   bits 0-1  0: the part head parser
+//             1: the stream reader over a socket pair, whole: the response
+//                head, then parts read into the reader's buffer and, from a
+//                second connection, straight into the caller's memory; both
+//                ways must deliver the same parts and failures
+//             2,3: the buffered reader, whole and again cut in up to three
+//                pieces; both runs must give the same results
+//   bits 2-3  the reader's buffer size (256, 1024, 4096, 16384 bytes)
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "common/return_codes.h"
+#include "fuzz_support.h"
+#include "http/multipart_buffer.h"
+#include "http/multipart_parser.h"
+
+namespace {
+
+void CheckHead(const HTTPMultiPartResponseParser_Class& p, const unsigned char* buf, size_t size)
+{
+    FUZZ_CHECK(strnlen(p.m_strError, sizeof p.m_strError) < sizeof p.m_strError);
+    FUZZ_CHECK(p.m_nPos >= 0 && p.m_nPos <= p.m_nSize);
+    FUZZ_CHECK(fuzz::Inside(p.m_Text, buf, size));
+    FUZZ_CHECK(p.m_HeaderLines.GetCount() < HTTPMessageParser_Class::HEADER_LINES_MAX);
+    for (int i = 0; i < p.m_HeaderLines.GetCount(); i++) {
+        FUZZ_CHECK(fuzz::Inside(p.m_HeaderLines.Get(i)->m_Name, buf, size));
+        FUZZ_CHECK(fuzz::Inside(p.m_HeaderLines.Get(i)->m_Val, buf, size));
+    }
+}
+
+void ParsePartHead(const uint8_t* data, size_t size)
+{
+    std::vector<unsigned char> buf(data, data + size);
+    HTTPMultiPartResponseParser_Class parser;
+    int rc = parser.ParsingMulti(buf.data(), static_cast<int>(buf.size()));
+    CheckHead(parser, buf.data(), buf.size());
+    if (rc != SUCCESS) {
+        FUZZ_CHECK(parser.m_nStatus == 400 || parser.m_nStatus == 413);
+    }
+}
+
+// The stream head, then up to 16 parts until the first failure. direct:
+// parts are received into the caller's memory (HttpReadMultiInto).
+std::string ReadStream(const uint8_t* data, size_t size, int capacity, const std::vector<size_t>& cuts,
+                       bool direct)
+{
+    fuzz::Feed feed(data, size, cuts);
+    HTTPMultiPartResponseBuffer_Class mp;
+    FUZZ_CHECK(mp.Init(capacity) == SUCCESS);
+    SockExitFlag exitFlag{0};
+    int rc = mp.HttpReadFirst(feed.reader(), 5000, &exitFlag);
+    std::string log = std::to_string(rc) + " " + std::to_string(mp.m_nStatus) + " " + mp.m_strError + "\n";
+    if (rc == SUCCESS) {
+        FUZZ_CHECK(mp.m_nBoundaryLength >= 1 && mp.m_nBoundaryLength <= HTTPMultiPartResponseBuffer_Class::BOUNDARY_SIZE);
+        log += std::string(mp.GetBoundary(), static_cast<size_t>(mp.m_nBoundaryLength)) + "\n";
+    }
+    std::vector<char> dst(static_cast<size_t>(capacity));
+    for (int n = 0; rc == SUCCESS && n < 16; n++) {
+        int got = -1;
+        rc = direct ? mp.HttpReadMultiInto(feed.reader(), 5000, &exitFlag, dst.data(), capacity, &got)
+                    : mp.HttpReadMulti(feed.reader(), 5000, &exitFlag);
+        FUZZ_CHECK(mp.m_nFilled >= 0 && mp.m_nFilled <= mp.m_nCapacity);
+        // A body cut short by the peer ends past the bytes that arrived.
+        FUZZ_CHECK(mp.m_nConsumed >= 0 && mp.m_nConsumed <= mp.m_nCapacity);
+        log += std::to_string(rc) + " " + std::to_string(mp.m_nStatus) + " " + mp.m_strError + "\n";
+        if (rc != SUCCESS) {
+            break;
+        }
+        FUZZ_CHECK(mp.m_nStatus == 200 && mp.m_nContentLength >= 1);
+        FUZZ_CHECK(mp.m_nBodyLength == mp.m_nContentLength + 2);
+        const char* part = reinterpret_cast<const char*>(mp.m_pBuffer + mp.m_nBodyStart);
+        if (direct) {
+            FUZZ_CHECK(got == mp.m_nContentLength);
+            part = dst.data();
+        } else {
+            CheckHead(mp.Parser, mp.m_pBuffer, static_cast<size_t>(mp.m_nCapacity));
+            FUZZ_CHECK(mp.m_nBodyStart + mp.m_nBodyLength <= mp.m_nCapacity);
+        }
+        log += fuzz::Str(mp.Parser.m_Text) + "\n" + std::string(part, static_cast<size_t>(mp.m_nContentLength)) + "\n";
+    }
+    feed.Done();
+    return log;
+}
+
+void Compare(const std::string& a, const std::string& b)
+{
+    if (a != b) {
+        fprintf(stderr, "first:\n%s\nsecond:\n%s\n", a.c_str(), b.c_str());
+    }
+    FUZZ_CHECK(a == b);
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
+    if (size < 1 || size > 65536) {
+        return 0;
+    }
+    const uint8_t sel = data[0];
+    data++;
+    size--;
+    const int capacity = 256 << (2 * ((sel >> 2) & 3));
+    switch (sel & 3) {
+    case 0:
+        ParsePartHead(data, size);
+        break;
+    case 1:
+        Compare(ReadStream(data, size, capacity, {}, false), ReadStream(data, size, capacity, {}, true));
+        break;
+    default:
+        Compare(ReadStream(data, size, capacity, {}, false),
+                ReadStream(data, size, capacity, fuzz::Cuts(data, size, 3), false));
+        break;
+    }
+    return 0;
+}

@@ -1,0 +1,148 @@
+// Fuzz target: what a control-port client sends. The first byte selects:
+//   bits 0-1  0: the request head parser, then the query's parameters
+//             1: the parameter parser alone (query or POST body text)
+//             2: the request reader over a socket pair, whole
+//             3: the same, whole and again cut in up to three pieces; the
+//                two runs must give the same answers
+//   bits 2-3  the reader's buffer size (256, 1024, 4096, 16384 bytes)
+// The reader path covers POST bodies and their parameter part.
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "common/return_codes.h"
+#include "fuzz_support.h"
+#include "http/cgi_param_parser.h"
+#include "http/request_buffer.h"
+#include "http/request_parser.h"
+
+namespace {
+
+void CheckParams(const CGIParamParser_Class& p, const unsigned char* text, size_t size)
+{
+    FUZZ_CHECK(p.m_Params.GetCount() <= CGIParamParser_Class::PARAMS_MAX);
+    for (int i = 0; i < p.m_Params.GetCount(); i++) {
+        const NameValToken_Class* nv = p.m_Params.Get(i);
+        FUZZ_CHECK(fuzz::Inside(nv->m_Name, text, size));
+        FUZZ_CHECK(nv->m_Name.GetLength() >= 2); // a name and its '='
+        FUZZ_CHECK(nv->m_Name.GetPtr()[nv->m_Name.GetLength() - 1] == '=');
+        FUZZ_CHECK(nv->m_Val.GetLength() >= 1);
+        bool nulValue = nv->m_Val.GetLength() == 1 && nv->m_Val.GetPtr()[0] == '\0';
+        FUZZ_CHECK(nulValue || fuzz::Inside(nv->m_Val, text, size));
+        for (int k = 0; !nulValue && k < nv->m_Val.GetLength(); k++) {
+            unsigned char c = nv->m_Val.GetPtr()[k];
+            FUZZ_CHECK(c != '=' && c != '&' && c != '\r' && c != '\n');
+        }
+    }
+}
+
+void ParseHead(const uint8_t* data, size_t size)
+{
+    std::vector<unsigned char> buf(data, data + size);
+    HTTPRequestParser_Class parser;
+    int rc = parser.Parsing(buf.data(), static_cast<int>(buf.size()));
+    FUZZ_CHECK(strnlen(parser.m_strRequestError, sizeof parser.m_strRequestError) < sizeof parser.m_strRequestError);
+    FUZZ_CHECK(strnlen(parser.m_strError, sizeof parser.m_strError) < sizeof parser.m_strError);
+    FUZZ_CHECK(parser.m_nPos >= 0 && parser.m_nPos <= parser.m_nSize);
+    if (rc != SUCCESS) {
+        FUZZ_CHECK(parser.m_nStatus == 400 || parser.m_nStatus == 413);
+        return;
+    }
+    FUZZ_CHECK(parser.m_nStatus == 0);
+    FUZZ_CHECK(parser.m_HeaderLines.GetCount() < HTTPMessageParser_Class::HEADER_LINES_MAX);
+    FUZZ_CHECK(fuzz::Inside(parser.Method, buf.data(), buf.size()));
+    FUZZ_CHECK(fuzz::Inside(parser.URI, buf.data(), buf.size()));
+    FUZZ_CHECK(fuzz::Inside(parser.m_Protocol, buf.data(), buf.size()));
+    const HTTPURIParser_Class& uri = parser.URIParser;
+    FUZZ_CHECK(fuzz::Inside(uri.Path, buf.data(), buf.size()));
+    FUZZ_CHECK(fuzz::Inside(uri.FileName, buf.data(), buf.size()));
+    FUZZ_CHECK(fuzz::Inside(uri.CGIParam, buf.data(), buf.size()));
+    FUZZ_CHECK(uri.FileName.GetLength() >= 1 && uri.FileName.GetPtr()[0] == '/');
+    for (int i = 0; i < parser.m_HeaderLines.GetCount(); i++) {
+        const NameValToken_Class* nv = parser.m_HeaderLines.Get(i);
+        FUZZ_CHECK(fuzz::Inside(nv->m_Name, buf.data(), buf.size()));
+        FUZZ_CHECK(fuzz::Inside(nv->m_Val, buf.data(), buf.size()));
+        FUZZ_CHECK(nv->m_Name.GetPtr()[nv->m_Name.GetLength() - 1] == ':');
+    }
+    if (uri.Flag_Have_CGIParam == 2) {
+        CGIParamParser_Class params;
+        if (params.Parsing(uri.CGIParam.GetPtr(), uri.CGIParam.GetLength()) == SUCCESS) {
+            CheckParams(params, buf.data(), buf.size());
+        }
+    }
+}
+
+void ParseParams(const uint8_t* data, size_t size)
+{
+    std::vector<unsigned char> buf(data, data + size);
+    CGIParamParser_Class params;
+    int rc = params.Parsing(buf.empty() ? nullptr : buf.data(), static_cast<int>(buf.size()));
+    if (rc == SUCCESS) {
+        CheckParams(params, buf.data(), buf.size());
+    } else {
+        FUZZ_CHECK(rc == CGIPARAMS_SYNTAX_ERR || (buf.empty() && rc == DEBUG_WARNING));
+    }
+}
+
+// Reads requests until the first failure (at most 16) and describes each
+// answer: code, status, text, and for a success what the server acts on.
+std::string ReadAll(const uint8_t* data, size_t size, int capacity, const std::vector<size_t>& cuts)
+{
+    fuzz::Feed feed(data, size, cuts);
+    HTTPRequestBuffer_Class req;
+    FUZZ_CHECK(req.Init(capacity) == SUCCESS);
+    SockExitFlag exitFlag{0};
+    std::string log;
+    for (int n = 0; n < 16; n++) {
+        int rc = req.HttpRead(feed.reader(), 5000, &exitFlag);
+        FUZZ_CHECK(req.m_nFilled >= 0 && req.m_nFilled <= req.m_nCapacity);
+        // A body cut short by the peer ends past the bytes that arrived.
+        FUZZ_CHECK(req.m_nConsumed >= 0 && req.m_nConsumed <= req.m_nCapacity);
+        log += std::to_string(rc) + " " + std::to_string(req.m_nStatus) + " " + req.m_strError + "\n";
+        if (rc != SUCCESS) {
+            FUZZ_CHECK(req.m_nStatus >= 400 && req.m_nStatus <= 415);
+            break;
+        }
+        FUZZ_CHECK(req.m_nStatus == 200);
+        FUZZ_CHECK(req.m_nBodyStart + req.m_nBodyLength <= req.m_nCapacity);
+        CheckParams(req.CGIParam, req.m_pBuffer, static_cast<size_t>(req.m_nCapacity));
+        log += std::to_string(req.Parser.Flag_Num) + " " + fuzz::Str(req.Parser.URIParser.FileName) + " " +
+               std::to_string(req.Is_KeepAlive()) + "\n" + fuzz::Pairs(req.CGIParam.m_Params);
+    }
+    feed.Done();
+    return log;
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
+    if (size < 1 || size > 65536) {
+        return 0;
+    }
+    const uint8_t sel = data[0];
+    data++;
+    size--;
+    const int capacity = 256 << (2 * ((sel >> 2) & 3));
+    switch (sel & 3) {
+    case 0:
+        ParseHead(data, size);
+        break;
+    case 1:
+        ParseParams(data, size);
+        break;
+    case 2:
+        ReadAll(data, size, capacity, {});
+        break;
+    default: {
+        std::string whole = ReadAll(data, size, capacity, {});
+        std::string split = ReadAll(data, size, capacity, fuzz::Cuts(data, size, 3));
+        if (whole != split) {
+            fprintf(stderr, "whole:\n%s\nsplit:\n%s\n", whole.c_str(), split.c_str());
+        }
+        FUZZ_CHECK(whole == split);
+        break;
+    }
+    }
+    return 0;
+}

@@ -1,0 +1,103 @@
+// Fuzz target: what a camera or the schedule server answers. The first byte
+// selects:
+//   bits 0-1  0: the response head parser
+//             1: the response reader over a socket pair, whole
+//             2,3: the same, whole and again cut in up to three pieces; the
+//                two runs must give the same results
+//   bits 2-3  the reader's buffer size (256, 1024, 4096, 16384 bytes)
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "common/return_codes.h"
+#include "fuzz_support.h"
+#include "http/response_buffer.h"
+#include "http/response_parser.h"
+
+namespace {
+
+void CheckHead(const HTTPResponseParser_Class& p, const unsigned char* buf, size_t size)
+{
+    FUZZ_CHECK(strnlen(p.m_strError, sizeof p.m_strError) < sizeof p.m_strError);
+    FUZZ_CHECK(p.m_nPos >= 0 && p.m_nPos <= p.m_nSize);
+    FUZZ_CHECK(fuzz::Inside(p.m_Protocol, buf, size));
+    FUZZ_CHECK(fuzz::Inside(p.m_Text, buf, size));
+    FUZZ_CHECK(p.m_HeaderLines.GetCount() < HTTPMessageParser_Class::HEADER_LINES_MAX);
+    for (int i = 0; i < p.m_HeaderLines.GetCount(); i++) {
+        FUZZ_CHECK(fuzz::Inside(p.m_HeaderLines.Get(i)->m_Name, buf, size));
+        FUZZ_CHECK(fuzz::Inside(p.m_HeaderLines.Get(i)->m_Val, buf, size));
+    }
+}
+
+void ParseHead(const uint8_t* data, size_t size)
+{
+    std::vector<unsigned char> buf(data, data + size);
+    HTTPResponseParser_Class parser;
+    int rc = parser.Parsing(buf.data(), static_cast<int>(buf.size()));
+    CheckHead(parser, buf.data(), buf.size());
+    if (rc == SUCCESS) {
+        FUZZ_CHECK(parser.m_nStatus == 0 && parser.m_nStatusCode == 200 && parser.m_strError[0] == '\0');
+    } else {
+        FUZZ_CHECK(parser.m_nStatus == 400 || parser.m_nStatus == 413);
+        FUZZ_CHECK(parser.m_strError[0] != '\0');
+    }
+}
+
+std::string ReadAll(const uint8_t* data, size_t size, int capacity, const std::vector<size_t>& cuts)
+{
+    fuzz::Feed feed(data, size, cuts);
+    HTTPResponseBuffer_Class res;
+    FUZZ_CHECK(res.Init(capacity) == SUCCESS);
+    SockExitFlag exitFlag{0};
+    std::string log;
+    for (int n = 0; n < 16; n++) {
+        int rc = res.HttpRead(feed.reader(), 5000, &exitFlag);
+        FUZZ_CHECK(res.m_nFilled >= 0 && res.m_nFilled <= res.m_nCapacity);
+        // A body cut short by the peer ends past the bytes that arrived.
+        FUZZ_CHECK(res.m_nConsumed >= 0 && res.m_nConsumed <= res.m_nCapacity);
+        log += std::to_string(rc) + " " + std::to_string(res.m_nStatus) + " " + res.m_strError + "\n";
+        if (rc != SUCCESS) {
+            break;
+        }
+        CheckHead(res.Parser, res.m_pBuffer, static_cast<size_t>(res.m_nCapacity));
+        FUZZ_CHECK(res.m_nStatus == 200 && res.m_nBodyLength >= 1);
+        FUZZ_CHECK(res.m_nBodyStart + res.m_nBodyLength <= res.m_nCapacity);
+        log += std::to_string(res.Is_KeepAlive()) + " " + fuzz::Str(res.Parser.m_Text) + "\n" +
+               std::string(reinterpret_cast<const char*>(res.m_pBuffer + res.m_nBodyStart),
+                           static_cast<size_t>(res.m_nBodyLength)) +
+               "\n";
+    }
+    feed.Done();
+    return log;
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
+    if (size < 1 || size > 65536) {
+        return 0;
+    }
+    const uint8_t sel = data[0];
+    data++;
+    size--;
+    const int capacity = 256 << (2 * ((sel >> 2) & 3));
+    switch (sel & 3) {
+    case 0:
+        ParseHead(data, size);
+        break;
+    case 1:
+        ReadAll(data, size, capacity, {});
+        break;
+    default: {
+        std::string whole = ReadAll(data, size, capacity, {});
+        std::string split = ReadAll(data, size, capacity, fuzz::Cuts(data, size, 3));
+        if (whole != split) {
+            fprintf(stderr, "whole:\n%s\nsplit:\n%s\n", whole.c_str(), split.c_str());
+        }
+        FUZZ_CHECK(whole == split);
+        break;
+    }
+    }
+    return 0;
+}

@@ -1,0 +1,107 @@
+// Fuzz target: the number readers. The first byte selects:
+//   bits 0-1  0: digit_check; 1: OneToken_Class::Atoi; 2, 3: Atoll
+//   bits 2-7  digit_check's maximum length (1 to 64) and range
+// Results are compared with an exact reading in 128-bit arithmetic wherever
+// the value fits the type.
+#include <climits>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "common/return_codes.h"
+#include "common/string_utils.h"
+#include "common/tokens.h"
+#include "fuzz_support.h"
+
+namespace {
+
+// Leading blanks (space, HT, CR, LF), an optional '-', digits: the exact value, or false when
+// it does not fit in [lo, hi].
+bool Exact(const std::vector<unsigned char>& s, __int128 lo, __int128 hi, __int128* value)
+{
+    size_t i = 0;
+    while (i < s.size() && (s[i] == ' ' || s[i] == '\t' || s[i] == '\r' || s[i] == '\n')) {
+        i++;
+    }
+    bool neg = i < s.size() && s[i] == '-';
+    i += neg;
+    __int128 v = 0;
+    for (; i < s.size() && s[i] >= '0' && s[i] <= '9'; i++) {
+        v = v * 10 + (s[i] - '0');
+        if (v > hi - lo) {
+            return false;
+        }
+    }
+    v = neg ? -v : v;
+    *value = v;
+    return v >= lo && v <= hi;
+}
+
+void CheckDigits(const uint8_t* data, size_t size, int maxlen, long long min, long long max)
+{
+    std::vector<char> text(data, data + size);
+    text.push_back('\0');
+    int rc = digit_check(text.data(), maxlen, min, max, 1);
+    const size_t len = strnlen(reinterpret_cast<const char*>(data), size);
+    if (rc == OVER_CHAR) {
+        FUZZ_CHECK(len >= static_cast<size_t>(maxlen) && text[static_cast<size_t>(maxlen) - 1] == '\0');
+        return;
+    }
+    FUZZ_CHECK(len < static_cast<size_t>(maxlen));
+    bool digits = true;
+    for (size_t i = 0; i < len; i++) {
+        digits = digits && (text[i] == '-' || (text[i] >= '0' && text[i] <= '9'));
+    }
+    if (!digits) {
+        FUZZ_CHECK(rc == INVALID_CODE);
+        return;
+    }
+    // A value of the text's first number (a '-' elsewhere ends it) within
+    // the range is accepted, one outside is not.
+    std::vector<unsigned char> s(text.begin(), text.begin() + static_cast<long>(len));
+    __int128 v = 0;
+    if (Exact(s, LLONG_MIN, LLONG_MAX, &v)) {
+        FUZZ_CHECK((rc == SUCCESS) == (v >= min && v <= max));
+    } else {
+        FUZZ_CHECK(rc == SUCCESS || rc == OUT_OF_RANGE);
+    }
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
+    if (size < 1 || size > 4096) {
+        return 0;
+    }
+    const uint8_t sel = data[0];
+    data++;
+    size--;
+    if ((sel & 3) == 0) {
+        static const long long kRanges[4][2] = {{0, 65535}, {-1, 1}, {LLONG_MIN, LLONG_MAX}, {1, 0}};
+        const long long* r = kRanges[(sel >> 6) & 3];
+        CheckDigits(data, size, 1 + ((sel >> 2) & 15) * 4, r[0], r[1]);
+        return 0;
+    }
+    if (size < 1 || size > static_cast<size_t>(ONETOKEN_MAXLEN)) {
+        return 0;
+    }
+    std::vector<unsigned char> span(data, data + size);
+    OneToken_Class token;
+    FUZZ_CHECK(token.Copy_OnlyPointer(span.data(), static_cast<int>(span.size())) == SUCCESS);
+    __int128 exact = 0;
+    if ((sel & 3) == 1) {
+        int v = 0;
+        int rc = token.Atoi(&v);
+        if (Exact(span, INT_MIN + 1, INT_MAX, &exact)) {
+            FUZZ_CHECK(rc == SUCCESS && v == exact);
+        }
+    } else {
+        long long v = 0;
+        int rc = token.Atoll(&v);
+        if (Exact(span, LLONG_MIN + 1, LLONG_MAX, &exact)) {
+            FUZZ_CHECK(rc == SUCCESS && v == exact);
+        }
+    }
+    return 0;
+}
