@@ -100,6 +100,8 @@ say "states file $states"
 cat "$states"
 
 say "viewer: ${DEMO_SECONDS:-6} s of pictures from the control port 192.0.2.1:8080"
+echo "(pictures = relayed and checked, latency = camera send to viewer receive,"
+echo " waits = polls answered 'not there yet')"
 "$tools/ostrel-viewer" --control 192.0.2.1:8080 --bind 192.0.2.1:30000 \
     --seconds "${DEMO_SECONDS:-6}" --quiet --save last.jpg || true
 echo "(the last picture is in $run/last.jpg; camera requests: $(grep -c '^#REQUEST' camera.rec))"
