@@ -86,6 +86,23 @@ class PictureStreamTest(RelayCase):
         self.assertEqual(text_answer(get_image())[2], b"ERROR_USER_ID:")
         self.assertEqual(len(read_records(self.cam_record)), 1)
 
+    def test_a_slow_viewer_skips_to_newer_pictures_that_are_still_whole(self):
+        login()
+        first = split_stamp(self.pull(1)[0].body)[0]
+        # The viewer pauses (the pause is the scenario, not a wait for an
+        # event): at 40 pictures a second the ring of a few slots is
+        # overwritten many times meanwhile.
+        time.sleep(1.5)
+        seq, _, picture = split_stamp(self.pull(1)[0].body)
+        self.assertGreater(seq, first + 6, "an overwritten picture was handed out")
+        self.assertTrue(picture == self.pictures[(seq - 1) % len(self.pictures)],
+                        "picture %d was changed while it was sent" % seq)
+        for a in self.pull(5):
+            nxt, _, picture = split_stamp(a.body)
+            self.assertGreater(nxt, seq)
+            self.assertTrue(picture == self.pictures[(nxt - 1) % len(self.pictures)])
+            seq = nxt
+
     def test_head_request_gets_the_image_head_without_body(self):
         login()
         self.pull(1)
