@@ -41,6 +41,7 @@ TEST_F(CgiFrontTest, AnswersEveryRequestExactly)
         {{"-StartUp"}, {}, "", kUsage, "", "name missing"},
         {{"-StartUp", "123"}, {}, "", kUsage, "Invalid argument\n", "three digits"},
         {{"-StartUp", "5x"}, {}, "", kUsage, "Invalid argument\n", "digit check before the name check"},
+        {{"-StartUp_NonDeamon", "-0"}, {}, "", "[-0] is illigal name.\n", "", "name check after the digit check"},
         {{"-GetConfigTemplate", "1"}, {}, "", kTemplate, "", "template from the command line"},
         {{"-Stop", "1"}, {}, "", "[-Stop] Unkown.\n" + kUsage, "", "unknown switch"},
         {{"x", "05"}, get("Command=GetConfigTemplate"), "", kTemplate, "", "template from CGI"},

@@ -101,12 +101,10 @@ TEST_F(DaemonStartTest, CgiStartClampsTheControlPortThreads)
                                       "QUERY_STRING=Command=StartUp&Name=05&NumOfControlPortThread=" + count});
         EXPECT_EQ(r.out, success(port_));
         pid_t pid = running("05");
-        DIR* d = opendir(("/proc/" + std::to_string(pid) + "/task").c_str());
-        int n = 0;
-        for (dirent* e; d != nullptr && (e = readdir(d)) != nullptr;)
-            n += e->d_name[0] != '.';
-        if (d != nullptr)
-            closedir(d);
+        glob_t tasks{};
+        glob(("/proc/" + std::to_string(pid) + "/task/*").c_str(), 0, nullptr, &tasks);
+        const int n = static_cast<int>(tasks.gl_pathc);
+        globfree(&tasks);
         kill(pid, SIGTERM);
         EXPECT_TRUE(WIFEXITED(waitExit(pid)));
         return n;

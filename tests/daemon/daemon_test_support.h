@@ -2,7 +2,6 @@
 #define OSTREL_TESTS_DAEMON_TEST_SUPPORT_H
 
 #include <arpa/inet.h>
-#include <dirent.h>
 #include <glob.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
