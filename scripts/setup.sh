@@ -3,7 +3,8 @@
 # the machine lacks. Safe to run again: it installs nothing that is present.
 set -eu
 
-pkgs="cmake g++ make ninja-build libgtest-dev iproute2 nftables python3 util-linux"
+# g++-multilib and googletest (its sources) are for the 32-bit build.
+pkgs="cmake g++ g++-multilib make ninja-build libgtest-dev googletest iproute2 nftables python3 util-linux"
 missing=""
 for p in $pkgs; do
     dpkg -s "$p" >/dev/null 2>&1 || missing="$missing $p"

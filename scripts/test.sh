@@ -1,14 +1,86 @@
 #!/bin/sh
-# The project's test command: set up a fresh Debian machine, build with
-# warnings as errors, and run the whole test suite with ctest.
+# The project's test command: set up a fresh Debian machine, then build the
+# daemon, its tools and the whole test suite and run it with ctest, once in
+# each of these builds (warnings are errors in all of them):
 #
-#   scripts/test.sh            (build directory: build/)
+#   normal   build/        RelWithDebInfo
+#   asan     build-asan/   AddressSanitizer, LeakSanitizer and
+#                          UndefinedBehaviorSanitizer
+#   tsan     build-tsan/   ThreadSanitizer
+#   i386     build-i386/   32-bit x86 (g++ -m32, GoogleTest built from source)
+#
+#   scripts/test.sh                            all four builds, in that order
+#   OSTREL_TEST_BUILDS="asan tsan" scripts/test.sh   only these builds
+#
+# Settings (environment): OSTREL_TEST_BUILDS (default "normal asan tsan
+# i386"), OSTREL_BUILD_DIR (build directory of the normal build and prefix
+# of the others, default build), OSTREL_JOBS (compile jobs and parallel
+# tests, default: the number of processors).
+#
+# Every build runs even when an earlier one failed; the script ends with a
+# line per build and fails if any build failed. A sanitizer report anywhere,
+# also in a daemon that has closed its standard error, fails the build: the
+# reports are written to <build>/sanitizer/ and shown at the end of its run.
 set -eu
 cd "$(dirname "$0")/.."
+root=$(pwd)
 scripts/setup.sh
 
-build=${OSTREL_BUILD_DIR:-build}
-cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DOSTREL_WERROR=ON
-cmake --build "$build" -j "$(nproc)"
-cd "$build"
-ctest --output-on-failure -j "$(nproc)" --timeout 600
+builds=${OSTREL_TEST_BUILDS:-normal asan tsan i386}
+base=${OSTREL_BUILD_DIR:-build}
+case $base in /*) ;; *) base=$root/$base ;; esac
+jobs=${OSTREL_JOBS:-$(nproc)}
+
+# run_build NAME DIR [CMAKE OPTIONS...]: configures, builds and tests one
+# build; returns non-zero when any step fails or a sanitizer reported.
+run_build() {
+    name=$1 dir=$2
+    shift 2
+    echo "== $name build in $dir"
+    cmake -S "$root" -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+        -DOSTREL_WERROR=ON "$@" || return 1
+    cmake --build "$dir" -j "$jobs" || return 1
+
+    logs=$dir/sanitizer
+    rm -rf "$logs"
+    mkdir -p "$logs"
+    # halt_on_error: the first report ends the process with a failure code,
+    # so the test that triggered it fails. log_path: the daemon points its
+    # standard error at /dev/null once started, so reports go to files.
+    rc=0
+    (
+        cd "$dir" &&
+        ASAN_OPTIONS="halt_on_error=1:detect_leaks=1:detect_stack_use_after_return=1:check_initialization_order=1:strict_init_order=1:log_path=$logs/asan" \
+        UBSAN_OPTIONS="halt_on_error=1:print_stacktrace=1:log_path=$logs/ubsan" \
+        TSAN_OPTIONS="halt_on_error=1:second_deadlock_stack=1:log_path=$logs/tsan" \
+        ctest --output-on-failure -j "$jobs" --timeout 600
+    ) || rc=1
+    reports=$(find "$logs" -type f | sort)
+    if [ -n "$reports" ]; then
+        echo "== $name build: sanitizer reports"
+        for f in $reports; do
+            echo "-- $f"
+            cat "$f"
+        done
+        rc=1
+    fi
+    return $rc
+}
+
+summary=""
+status=0
+for b in $builds; do
+    start=$(date +%s)
+    case $b in
+        normal) run_build "$b" "$base" ;;
+        asan)   run_build "$b" "$base-asan" -DOSTREL_SANITIZE=address ;;
+        tsan)   run_build "$b" "$base-tsan" -DOSTREL_SANITIZE=thread ;;
+        i386)   run_build "$b" "$base-i386" -DCMAKE_TOOLCHAIN_FILE="$root/cmake/i386-linux-gnu.cmake" ;;
+        *)      echo "test.sh: unknown build '$b' (normal, asan, tsan, i386)" >&2; false ;;
+    esac && result=passed || result=FAILED
+    [ "$result" = passed ] || status=1
+    summary="$summary$(printf '%-7s %s in %d s' "$b" "$result" $(( $(date +%s) - start )))
+"
+done
+printf '\n== summary\n%s' "$summary"
+exit $status
