@@ -32,6 +32,11 @@ ForTmporary_Arr_XmlElement_Class::~ForTmporary_Arr_XmlElement_Class()
     m_nCount = 0;
 }
 
+XmlElement_Class* Arr_XmlElement_Class::TakeLast()
+{
+    return m_nCount > 0 ? m_ppArr[--m_nCount] : nullptr;
+}
+
 int Arr_XmlElement_Class::Add_XmlElement_Class(XmlElement_Class* elem, DbPrintf_Class*)
 {
     if (elem == nullptr) {

@@ -24,6 +24,9 @@ public:
     int GetCapacity() const { return m_nCapacity; }
     // Entry i, or null outside 0..count-1.
     XmlElement_Class* Get(int i) const { return (i >= 0 && i < m_nCount) ? m_ppArr[i] : nullptr; }
+    // Removes the last entry and hands it (and, for the owning array, its
+    // ownership) to the caller; null when the array is empty.
+    XmlElement_Class* TakeLast();
 
 protected:
     int m_nCount = 0;

@@ -47,6 +47,29 @@ int add_token(StringBuf_Class* buf, const OneToken_Class& token)
 
 }  // namespace
 
+XmlElement_Class::~XmlElement_Class()
+{
+    // Depth-first, one level of the stack at a time: descend to a last
+    // child, detach it from its parent and delete it once it has no children
+    // left, so each delete frees a leaf and never recurses. The parent links
+    // are set on the way down, so the climb back needs no list of its own.
+    XmlElement_Class* node = this;
+    for (;;) {
+        XmlElement_Class* child = node->m_Children.TakeLast();
+        if (child != nullptr) {
+            child->m_pParent = node;
+            node = child;
+            continue;
+        }
+        if (node == this) {
+            break;
+        }
+        XmlElement_Class* parent = node->m_pParent;
+        delete node;
+        node = parent;
+    }
+}
+
 int XmlElement_Class::Get_ChildElement(const char* name, int len, int index, XmlElement_Class** out,
                                        DbPrintf_Class*) const
 {

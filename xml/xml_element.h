@@ -28,7 +28,10 @@ constexpr int XMLELEMENT_TEXT = 2;      // text only
 class XmlElement_Class {
 public:
     XmlElement_Class() = default;
-    virtual ~XmlElement_Class() = default;
+    // Frees the subtree without recursion: a document may nest elements as
+    // deep as its size allows (some 87,000 levels), far more than a thread's
+    // stack holds frames for.
+    virtual ~XmlElement_Class();
 
     XmlElement_Class(const XmlElement_Class&) = delete;
     XmlElement_Class& operator=(const XmlElement_Class&) = delete;

@@ -1,5 +1,6 @@
 #include "xml/xml_parser.h"
 
+#include <pthread.h>
 #include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
@@ -199,6 +200,42 @@ TEST_F(XmlParserTest, LoadersRefuseBadArgumentsAndSizes)
     EXPECT_EQ(p.Construct_WithMemAlloc_BufferCopy(&byte, 1), DEBUG_WARNING);
     EXPECT_EQ(p.ParserMain(), SUCCESS);
     EXPECT_STREQ(p.GetMessage(), "Parser Success.");
+}
+
+// Regression: a document of the largest size nesting one element inside
+// the next (some 87,000 levels) used to be freed by one destructor call per
+// level and overflowed the stack. It is parsed and freed here on a thread
+// with a 256 KB stack, far less than that recursion needed.
+TEST_F(XmlParserTest, DeeplyNestedDocumentIsFreedOnASmallStack)
+{
+    struct Job {
+        std::string doc;
+        int rc = -1;
+        int depth = -1;
+    } job;
+    for (int i = 0; i + 3 <= XMLPARSER_MAX_DOCSIZE; i += 3) job.doc += "<a>";
+    auto run = [](void* arg) -> void* {
+        Job* j = static_cast<Job*>(arg);
+        XmlParser_Class p;
+        if (p.Construct_WithMemAlloc_BufferCopy(reinterpret_cast<const unsigned char*>(j->doc.data()),
+                                                static_cast<int>(j->doc.size())) == SUCCESS) {
+            j->rc = p.ParserMain();
+            const XmlElement_Class* e = p.GetRootElement();
+            while (e != nullptr && e->GetChildren().GetCount() == 1) e = e->GetChildren().Get(0);
+            j->depth = e != nullptr ? e->GetDepth() : -1;
+        }
+        return nullptr;
+    };
+    pthread_attr_t attr;
+    ASSERT_EQ(pthread_attr_init(&attr), 0);
+    ASSERT_EQ(pthread_attr_setstacksize(&attr, 256 * 1024), 0);
+    pthread_t t;
+    ASSERT_EQ(pthread_create(&t, &attr, run, &job), 0);
+    ASSERT_EQ(pthread_join(t, nullptr), 0);
+    pthread_attr_destroy(&attr);
+    // Unclosed elements still parse (callers judge the tree themselves).
+    EXPECT_EQ(job.rc, SUCCESS);
+    EXPECT_EQ(job.depth, XMLPARSER_MAX_DOCSIZE / 3 - 1);
 }
 
 }  // namespace
