@@ -1,8 +1,7 @@
 // Fuzz target: the number readers. The first byte selects:
 //   bits 0-1  0: digit_check; 1: OneToken_Class::Atoi; 2, 3: Atoll
 //   bits 2-7  digit_check's maximum length (1 to 64) and range
-// Results are compared with an exact reading in 128-bit arithmetic wherever
-// the value fits the type.
+// Results are compared with an exact reading wherever the value fits the type.
 #include <climits>
 #include <cstring>
 #include <string>
@@ -16,8 +15,9 @@
 namespace {
 
 // Leading blanks (space, HT, CR, LF), an optional '-', digits: the exact value, or false when
-// it does not fit in [lo, hi].
-bool Exact(const std::vector<unsigned char>& s, __int128 lo, __int128 hi, __int128* value)
+// it does not fit in [lo, hi] (lo <= 0 <= hi). The magnitude is gathered in unsigned 64 bits,
+// which holds every long long's magnitude; 128-bit integers do not exist on 32-bit targets.
+bool Exact(const std::vector<unsigned char>& s, long long lo, long long hi, long long* value)
 {
     size_t i = 0;
     while (i < s.size() && (s[i] == ' ' || s[i] == '\t' || s[i] == '\r' || s[i] == '\n')) {
@@ -25,16 +25,19 @@ bool Exact(const std::vector<unsigned char>& s, __int128 lo, __int128 hi, __int1
     }
     bool neg = i < s.size() && s[i] == '-';
     i += neg;
-    __int128 v = 0;
+    const unsigned long long limit =
+        neg ? 0ULL - static_cast<unsigned long long>(lo) : static_cast<unsigned long long>(hi);
+    unsigned long long m = 0;
     for (; i < s.size() && s[i] >= '0' && s[i] <= '9'; i++) {
-        v = v * 10 + (s[i] - '0');
-        if (v > hi - lo) {
+        const unsigned d = s[i] - '0';
+        if (d > limit || m > (limit - d) / 10) {
             return false;
         }
+        m = m * 10 + d;
     }
-    v = neg ? -v : v;
-    *value = v;
-    return v >= lo && v <= hi;
+    // m <= |LLONG_MIN| here, so the wrap-around negation is the exact value.
+    *value = neg ? static_cast<long long>(0ULL - m) : static_cast<long long>(m);
+    return true;
 }
 
 void CheckDigits(const uint8_t* data, size_t size, int maxlen, long long min, long long max)
@@ -59,7 +62,7 @@ void CheckDigits(const uint8_t* data, size_t size, int maxlen, long long min, lo
     // A value of the text's first number (a '-' elsewhere ends it) within
     // the range is accepted, one outside is not.
     std::vector<unsigned char> s(text.begin(), text.begin() + static_cast<long>(len));
-    __int128 v = 0;
+    long long v = 0;
     if (Exact(s, LLONG_MIN, LLONG_MAX, &v)) {
         FUZZ_CHECK((rc == SUCCESS) == (v >= min && v <= max));
     } else {
@@ -89,7 +92,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     std::vector<unsigned char> span(data, data + size);
     OneToken_Class token;
     FUZZ_CHECK(token.Copy_OnlyPointer(span.data(), static_cast<int>(span.size())) == SUCCESS);
-    __int128 exact = 0;
+    long long exact = 0;
     if ((sel & 3) == 1) {
         int v = 0;
         int rc = token.Atoi(&v);
