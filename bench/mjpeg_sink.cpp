@@ -60,24 +60,26 @@ int main(int argc, char** argv)
     inet_pton(AF_INET, hp.substr(0, hp.find(':')).c_str(), &a.sin_addr);
     double seconds = std::atof(argv[3]);
 
-    PartReader in{socket(AF_INET, SOCK_STREAM, 0)};
-    // The relay may still be starting: try for up to 10 s.
-    int64_t giveUp = now_us(CLOCK_MONOTONIC) + 10000000;
-    while (connect(in.fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0) {
+    // The relay may still be starting (motion answers only once it has a
+    // picture): try for up to 20 s.
+    PartReader in{-1};
+    std::string req = std::string("GET ") + argv[2] + " HTTP/1.0\r\nHost: " + argv[1] + "\r\n\r\n";
+    int64_t giveUp = now_us(CLOCK_MONOTONIC) + 20000000;
+    for (;;) {
+        in.fd = socket(AF_INET, SOCK_STREAM, 0);
+        timeval tv{15, 0};  // a stalled relay ends the run
+        setsockopt(in.fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+        if (connect(in.fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0 &&
+            send(in.fd, req.data(), req.size(), 0) == static_cast<ssize_t>(req.size()) && in.skip_head()) {
+            break;
+        }
         close(in.fd);
+        in.pos = in.end = 0;
         if (now_us(CLOCK_MONOTONIC) > giveUp) {
-            std::perror("mjpegsink: connect");
+            std::fprintf(stderr, "mjpegsink: no stream from %s\n", argv[1]);
             return 1;
         }
-        usleep(20000);
-        in.fd = socket(AF_INET, SOCK_STREAM, 0);
-    }
-    timeval tv{15, 0};  // a stalled relay ends the run
-    setsockopt(in.fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-    std::string req = std::string("GET ") + argv[2] + " HTTP/1.0\r\nHost: " + argv[1] + "\r\n\r\n";
-    if (send(in.fd, req.data(), req.size(), 0) != static_cast<ssize_t>(req.size()) || !in.skip_head()) {
-        std::fprintf(stderr, "mjpegsink: no stream from %s\n", argv[1]);
-        return 1;
+        usleep(100000);
     }
     int64_t start = now_us(CLOCK_MONOTONIC);
     int64_t stop = start + static_cast<int64_t>(seconds * 1e6);

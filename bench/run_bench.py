@@ -1,0 +1,493 @@
+#!/usr/bin/env python3
+"""Side-by-side relay benchmark. Runs inside the private network namespace
+(scripts/bench.sh starts it there through tools/ostrel-netns).
+
+Every relay gets its own simulated camera (tools/ostrel-camsim; one camera
+per relay, since its sequence numbers rise across all its connections) and
+its own viewer:
+
+  ostrel  the daemon, started in the foreground; its own camera connection is
+          redirected to the simulated camera (tools/ostrel-camera-redirect);
+          viewer tools/ostrel-viewer pulling with get_image
+  ref     bench/ref_relay.cpp, the minimal relay; viewer bench/mjpeg_sink.cpp
+  ffmpeg  ffmpeg -f mpjpeg -i URL -c copy to its HTTP server (-listen 1)
+  motion  motion with the stream as a network camera and its stream output
+          (it decodes and re-encodes, so the stamp does not survive: no
+          latency and no loss figure for it)
+
+A relay's CPU time (utime + stime of /proc/PID/stat, all its threads) and
+memory (VmHWM peak, VmRSS at the end of the run) are read from /proc. The
+viewers' output lines are time-stamped as they arrive; a warm-up at the start
+of every run is left out of all figures.
+
+Output: a JSON file of every run and the Markdown report with its plot.
+"""
+
+import argparse
+import json
+import os
+import re
+import shutil
+import signal
+import socket
+import statistics
+import subprocess
+import sys
+import threading
+import time
+
+ADDR = "192.0.2.1"
+CAM_PATH = "/axis-cgi/mjpg/video.cgi?showlength=1&camera=1"
+SIZES = {
+    "18KB": [],
+    "400KB": ["--size", "1920x1080", "--quality", "85", "--detail", "20"],
+}
+RELAYS = ["ostrel", "ref", "ffmpeg", "motion"]
+CLK_TCK = os.sysconf("SC_CLK_TCK")
+
+
+class Ports:
+    """Fresh ports for every run, so no run meets an earlier one's leftovers.
+    Below 20000: the daemon's and the relays' outgoing connections use
+    20000-29999 and the viewers bind 30000 and above."""
+
+    def __init__(self, start=10000):
+        self.next = start
+
+    def take(self):
+        self.next += 1
+        if self.next >= 19999:
+            self.next = 10001
+        return self.next
+
+
+PORTS = Ports()
+
+
+def listening(port, addr=ADDR):
+    """A socket listening on addr:port (or on every address), read from
+    /proc/net/tcp{,6}: connecting to find out would take the one viewer slot
+    of some relays."""
+    want = "%08X" % int.from_bytes(socket.inet_aton(addr), "little")
+    for table in ("/proc/net/tcp", "/proc/net/tcp6"):
+        with open(table) as f:
+            next(f)
+            for line in f:
+                cols = line.split()
+                host, hport = cols[1].split(":")
+                if cols[3] == "0A" and int(hport, 16) == port and (host == want or set(host) == {"0"}):
+                    return True
+    return False
+
+
+def wait_for(pred, limit, what):
+    end = time.monotonic() + limit
+    while time.monotonic() < end:
+        if pred():
+            return
+        time.sleep(0.02)
+    raise RuntimeError("timed out waiting for " + what)
+
+
+def cpu_seconds(pid):
+    """On-CPU time of all the process's threads, user and system: the run
+    time of /proc/PID/task/*/schedstat (nanoseconds; utime and stime of
+    /proc/PID/stat count whole clock ticks, too coarse for a relay that
+    needs 0.1 ms per frame)."""
+    total = 0
+    base = "/proc/%d/task" % pid
+    for tid in os.listdir(base):
+        try:
+            with open("%s/%s/schedstat" % (base, tid)) as f:
+                total += int(f.read().split()[0])
+        except (OSError, ValueError, IndexError):
+            pass  # the thread ended meanwhile
+    return total / 1e9
+
+
+def cpu_ticks_seconds(pid):
+    """utime + stime of /proc/PID/stat (whole process, clock ticks)."""
+    with open("/proc/%d/stat" % pid) as f:
+        fields = f.read().rsplit(")", 1)[1].split()
+    return (int(fields[11]) + int(fields[12])) / CLK_TCK
+
+
+def memory_kb(pid):
+    out = {}
+    with open("/proc/%d/status" % pid) as f:
+        for line in f:
+            if line.startswith(("VmHWM:", "VmRSS:")):
+                out[line.split(":")[0]] = int(line.split()[1])
+    return out.get("VmHWM", 0), out.get("VmRSS", 0)
+
+
+class Consumer:
+    """A viewer process whose picture lines are time-stamped on arrival."""
+
+    LINE = re.compile(r"picture \d+ (?:seq=(\d+) )?bytes=(\d+)(?: latency_ms=([\d.]+))?")
+
+    def __init__(self, argv):
+        self.proc = subprocess.Popen(["stdbuf", "-oL"] + argv, stdout=subprocess.PIPE,
+                                     stderr=subprocess.PIPE, text=True)
+        self.pictures = []  # (monotonic arrival, seq or None, latency ms or None)
+        self.err = ""
+        self.thread = threading.Thread(target=self._read, daemon=True)
+        self.thread.start()
+
+    def _read(self):
+        for line in self.proc.stdout:
+            m = self.LINE.match(line)
+            if m:
+                seq = int(m.group(1)) if m.group(1) else None
+                lat = float(m.group(3)) if m.group(3) else None
+                self.pictures.append((time.monotonic(), seq, lat))
+
+    def finish(self, limit=30):
+        try:
+            self.proc.wait(limit)
+        except subprocess.TimeoutExpired:
+            self.proc.kill()
+            self.proc.wait()
+        self.thread.join(5)
+        self.err = self.proc.stderr.read()
+
+    def window(self, t0, t1):
+        return [p for p in self.pictures if t0 <= p[0] <= t1]
+
+
+def stop(proc, sig=signal.SIGTERM, limit=10):
+    if proc is None or proc.poll() is not None:
+        return
+    proc.send_signal(sig)
+    try:
+        proc.wait(limit)
+    except subprocess.TimeoutExpired:
+        proc.kill()
+        proc.wait()
+
+
+class Bench:
+    def __init__(self, args):
+        self.a = args
+        for k in ("source", "build", "work", "out"):
+            setattr(args, k, os.path.abspath(getattr(args, k)))
+        self.build = args.build
+        self.tools = os.path.join(self.build, "tools")
+        self.work = args.work
+        self.redirect = os.path.join(args.source, "tools", "ostrel-camera-redirect")
+        self.channel = 0
+        os.makedirs(self.work, exist_ok=True)
+
+    # -- parts of a run --------------------------------------------------
+    def camera(self, fps, size, quiet_port=None):
+        port = quiet_port or PORTS.take()
+        proc = subprocess.Popen([os.path.join(self.tools, "ostrel-camsim"), "--listen",
+                                 "%s:%d" % (ADDR, port), "--fps", str(fps), "--quiet"]
+                                + SIZES[size], stdout=subprocess.DEVNULL)
+        wait_for(lambda: listening(port), 20, "the camera simulator")
+        return proc, port
+
+    def start_ostrel(self, cam_port, seconds, channel=None):
+        """The daemon in the foreground with its own working directory.
+        Returns (daemon, consumer argv)."""
+        if channel is None:
+            self.channel = self.channel % 99 + 1
+            channel = self.channel
+        ctl = PORTS.take()
+        work = os.path.join(self.work, "ostrel-%02d" % channel)
+        shutil.rmtree(work, ignore_errors=True)
+        for sub in ("conf", "log", "mem", "states"):
+            os.makedirs(os.path.join(work, sub))
+        sfx = "_%04d" % channel
+        with open(os.path.join(work, "conf", "Config.txt"), "w") as f:
+            f.write("".join("%s%s=%s\n" % (k, sfx, v) for k, v in [
+                ("translator_tarndatatype", "Ostrel"), ("encoder_ip", ADDR),
+                ("encoder_port", ctl), ("translator_connect_ip", ADDR),
+                ("translator_connect_port", 9), ("translator_connect_camerano", 1),
+                ("channel_authentic_switch", 0), ("translator_calarm_rec_postterm", 86400)]))
+        with open(os.path.join(work, "Directory.Conf"), "w") as f:
+            f.write("<Directory.Conf>\n <StatesDir>%s/states</StatesDir>\n</Directory.Conf>\n" % work)
+        subprocess.run([self.redirect, ADDR, str(ctl), ADDR, str(cam_port)], check=True)
+        proc = subprocess.Popen([os.path.join(self.build, "Ostrel"), "-StartUp_NonDeamon", str(channel)],
+                                cwd=work, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        wait_for(lambda: listening(ctl), 20, "the daemon's control port")
+        # Each viewer its own block of local ports (it moves on past busy ones).
+        viewer = [os.path.join(self.tools, "ostrel-viewer"), "--control", "%s:%d" % (ADDR, ctl),
+                  "--bind", "%s:%d" % (ADDR, 30000 + (channel % 50) * 600), "--seconds", str(seconds),
+                  "--idle-ms", "30000"]
+        return proc, viewer
+
+    def start_relay(self, kind, cam_port, seconds):
+        out = PORTS.take()
+        cam_url = "http://%s:%d%s" % (ADDR, cam_port, CAM_PATH)
+        sink = os.path.join(self.build, "bench", "ostrel-mjpegsink")
+        if kind == "ostrel":
+            return self.start_ostrel(cam_port, seconds)
+        if kind == "ref":
+            proc = subprocess.Popen([os.path.join(self.build, "bench", "ostrel-refrelay"),
+                                     "%s:%d" % (ADDR, out), "%s:%d" % (ADDR, cam_port), CAM_PATH])
+            wait_for(lambda: listening(out), 20, "the reference relay")
+            return proc, [sink, "%s:%d" % (ADDR, out), "/", str(seconds)]
+        if kind == "ffmpeg":
+            # Low-latency input settings; -c copy relays the pictures unchanged.
+            proc = subprocess.Popen(["ffmpeg", "-nostdin", "-hide_banner", "-loglevel", "error",
+                                     "-fflags", "nobuffer", "-probesize", "32", "-analyzeduration", "0",
+                                     "-f", "mpjpeg", "-i", cam_url, "-c", "copy", "-f", "mpjpeg",
+                                     "-flush_packets", "1", "-listen", "1",
+                                     "http://%s:%d/stream" % (ADDR, out)],
+                                    stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+            wait_for(lambda: listening(out), 20, "ffmpeg's HTTP output")
+            return proc, [sink, "%s:%d" % (ADDR, out), "/stream", str(seconds)]
+        if kind == "motion":
+            d = os.path.join(self.work, "motion-%d" % out)
+            os.makedirs(d, exist_ok=True)
+            conf = os.path.join(d, "motion.conf")
+            with open(conf, "w") as f:
+                # Nothing written to disk; stream at the camera's rate.
+                f.write("daemon off\nsetup_mode off\nlog_level 4\nlog_file %s/motion.log\n"
+                        "target_dir %s\nnetcam_url %s\nframerate %d\npicture_output off\n"
+                        "movie_output off\nstream_port %d\nstream_localhost off\n"
+                        "stream_maxrate %d\nstream_quality 75\nwebcontrol_port 0\n"
+                        % (d, d, cam_url, self.motion_fps, out, self.motion_fps))
+            proc = subprocess.Popen(["motion", "-n", "-c", conf], stdout=subprocess.DEVNULL,
+                                    stderr=subprocess.DEVNULL)
+            wait_for(lambda: listening(out), 20, "motion's stream port")
+            return proc, [sink, "%s:%d" % (ADDR, out), "/", str(seconds)]
+        raise ValueError(kind)
+
+    def run(self, kind, size, fps, measure=None, warmup=None):
+        """One run: camera, relay, viewer. Figures over the measuring window."""
+        measure = measure or self.a.measure
+        warmup = self.a.warmup if warmup is None else warmup
+        self.motion_fps = min(100, fps if fps > 0 else 100)
+        cam, cam_port = self.camera(fps, size)
+        relay = None
+        cons = None
+        try:
+            relay, argv = self.start_relay(kind, cam_port, warmup + measure + 1)
+            cons = Consumer(argv)
+            # The window opens once pictures flow and the warm-up has passed.
+            wait_for(lambda: cons.pictures or cons.proc.poll() is not None, 20, "the first picture")
+            time.sleep(warmup)
+            t0, c0, k0 = time.monotonic(), cpu_seconds(relay.pid), cpu_ticks_seconds(relay.pid)
+            time.sleep(measure)
+            t1, c1, k1 = time.monotonic(), cpu_seconds(relay.pid), cpu_ticks_seconds(relay.pid)
+            peak, rss = memory_kb(relay.pid)
+            cons.finish(warmup + measure + 30)
+        finally:
+            if cons and cons.proc.poll() is None:
+                cons.proc.kill()
+            stop(relay)
+            stop(cam)
+        pics = cons.window(t0, t1)
+        seqs = [p[1] for p in pics if p[1] is not None]
+        lats = sorted(p[2] for p in pics if p[2] is not None)
+        lost = sum(b - a - 1 for a, b in zip(seqs, seqs[1:]) if b > a + 1)
+        n = len(pics)
+        span = t1 - t0
+        r = {"relay": kind, "size": size, "fps_in": fps, "frames": n, "fps_out": n / span,
+             "cpu_s": c1 - c0, "cpu_ticks_s": k1 - k0, "cpu_pct": 100.0 * (c1 - c0) / span,
+             "cpu_us_per_frame": 1e6 * (c1 - c0) / n if n else None,
+             "lost": lost if seqs else None, "stamped": len(seqs),
+             "peak_kb": peak, "rss_kb": rss}
+        if lats:
+            r.update(p50=pct(lats, 50), p99=pct(lats, 99), max=lats[-1])
+        if not pics:
+            r["error"] = cons.err.strip()[-300:]
+        return r
+
+    def lossless(self, r, fps):
+        if r["stamped"] < 10 or r["lost"]:
+            return False
+        return fps == 0 or r["fps_out"] >= 0.97 * fps
+
+    def ladder(self, kind, size):
+        """Rising camera rates until frames are lost; the last unthrottled
+        step shows what the relay takes when the camera is not the limit."""
+        steps = []
+        best = None
+        for fps in self.a.ladder:
+            r = self.run(kind, size, fps, measure=self.a.ladder_measure, warmup=1.0)
+            r["ok"] = self.lossless(r, fps)
+            steps.append(r)
+            log("  ladder %-6s %-5s fps=%-4s out=%.1f lost=%s p99=%s ok=%s" % (
+                kind, size, fps or "max", r["fps_out"], r["lost"], fmt(r.get("p99")), r["ok"]))
+            if not r["ok"]:
+                break
+            best = r["fps_out"]
+        return best, steps
+
+    def channels(self):
+        """Daemons side by side, each with its own camera at 30 fps (18 KB)
+        and its own viewer: the largest count where every channel gets every
+        frame with p99 latency under 100 ms. Doubling, then halving the gap."""
+        results = {}
+
+        def trial(n):
+            if n in results:
+                return results[n]["ok"]
+            r = self.channel_trial(n)
+            results[n] = r
+            log("  channels n=%d ok=%s worst_p99=%s lost=%s min_fps=%.1f cpu=%.0f%%" % (
+                n, r["ok"], fmt(r["worst_p99"]), r["lost"], r["min_fps"], r["cpu_pct"]))
+            return r["ok"]
+
+        lo, hi = 0, None
+        n = self.a.channels_start
+        while n <= 99:
+            if trial(n):
+                lo = n
+                n = min(99, n * 2) if n < 99 else 100
+            else:
+                hi = n
+                break
+        if hi is not None:
+            while hi - lo > max(2, lo // 8):
+                mid = (lo + hi) // 2
+                if trial(mid):
+                    lo = mid
+                else:
+                    hi = mid
+        return lo, results
+
+    def channel_trial(self, n):
+        cams, daemons, cons = [], [], []
+        seconds = self.a.warmup + self.a.measure + 1
+        try:
+            for ch in range(1, n + 1):
+                cam, port = self.camera(30, "18KB")
+                cams.append(cam)
+                proc, viewer = self.start_ostrel(port, seconds, channel=ch)
+                daemons.append(proc)
+            for ch in range(1, n + 1):
+                cons.append(Consumer(self._viewer_for(ch, seconds)))
+            wait_for(lambda: all(c.pictures or c.proc.poll() is not None for c in cons), 60,
+                     "pictures on every channel")
+            time.sleep(self.a.warmup)
+            t0 = time.monotonic()
+            c0 = sum(cpu_seconds(p.pid) for p in daemons)
+            time.sleep(self.a.measure)
+            t1 = time.monotonic()
+            c1 = sum(cpu_seconds(p.pid) for p in daemons)
+            mem = [memory_kb(p.pid)[1] for p in daemons]
+            for c in cons:
+                c.finish(seconds + 60)
+        finally:
+            for c in cons:
+                if c.proc.poll() is None:
+                    c.proc.kill()
+            for p in daemons + cams:
+                stop(p)
+        lost, worst, min_fps = 0, 0.0, 1e9
+        for c in cons:
+            pics = c.window(t0, t1)
+            seqs = [p[1] for p in pics if p[1] is not None]
+            lats = sorted(p[2] for p in pics if p[2] is not None)
+            lost += sum(b - a - 1 for a, b in zip(seqs, seqs[1:]) if b > a + 1)
+            worst = max(worst, pct(lats, 99) if lats else 1e9)
+            min_fps = min(min_fps, len(pics) / (t1 - t0))
+        return {"n": n, "ok": lost == 0 and worst < 100.0 and min_fps >= 29.0, "lost": lost,
+                "worst_p99": worst, "min_fps": min_fps,
+                "cpu_pct": 100.0 * (c1 - c0) / (t1 - t0), "rss_kb_mean": sum(mem) / len(mem)}
+
+    def _viewer_for(self, ch, seconds):
+        work = os.path.join(self.work, "ostrel-%02d" % ch)
+        with open(os.path.join(work, "conf", "Config.txt")) as f:
+            ctl = int(re.search(r"encoder_port_\d+=(\d+)", f.read()).group(1))
+        return [os.path.join(self.tools, "ostrel-viewer"), "--control", "%s:%d" % (ADDR, ctl),
+                "--bind", "%s:%d" % (ADDR, 30000 + (ch % 50) * 600), "--seconds", str(seconds),
+                "--idle-ms", "30000"]
+
+
+def pct(sorted_vals, p):
+    if not sorted_vals:
+        return None
+    k = min(len(sorted_vals) - 1, max(0, int(round(p / 100.0 * len(sorted_vals) + 0.5)) - 1))
+    return sorted_vals[k]
+
+
+def fmt(v, spec="%.1f"):
+    return "n/a" if v is None else spec % v
+
+
+def log(msg):
+    print(msg, flush=True)
+
+
+def median(vals):
+    vals = [v for v in vals if v is not None]
+    return statistics.median(vals) if vals else None
+
+
+def main():
+    ap = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    ap.add_argument("--source", required=True)
+    ap.add_argument("--build", required=True)
+    ap.add_argument("--work", required=True)
+    ap.add_argument("--out", required=True, help="JSON file of all runs")
+    ap.add_argument("--repeats", type=int, default=3)
+    ap.add_argument("--warmup", type=float, default=2.0)
+    ap.add_argument("--measure", type=float, default=6.0)
+    ap.add_argument("--ladder", type=lambda s: [int(x) for x in s.split(",")],
+                    default=[30, 60, 120, 240, 480, 0])
+    ap.add_argument("--ladder-measure", type=float, default=3.0)
+    ap.add_argument("--relays", type=lambda s: s.split(","), default=RELAYS)
+    ap.add_argument("--sizes", type=lambda s: s.split(","), default=list(SIZES))
+    ap.add_argument("--channels-start", type=int, default=8)
+    ap.add_argument("--no-channels", action="store_true")
+    ap.add_argument("--no-ladder", action="store_true")
+    a = ap.parse_args()
+    b = Bench(a)
+    data = {"runs": [], "ladders": [], "channels": None, "machine": machine(),
+            "settings": {k: v for k, v in vars(a).items() if k not in ("source", "build", "work", "out")}}
+    for rep in range(a.repeats):
+        # Rotating the order spreads any drift of the machine over all relays.
+        order = a.relays[rep % len(a.relays):] + a.relays[:rep % len(a.relays)]
+        for size in a.sizes:
+            for kind in order:
+                r = b.run(kind, size, 30)
+                r["repeat"] = rep
+                data["runs"].append(r)
+                log("run %d %-6s %-5s 30fps: out=%.1f cpu=%.1f%% %s us/frame p50=%s p99=%s max=%s "
+                    "lost=%s peak=%dKB rss=%dKB%s" % (
+                        rep, kind, size, r["fps_out"], r["cpu_pct"], fmt(r["cpu_us_per_frame"], "%.0f"),
+                        fmt(r.get("p50"), "%.2f"), fmt(r.get("p99"), "%.2f"), fmt(r.get("max"), "%.2f"),
+                        r["lost"], r["peak_kb"], r["rss_kb"], (" ERROR " + r["error"]) if "error" in r else ""))
+            if not a.no_ladder:
+                for kind in order:
+                    if kind == "motion":
+                        continue  # no stamp survives motion: loss cannot be told
+                    best, steps = b.ladder(kind, size)
+                    data["ladders"].append({"relay": kind, "size": size, "repeat": rep,
+                                            "best": best, "steps": steps})
+        with open(a.out, "w") as f:
+            json.dump(data, f, indent=1)
+    if not a.no_channels:
+        n, trials = b.channels()
+        data["channels"] = {"max": n, "trials": [trials[k] for k in sorted(trials)]}
+        log("channels per machine: %d" % n)
+    with open(a.out, "w") as f:
+        json.dump(data, f, indent=1)
+
+
+def machine():
+    model = ""
+    try:
+        with open("/proc/cpuinfo") as f:
+            m = re.search(r"model name\s*:\s*(.*)", f.read())
+            model = m.group(1) if m else ""
+    except OSError:
+        pass
+    ver = {}
+    for name, argv in (("ffmpeg", ["ffmpeg", "-version"]), ("motion", ["motion", "-h"])):
+        try:
+            out = subprocess.run(argv, capture_output=True, text=True, timeout=10)
+            ver[name] = (out.stdout + out.stderr).splitlines()[0]
+        except (OSError, subprocess.TimeoutExpired, IndexError):
+            ver[name] = "missing"
+    return {"cpu": model, "cores": os.cpu_count(), "kernel": os.uname().release, "versions": ver,
+            "date": time.strftime("%Y-%m-%d %H:%M UTC", time.gmtime())}
+
+
+if __name__ == "__main__":
+    sys.exit(main())
