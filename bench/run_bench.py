@@ -468,6 +468,10 @@ def main():
         log("channels per machine: %d" % n)
     with open(a.out, "w") as f:
         json.dump(data, f, indent=1)
+    failed = [r for r in data["runs"] if "error" in r]
+    for r in failed:
+        log("no pictures from %s (%s): %s" % (r["relay"], r["size"], r["error"]))
+    return 1 if failed else 0
 
 
 def machine():

@@ -1,0 +1,66 @@
+#!/bin/sh
+# The benchmark set in one command: builds the daemon, the simulators and the
+# bench tools, runs the micro-benchmarks, then, inside a private network
+# namespace, the daemon side by side with a minimal reference relay, ffmpeg
+# and motion on the same simulated camera streams, and prints one table. The
+# full run also writes it into docs/PERFORMANCE.md with docs/performance.png.
+#
+#   scripts/bench.sh           full run (about 20 minutes on 2 cores)
+#   scripts/bench.sh --smoke   about 15 seconds: micro-benchmarks briefly,
+#                              the daemon and the reference relay once each;
+#                              documents untouched; exit status 1 when a relay
+#                              delivered nothing
+#
+# Run as root on Debian 12 (it installs what is missing from Debian's
+# packages), or as a user where user namespaces are allowed and the packages
+# are present. Settings (environment): OSTREL_BENCH_BUILD_DIR (default
+# build-bench/), BENCH_REPEATS (3), BENCH_SECONDS (measuring window per run,
+# 5), BENCH_TIME_LIMIT (whole run, seconds, 3600).
+set -eu
+cd "$(dirname "$0")/.."
+root=$(pwd)
+build=${OSTREL_BENCH_BUILD_DIR:-$root/build-bench}
+out=$root/run/bench
+mode=full
+[ "${1:-}" = "--smoke" ] && mode=smoke
+
+if [ "$(id -u)" = 0 ]; then
+    scripts/setup.sh
+    missing=""
+    pkgs="libbenchmark-dev coreutils"
+    [ $mode = full ] && pkgs="$pkgs ffmpeg motion gnuplot-nox"
+    for p in $pkgs; do dpkg -s "$p" >/dev/null 2>&1 || missing="$missing $p"; done
+    if [ -n "$missing" ]; then
+        echo "bench: installing$missing"
+        DEBIAN_FRONTEND=noninteractive apt-get update -q
+        # shellcheck disable=SC2086
+        DEBIAN_FRONTEND=noninteractive apt-get install -y -q --no-install-recommends $missing
+    fi
+fi
+
+gen=""
+command -v ninja >/dev/null && gen="-G Ninja"
+# shellcheck disable=SC2086
+cmake -S . -B "$build" $gen -DCMAKE_BUILD_TYPE=RelWithDebInfo -DOSTREL_BENCH=ON >/dev/null
+cmake --build "$build" -j 2 --target Ostrel ostrel-camsim ostrel-viewer ostrel-refrelay \
+    ostrel-mjpegsink ostrel_micro
+mkdir -p "$out"
+
+if [ $mode = smoke ]; then
+    "$build/bench/ostrel_micro" --benchmark_min_time=0.02 --benchmark_out="$out/micro-smoke.json" \
+        --benchmark_out_format=json >/dev/null
+    tools/ostrel-netns python3 bench/run_bench.py --source "$root" --build "$build" \
+        --work "$out/smoke" --out "$out/smoke.json" --repeats 1 --warmup 1 --measure 2 \
+        --relays ostrel,ref --sizes 18KB --no-ladder --no-channels
+    python3 bench/report.py "$out/smoke.json" --micro "$out/micro-smoke.json"
+    exit 0
+fi
+
+"$build/bench/ostrel_micro" --benchmark_min_time=0.5 --benchmark_repetitions=3 \
+    --benchmark_report_aggregates_only=true --benchmark_out="$out/micro.json" \
+    --benchmark_out_format=json
+timeout "${BENCH_TIME_LIMIT:-3600}" tools/ostrel-netns python3 bench/run_bench.py \
+    --source "$root" --build "$build" --work "$out/work" --out "$out/results.json" \
+    --repeats "${BENCH_REPEATS:-3}" --measure "${BENCH_SECONDS:-5}"
+python3 bench/report.py "$out/results.json" --micro "$out/micro.json" \
+    --doc docs/PERFORMANCE.md --png docs/performance.png
