@@ -154,6 +154,11 @@ int ControlPort_ServerThread::DoCommand_Ptipimg__get_image(DbPrintf_Class* pDB)
     int bodyLength = IsHeadRequest() ? 0 : info.nDataSize_Video;
     HttpResponse_SendMessage(m_nConnectFd, m_Header.c_str(), m_Header.length(), pVideo, bodyLength,
                              kSendTimeoutMs, &m_nCommand, pDB);
+    // Done with the borrowed slot: taking the FIFO's mutex once more orders
+    // this read before the writer's next commit, and so before it refills
+    // the slot, even when no further request comes (a paused viewer).
+    long long top = 0, tail = 0;
+    g_Fifo.GetTopTailDataNo(&top, &tail);
     return HTTP_CONNECTIONCLOSE;
 }
 
