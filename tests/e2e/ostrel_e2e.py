@@ -114,10 +114,15 @@ def connect(src=MYIP, dst=(MYIP, CONTROL_PORT), timeout=10.0):
         port = 30000 + next(_source_ports) % 30000
         try:
             sock.bind((src, port))
-            sock.connect(dst)
-            return sock
         except OSError:
             sock.close()
+            continue
+        try:
+            sock.connect(dst)
+        except OSError:
+            sock.close()
+            raise
+        return sock
     raise AssertionError("no free source port on %s" % src)
 
 
