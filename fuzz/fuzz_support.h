@@ -76,6 +76,10 @@ public:
             perror("socketpair");
             abort();
         }
+        // Room for a whole input (at most 64 KB plus a few bytes) in the
+        // socket, so the whole-input write below never blocks.
+        int room = 1 << 20;
+        setsockopt(m_fd[1], SOL_SOCKET, SO_SNDBUF, &room, sizeof room);
         if (cuts.empty()) {
             WriteAll(data, size);
             shutdown(m_fd[1], SHUT_WR);
@@ -98,6 +102,8 @@ public:
     ~Feed()
     {
         m_done.store(true, std::memory_order_relaxed);
+        // A writer blocked on a reader that stopped early fails and ends.
+        shutdown(m_fd[0], SHUT_RDWR);
         if (m_writer.joinable()) {
             m_writer.join();
         }
