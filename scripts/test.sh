@@ -52,7 +52,7 @@ run_build() {
         cd "$dir" &&
         ASAN_OPTIONS="halt_on_error=1:detect_leaks=1:detect_stack_use_after_return=1:check_initialization_order=1:strict_init_order=1:log_path=$logs/asan" \
         UBSAN_OPTIONS="halt_on_error=1:print_stacktrace=1:log_path=$logs/ubsan" \
-        TSAN_OPTIONS="halt_on_error=1:second_deadlock_stack=1:log_path=$logs/tsan" \
+        TSAN_OPTIONS="halt_on_error=1:second_deadlock_stack=1:suppressions=$root/scripts/tsan-suppressions.txt:log_path=$logs/tsan" \
         ctest --output-on-failure -j "$jobs" --timeout 600
     ) || rc=1
     reports=$(find "$logs" -type f | sort)
