@@ -44,7 +44,7 @@ done
     > "$out/viewer.txt" &
 pids="$pids $!"
 sleep 2
-perf record -q -e cpu-clock -F 1999 -g -o "$out/perf.data" -p "$daemon" -- sleep 8 2>/dev/null
+perf record -q -e cpu-clock -F 499 --call-graph dwarf,16384 -o "$out/perf.data" -p "$daemon" -- sleep 8 2>/dev/null
 strace -c -f -p "$daemon" -o "$out/strace.txt" &
 st=$!
 sleep 6
@@ -54,7 +54,7 @@ wait_viewer=$(echo "$pids" | awk '{print $NF}')
 wait "$wait_viewer" || true
 perf report -i "$out/perf.data" --stdio --no-children --sort symbol --percent-limit 1.5 \
     > "$out/perf-self.txt" 2>/dev/null
-perf report -i "$out/perf.data" --stdio --children --sort symbol --percent-limit 4 -g none \
+perf report -i "$out/perf.data" --stdio --children --sort symbol --percent-limit 3 -g none \
     > "$out/perf-children.txt" 2>/dev/null
 echo "== viewer"; cat "$out/viewer.txt"
 echo "== system calls of the daemon (6 s)"; head -n 25 "$out/strace.txt"

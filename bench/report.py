@@ -101,15 +101,15 @@ def tables(data, micro):
         lines.append("### Channels per machine")
         lines.append("")
         lines.append("Largest number of daemons, each with its own camera (30 fps, 18 KB) and its own viewer, "
-                     "with every frame delivered, at least 29 fps and p99 latency under 100 ms on every channel: "
+                     "with every frame delivered and p99 latency under 100 ms on every channel: "
                      "**%d**." % ch["max"])
         lines.append("")
-        lines.append("| daemons | all delivered | frames lost | worst p99 ms | slowest fps | CPU % (all daemons) | RSS per daemon MB |")
+        lines.append("| daemons | passed | frames missing | channels short | worst p99 ms | CPU % (all daemons) | RSS per daemon MB |")
         lines.append("|---|---|---|---|---|---|---|")
         for t in ch["trials"]:
-            lines.append("| %d | %s | %d | %s | %.1f | %.0f | %.1f |" % (
-                t["n"], "yes" if t["ok"] else "no", t["lost"], f(t["worst_p99"]), t["min_fps"],
-                t["cpu_pct"], t["rss_kb_mean"] / 1024.0))
+            lines.append("| %d | %s | %d | %s | %s | %.0f | %.1f |" % (
+                t["n"], "yes" if t["ok"] else "no", t["lost"], t.get("short_channels", "?"),
+                f(t["worst_p99"] if t["worst_p99"] < 1e8 else None), t["cpu_pct"], t["rss_kb_mean"] / 1024.0))
         lines.append("")
     if micro:
         lines.append("### Micro-benchmarks")

@@ -176,12 +176,28 @@ class Bench:
         self.work = args.work
         self.redirect = os.path.join(args.source, "tools", "ostrel-camera-redirect")
         self.channel = 0
+        self.live = []  # processes of the current run, stopped by cleanup()
         os.makedirs(self.work, exist_ok=True)
+
+    def spawn(self, argv, **kw):
+        proc = subprocess.Popen(argv, **kw)
+        self.live.append(proc)
+        return proc
+
+    def cleanup(self):
+        """Stops every process of the run, also those whose start failed
+        half-way (started, but never became ready)."""
+        for proc in self.live:  # all at once: a daemon takes a moment to stop
+            if proc.poll() is None:
+                proc.send_signal(signal.SIGTERM)
+        for proc in reversed(self.live):
+            stop(proc)
+        self.live = []
 
     # -- parts of a run --------------------------------------------------
     def camera(self, fps, size, quiet_port=None):
         port = quiet_port or PORTS.take()
-        proc = subprocess.Popen([os.path.join(self.tools, "ostrel-camsim"), "--listen",
+        proc = self.spawn([os.path.join(self.tools, "ostrel-camsim"), "--listen",
                                  "%s:%d" % (ADDR, port), "--fps", str(fps), "--quiet"]
                                 + SIZES[size], stdout=subprocess.DEVNULL)
         wait_for(lambda: listening(port), 20, "the camera simulator")
@@ -208,7 +224,7 @@ class Bench:
         with open(os.path.join(work, "Directory.Conf"), "w") as f:
             f.write("<Directory.Conf>\n <StatesDir>%s/states</StatesDir>\n</Directory.Conf>\n" % work)
         subprocess.run([self.redirect, ADDR, str(ctl), ADDR, str(cam_port)], check=True)
-        proc = subprocess.Popen([os.path.join(self.build, "Ostrel"), "-StartUp_NonDeamon", str(channel)],
+        proc = self.spawn([os.path.join(self.build, "Ostrel"), "-StartUp_NonDeamon", str(channel)],
                                 cwd=work, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         wait_for(lambda: listening(ctl), 20, "the daemon's control port")
         # Each viewer its own block of local ports (it moves on past busy ones).
@@ -224,13 +240,13 @@ class Bench:
         if kind == "ostrel":
             return self.start_ostrel(cam_port, seconds)
         if kind == "ref":
-            proc = subprocess.Popen([os.path.join(self.build, "bench", "ostrel-refrelay"),
+            proc = self.spawn([os.path.join(self.build, "bench", "ostrel-refrelay"),
                                      "%s:%d" % (ADDR, out), "%s:%d" % (ADDR, cam_port), CAM_PATH])
             wait_for(lambda: listening(out), 20, "the reference relay")
             return proc, [sink, "%s:%d" % (ADDR, out), "/", str(seconds)]
         if kind == "ffmpeg":
             # Low-latency input settings; -c copy relays the pictures unchanged.
-            proc = subprocess.Popen(["ffmpeg", "-nostdin", "-hide_banner", "-loglevel", "error",
+            proc = self.spawn(["ffmpeg", "-nostdin", "-hide_banner", "-loglevel", "error",
                                      "-fflags", "nobuffer", "-probesize", "32", "-analyzeduration", "0",
                                      "-f", "mpjpeg", "-i", cam_url, "-c", "copy", "-f", "mpjpeg",
                                      "-flush_packets", "1", "-listen", "1",
@@ -249,7 +265,7 @@ class Bench:
                         "movie_output off\nstream_port %d\nstream_localhost off\n"
                         "stream_maxrate %d\nstream_quality 75\nwebcontrol_port 0\n"
                         % (d, d, cam_url, self.motion_fps, out, self.motion_fps))
-            proc = subprocess.Popen(["motion", "-n", "-c", conf], stdout=subprocess.DEVNULL,
+            proc = self.spawn(["motion", "-n", "-c", conf], stdout=subprocess.DEVNULL,
                                     stderr=subprocess.DEVNULL)
             wait_for(lambda: listening(out), 20, "motion's stream port")
             return proc, [sink, "%s:%d" % (ADDR, out), "/", str(seconds)]
@@ -277,8 +293,7 @@ class Bench:
         finally:
             if cons and cons.proc.poll() is None:
                 cons.proc.kill()
-            stop(relay)
-            stop(cam)
+            self.cleanup()
         pics = cons.window(t0, t1)
         seqs = [p[1] for p in pics if p[1] is not None]
         lats = sorted(p[2] for p in pics if p[2] is not None)
@@ -328,8 +343,8 @@ class Bench:
                 return results[n]["ok"]
             r = self.channel_trial(n)
             results[n] = r
-            log("  channels n=%d ok=%s worst_p99=%s lost=%s min_fps=%.1f cpu=%.0f%%" % (
-                n, r["ok"], fmt(r["worst_p99"]), r["lost"], r["min_fps"], r["cpu_pct"]))
+            log("  channels n=%d ok=%s worst_p99=%s lost=%s short_channels=%d cpu=%.0f%%" % (
+                n, r["ok"], fmt(r["worst_p99"]), r["lost"], r["short_channels"], r["cpu_pct"]))
             return r["ok"]
 
         lo, hi = 0, None
@@ -351,8 +366,15 @@ class Bench:
         return lo, results
 
     def channel_trial(self, n):
+        """n daemons at once. The window is taken by sequence number, not by
+        arrival time: the cameras are paced at exactly 30 fps from their
+        first picture, and a machine this busy delays the reading of the
+        viewers' output lines by seconds. Pictures from the first one seen
+        + 30 x warm-up on, 30 x measure of them, must all arrive."""
         cams, daemons, cons = [], [], []
-        seconds = self.a.warmup + self.a.measure + 1
+        first_ok = int(30 * self.a.warmup)
+        want = int(30 * self.a.measure)
+        seconds = self.a.warmup + self.a.measure + 5
         try:
             for ch in range(1, n + 1):
                 cam, port = self.camera(30, "18KB")
@@ -376,19 +398,23 @@ class Bench:
             for c in cons:
                 if c.proc.poll() is None:
                     c.proc.kill()
-            for p in daemons + cams:
-                stop(p)
-        lost, worst, min_fps = 0, 0.0, 1e9
+            self.cleanup()
+        lost, worst, stalled = 0, 0.0, 0
         for c in cons:
-            pics = c.window(t0, t1)
-            seqs = [p[1] for p in pics if p[1] is not None]
+            seqs = [p for p in c.pictures if p[1] is not None]
+            if not seqs:
+                lost += want
+                stalled += 1
+                continue
+            lo = seqs[0][1] + first_ok
+            pics = [p for p in seqs if lo <= p[1] < lo + want]
             lats = sorted(p[2] for p in pics if p[2] is not None)
-            lost += sum(b - a - 1 for a, b in zip(seqs, seqs[1:]) if b > a + 1)
+            lost += want - len(pics)
+            stalled += 1 if len(pics) < want else 0
             worst = max(worst, pct(lats, 99) if lats else 1e9)
-            min_fps = min(min_fps, len(pics) / (t1 - t0))
-        return {"n": n, "ok": lost == 0 and worst < 100.0 and min_fps >= 29.0, "lost": lost,
-                "worst_p99": worst, "min_fps": min_fps,
-                "cpu_pct": 100.0 * (c1 - c0) / (t1 - t0), "rss_kb_mean": sum(mem) / len(mem)}
+        return {"n": n, "ok": lost == 0 and worst < 100.0, "lost": lost, "short_channels": stalled,
+                "worst_p99": worst, "cpu_pct": 100.0 * (c1 - c0) / (t1 - t0),
+                "rss_kb_mean": sum(mem) / len(mem)}
 
     def _viewer_for(self, ch, seconds):
         work = os.path.join(self.work, "ostrel-%02d" % ch)
@@ -429,7 +455,7 @@ def main():
     ap.add_argument("--warmup", type=float, default=2.0)
     ap.add_argument("--measure", type=float, default=6.0)
     ap.add_argument("--ladder", type=lambda s: [int(x) for x in s.split(",")],
-                    default=[30, 60, 120, 240, 480, 0])
+                    default=[30, 45, 60, 120, 240, 480, 0])
     ap.add_argument("--ladder-measure", type=float, default=3.0)
     ap.add_argument("--relays", type=lambda s: s.split(","), default=RELAYS)
     ap.add_argument("--sizes", type=lambda s: s.split(","), default=list(SIZES))
