@@ -119,7 +119,8 @@ def tables(data, micro):
         for b in micro.get("benchmarks", []):
             if b.get("run_type") == "aggregate" and b.get("aggregate_name") != "median":
                 continue
-            lines.append("| %s | %.0f %s | %.0f %s |" % (b["name"], b["real_time"], b["time_unit"],
+            name = b["name"][:-len("_median")] if b["name"].endswith("_median") else b["name"]
+            lines.append("| %s | %.0f %s | %.0f %s |" % (name, b["real_time"], b["time_unit"],
                                                       b["cpu_time"], b["time_unit"]))
         lines.append("")
     return "\n".join(lines)
@@ -153,7 +154,8 @@ def targets(data):
 
 def plot(data, png):
     """Latency (p50, p99) and CPU % against the camera's frame rate, 18 KB
-    pictures, from the rising-rate runs (median per step)."""
+    pictures, from the paced steps of the rising-rate runs (median per
+    step)."""
     if not shutil.which("gnuplot"):
         print("report: gnuplot missing, no plot", file=sys.stderr)
         return False
@@ -162,7 +164,9 @@ def plot(data, png):
         if l["size"] != "18KB":
             continue
         for st in l["steps"]:
-            fps = st["fps_in"] or st["fps_out"]  # unthrottled: what got through
+            if not st["fps_in"]:
+                continue  # unthrottled: its rate differs run by run; in the table
+            fps = st["fps_in"]
             series.setdefault(l["relay"], {}).setdefault(round(fps), []).append(st)
     if not series:
         return False
@@ -185,7 +189,7 @@ def plot(data, png):
         parts.append("'%s' using 1:2 with linespoints title '%s p50'" % (path, NAMES[relay]))
         parts.append("'%s' using 1:3 with linespoints dashtype 2 title '%s p99'" % (path, NAMES[relay]))
     script.append("plot " + ", ".join(parts))
-    script.append("set title 'relay CPU (%% of one core)'")
+    script.append("set title 'relay CPU (% of one core)'")
     script.append("plot " + ", ".join("'%s' using 1:4 with linespoints title '%s'" % (p, NAMES[r])
                                       for r, p in files.items()))
     script.append("unset multiplot")

@@ -5,7 +5,7 @@
 # and motion on the same simulated camera streams, and prints one table. The
 # full run also writes it into docs/PERFORMANCE.md with docs/performance.png.
 #
-#   scripts/bench.sh           full run (about 20 minutes on 2 cores)
+#   scripts/bench.sh           full run (about 35 minutes on 2 cores)
 #   scripts/bench.sh --smoke   about 15 seconds: micro-benchmarks briefly,
 #                              the daemon and the reference relay once each;
 #                              documents untouched; exit status 1 when a relay
