@@ -1,0 +1,218 @@
+"""The daemon against a camera that breaks its stream in every way seen in
+the field, each fault repeated on several connections in a row. The daemon
+must keep running, reconnect at once after a failed read, back off
+(1, 2, 4, 8, 16, 16 s) only after failed starts, and hand the viewer the next
+good pictures whole."""
+
+import socket
+import struct
+import threading
+import time
+import unittest
+
+import reliability as r
+from reliability import MYIP, CAMERA_PORT, e2e
+
+
+def setUpModule():
+    e2e.setup_namespace()
+
+
+REPEATS = 3  # connections in a row that get the fault
+
+# A read that fails (GetData) is followed by a new connection at once; the
+# shortest back-off after a failed start is 1 s. The bound separates the two.
+IMMEDIATE = 0.9
+
+
+class FakeCamera:
+    """A camera that accepts and then misbehaves before any picture:
+    "silent" reads the request and never answers, "reset" answers the
+    connection with a TCP reset, "no-boundary" sends a multipart head
+    without a boundary, "status" answers 503. Records accept times."""
+
+    def __init__(self, mode):
+        self.mode = mode
+        self.accepts = []
+        self.held = []
+        self.lock = threading.Lock()
+        self.listener = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
+        self.listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        self.listener.bind((MYIP, CAMERA_PORT))
+        self.listener.listen(16)
+        self.thread = threading.Thread(target=self._serve, daemon=True)
+        self.thread.start()
+
+    def _serve(self):
+        while True:
+            try:
+                conn, _ = self.listener.accept()
+            except OSError:
+                return
+            with self.lock:
+                self.accepts.append(time.monotonic())
+            if self.mode == "reset":
+                conn.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+                conn.close()
+                continue
+            if self.mode == "silent":
+                self.held.append(conn)  # open, never answered
+                continue
+            conn.settimeout(5)
+            try:
+                conn.recv(4096)
+                if self.mode == "no-boundary":
+                    conn.sendall(b"HTTP/1.0 200 OK\r\nContent-Type: multipart/x-mixed-replace\r\n\r\n"
+                                 b"--myboundary\r\nContent-Type: image/jpeg\r\nContent-Length: 4\r\n\r\n"
+                                 b"\xff\xd8\xff\xd9\r\n")
+                else:
+                    conn.sendall(b"HTTP/1.0 503 Service Unavailable\r\nContent-Length: 0\r\n\r\n")
+            except OSError:
+                pass
+            conn.close()
+
+    def count(self):
+        with self.lock:
+            return len(self.accepts)
+
+    def gaps(self):
+        with self.lock:
+            return [b - a for a, b in zip(self.accepts, self.accepts[1:])]
+
+    def close(self):
+        self.listener.shutdown(socket.SHUT_RDWR)
+        self.listener.close()
+        self.thread.join(10)
+        for c in self.held:
+            c.close()
+        e2e.wait_for(lambda: not e2e.is_listening(MYIP, CAMERA_PORT), "the fake camera to close")
+
+
+def request_times(record):
+    return [int(t) / 1e6 for t in _t_us(record)]
+
+
+def _t_us(record):
+    import re
+    with open(record, "rb") as f:
+        return re.findall(rb"#REQUEST \d+ peer=\S+ t_us=(\d+) ", f.read())
+
+
+class CameraStreamFaultTest(r.ReliabilityCase):
+    def test_faults_inside_the_stream(self):
+        rows = [
+            # fault, extra options, note, and what follows the bad part:
+            # True a failed read (new connection at once), False the part
+            # is skipped on the same connection, None a failed start
+            # (back-off)
+            ("drop", [], True, "closed between pictures"),
+            ("truncate", [], True, "stream stops mid-part"),
+            ("reset", [], True, "TCP reset mid-part"),
+            ("wrong-length", [], True, "Content-Length 100 too large"),
+            ("wrong-length", ["--fault-arg", "-100"], True, "Content-Length 100 too small"),
+            ("no-length", [], True, "part without Content-Length"),
+            ("zero-length", [], False, "empty part"),
+            ("oversize", ["--fault-arg", "819200"], False, "part of 819,200 bytes"),
+            ("oversize", ["--fault-arg", "1048576"], True, "part of 1 MiB"),
+            ("stall", [], True, "camera stops sending (2 s read limit)"),
+            ("garbage-head", [], None, "head that is not HTTP"),
+            ("status", ["--fault-arg", "503"], None, "camera answers 503"),
+        ]
+        for fault, extra, read_fails, note in rows:
+            with self.subTest(fault, note=note):
+                self.run_fault(fault, extra, read_fails, note)
+
+    def run_fault(self, fault, extra, read_fails, note):
+        name = "cam-%s%s" % (fault, "".join(extra).replace("--fault-arg", ""))
+        _, rec = self.start_camsim("--fps", "25", "--fault", fault, "--fault-at", "4",
+                                   "--fault-connections", str(REPEATS), *extra, name=name)
+        camsim = self.children[-1]
+        pid = self.start_forking("1")
+        try:
+            before = self.usage(pid)
+            self.assertEqual(e2e.login().body, b"LOGIN_SUCCESS:1:\r\n")
+            if read_fails is not False:
+                # Every faulty connection is followed by a good one that
+                # is relayed: REPEATS + 1 requests, then good pictures.
+                e2e.wait_for(lambda: len(_t_us(rec)) > REPEATS,
+                             "%d camera connections" % (REPEATS + 1), limit=90.0)
+            seqs = self.pull(10)
+            # The bad part was the fourth: later ones came through.
+            self.assertGreater(seqs[-1], 4)
+            times = request_times(rec)[:REPEATS + 1]
+            gaps = [b - a for a, b in zip(times, times[1:])]
+            if read_fails is True and fault != "stall":
+                self.assertTrue(all(g < IMMEDIATE for g in gaps),
+                                "%s: reconnect gaps %s (a back-off where none belongs)" % (fault, gaps))
+            if read_fails is None:
+                self.assertTrue(all(g >= 0.9 for g in gaps),
+                                "%s: reconnect gaps %s (no back-off after a failed start)" % (fault, gaps))
+            self.assertEqual(e2e.logout().body, b"LOGOUT_SUCCESS:1:IMAGE\r\n")
+            faults = min(REPEATS, len(times))
+            self.finish(pid, "camera: " + note, faults, "survived; reconnected; next pictures whole",
+                        before, note="reconnect gaps %s s; %d pictures after" % (
+                            "/".join("%.2f" % g for g in gaps), len(seqs)))
+        finally:
+            self.stop_daemon(pid)
+            self.daemon_pids.remove(pid)
+            camsim.terminate()
+            camsim.wait(10)
+
+    def test_largest_picture_is_relayed_whole(self):
+        # One byte below the part limit is still a picture.
+        _, rec = self.start_camsim("--fps", "5", "--fault", "oversize", "--fault-arg", "819199",
+                                   "--fault-at", "3", name="cam-big")
+        pid = self.start_forking("1")
+        before = self.usage(pid)
+        self.assertEqual(e2e.login().body, b"LOGIN_SUCCESS:1:\r\n")
+
+        def big():
+            a = self.wait_picture()
+            return len(a.body) == 819199
+        e2e.wait_for(big, "the 819,199-byte picture", limit=60.0)
+        self.finish(pid, "camera: part of 819,199 bytes", 1, "relayed whole", before)
+
+
+class CameraStartFaultTest(r.ReliabilityCase):
+    def run_fake(self, mode, note, starts):
+        cam = FakeCamera(mode)
+        pid = self.start_forking("1")
+        try:
+            before = self.usage(pid)
+            self.assertEqual(e2e.login().body, b"LOGIN_SUCCESS:1:\r\n")
+            e2e.wait_for(lambda: cam.count() >= starts, "%d starts against the %s camera" % (starts, mode),
+                         limit=120.0)
+            gaps = cam.gaps()[:starts - 1]
+            self.assertEqual(e2e.get_image().body, b"ERROR_TRANSLATOR_RECEIVE:")
+            cam.close()
+            # A good camera comes back: the daemon finds it after its
+            # current back-off and relays.
+            self.start_camsim("--fps", "25", name="cam-good-" + mode)
+            self.pull(5, limit=120.0)
+            self.finish(pid, "camera: " + note, starts, "survived; backed off; pictures after recovery",
+                        before, note="start gaps %s s" % "/".join("%.1f" % g for g in gaps))
+            return gaps
+        finally:
+            if cam.listener.fileno() >= 0:
+                cam.close()
+
+    def test_backoff_after_failed_starts(self):
+        gaps = self.run_fake("status", "answers 503 to every start", 7)
+        for got, want in zip(gaps, (1, 2, 4, 8, 16, 16)):
+            self.assertGreaterEqual(got, want * 0.9, gaps)
+            self.assertLess(got, want + 5, gaps)
+
+    def test_camera_that_never_answers(self):
+        gaps = self.run_fake("silent", "accepts and never answers", 3)
+        # Each start waits out the 2 s read limit before its back-off.
+        self.assertTrue(all(g >= 2.9 for g in gaps), gaps)
+
+    def test_camera_that_resets(self):
+        self.run_fake("reset", "resets every connection", 3)
+
+    def test_head_without_boundary(self):
+        self.run_fake("no-boundary", "multipart head with no boundary", 3)
+
+
+if __name__ == "__main__":
+    unittest.main()

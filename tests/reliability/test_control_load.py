@@ -1,0 +1,189 @@
+"""The control port against clients that misbehave or crowd it: thousands of
+malformed and oversized requests, clients that connect and say nothing, more
+clients than control threads, viewers that vanish mid-picture and get_image
+storms while the camera streams. Every request is answered with its defined
+status or closed; the daemon keeps serving and gives back what it took."""
+
+import random
+import socket
+import struct
+import time
+import unittest
+
+import reliability as r
+from reliability import MYIP, CONTROL_PORT, e2e
+
+ROUNDS = 120  # malformed requests of each kind
+
+
+def setUpModule():
+    e2e.setup_namespace()
+
+
+def malformed(rng):
+    """Rows: (kind, request bytes, half-close after sending, allowed
+    answers; None = closed without an answer)."""
+    junk = bytes(rng.randrange(1, 256) for _ in range(rng.randrange(1, 400)))
+    word = "".join(rng.choice("ABCDEFGHIJKLMNOPQRSTUVWXYZ") for _ in range(rng.randrange(3, 9)))
+    long_path = "/" + "a" * rng.randrange(1000, 60000)
+    return [
+        ("binary garbage", junk.replace(b"\r\n\r\n", b"") + b"\r\n\r\n", False, {400, 415}),
+        ("unknown method", ("%s / HTTP/1.0\r\n\r\n" % word).encode(), False, {415}),
+        # Version numbers are read, not compared: any number pair is a
+        # request (here for an unknown path); a missing or overflowing one
+        # is a syntax error.
+        ("any version number", b"GET / HTTP/%d.%d\r\n\r\n" % (rng.randrange(2, 10), rng.randrange(10)),
+         False, {404}),
+        ("version not a number", b"GET / HTTP/%s.1\r\n\r\n" % rng.choice([b"x", b"", b"1" * 25]),
+         False, {400}),
+        ("no version", b"GET /ptippreimg.cgi\r\n\r\n", False, {400}),
+        ("header without colon", b"GET / HTTP/1.0\r\nHost localhost\r\n\r\n", False, {400}),
+        ("path above the root", b"GET /a/../../b HTTP/1.0\r\n\r\n", False, {400}),
+        ("long unknown path", ("GET %s HTTP/1.0\r\n\r\n" % long_path).encode(), False, {404}),
+        ("head over 64 KiB", b"GET / HTTP/1.0\r\nX: " + b"x" * rng.randrange(66000, 200000)
+         + b"\r\n\r\n", False, {413, None}),
+        ("many header lines", b"GET / HTTP/1.0\r\n" + b"".join(
+            b"X-%d: v\r\n" % i for i in range(rng.randrange(300, 3000))) + b"\r\n", False,
+         {400, 404, 413, None}),
+        ("NUL in a header", b"GET / HTTP/1.0\r\nX: a\0b\r\n\r\n", False, {400, 404}),
+        ("POST without length", b"POST /trcom.cgi HTTP/1.0\r\n\r\n", False, {411}),
+        ("POST length 0", b"POST /trcom.cgi HTTP/1.0\r\nContent-Length: 0\r\n\r\n", False, {411}),
+        ("POST length huge", b"POST /trcom.cgi HTTP/1.0\r\nContent-Length: %d\r\n\r\n"
+         % rng.choice([65536, 10 ** 9, 2 ** 31, 2 ** 63]), False, {411}),
+        ("POST length negative", b"POST /trcom.cgi HTTP/1.0\r\nContent-Length: -5\r\n\r\n",
+         False, {411}),
+        ("POST body cut short", b"POST /trcom.cgi HTTP/1.0\r\nContent-Length: 500\r\n\r\nabc",
+         True, {400, 408, None}),
+        ("PiPP part out of range", b"POST /trcom.cgi HTTP/1.0\r\nContent-Length: 4\r\nNumOfPart: 1\r\n"
+         b"Part_0_Offset: 9\r\nPart_0_Length: 1\r\n\r\na=bc", False, {400}),
+        ("head cut short", b"GET /ptippreimg.cgi?get_image=1 HTTP/1.0\r\nX: y", True, {400, None}),
+        ("bad query", b"GET /trcom.cgi?%%zz&=&&%s HTTP/1.0\r\n\r\n" % junk[:20].replace(b" ", b"")
+         .replace(b"\r", b"").replace(b"\n", b""), False, {200, 400}),
+        ("unknown user", b"GET /ptippreimg.cgi?get_image=1&img_user_id=%d HTTP/1.0\r\n\r\n"
+         % rng.randrange(2, 10 ** 6), False, {200}),
+    ]
+
+
+def connect_small_window(rcvbuf=4096):
+    """A control-port connection whose receive buffer is small, so that a
+    big picture is still being sent when the client goes away."""
+    for _ in range(50):
+        sock = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
+        sock.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, rcvbuf)
+        sock.settimeout(20)
+        try:
+            sock.bind((MYIP, 30000 + random.randrange(30000)))
+        except OSError:
+            sock.close()
+            continue
+        sock.connect((MYIP, CONTROL_PORT))
+        return sock
+    raise AssertionError("no free source port")
+
+
+class ControlPortLoadTest(r.ReliabilityCase):
+    def test_malformed_and_oversized_requests(self):
+        pid = self.start_streaming()
+        before = self.usage(pid)
+        rng = random.Random(11)
+        tally = r.Tally()
+        rows = [malformed(rng) for _ in range(ROUNDS)]
+        kinds = len(rows[0])
+
+        def client(i):
+            for round_rows in rows[i::4]:
+                for kind, raw, half_close, allowed in round_rows:
+                    status = r.status_of(r.raw_exchange(raw, shut_write=half_close))
+                    if status not in allowed:
+                        raise AssertionError("%s: answered %s, expected one of %s" % (kind, status, allowed))
+                    tally.add("closed" if status is None else str(status))
+        r.run_parallel(4, client)
+        self.assertEqual(tally.total(), ROUNDS * kinds)
+        self.pull(3)
+        self.finish(pid, "control: malformed and oversized requests (%d kinds)" % kinds, tally.total(),
+                    "answered as defined: " + tally.text(), before)
+
+    def test_silent_clients_are_closed(self):
+        pid = self.start_streaming()
+        before = self.usage(pid)
+        n = 2 * int(self.threads)  # twice as many as there are threads
+        socks = [e2e.connect(timeout=120) for _ in range(n)]
+        start = time.monotonic()
+        closed = []
+        for s in socks:
+            try:
+                data = e2e.read_until_close(s, 120)
+            except ConnectionResetError:
+                data = b""
+            closed.append(time.monotonic() - start)
+            s.close()
+            self.assertEqual(data, b"", "a silent client got an answer")
+        # Nobody is dropped before the 15 s read limit.
+        self.assertGreaterEqual(min(closed), 14.0, closed)
+        self.pull(3)
+        self.finish(pid, "control: clients that connect and send nothing", n,
+                    "closed without answer after the read limit", before,
+                    note="closed after %s s" % "/".join("%.0f" % c for c in closed))
+
+    def test_more_clients_than_threads(self):
+        pid = self.start_streaming()
+        before = self.usage(pid)
+        tally = r.Tally()
+
+        def client(i):
+            for _ in range(25):
+                if i % 2:
+                    a = e2e.trcom("p_name=TrCommunicate&p_version=1&command=reset_postterm")
+                    self.assertEqual(a.header("Query_Result"), "1:1")
+                    tally.add("trcom")
+                else:
+                    a = e2e.get_image()
+                    self.assertEqual(a.status, 200)
+                    tally.add("image" if a.header("Content-Type") == "image/jpeg" else "not yet")
+        r.run_parallel(20, client)
+        self.finish(pid, "control: 20 clients at once on %s threads" % self.threads, tally.total(),
+                    "all answered: " + tally.text(), before)
+
+    def test_viewer_gone_mid_picture(self):
+        pid = self.start_streaming(sizes=[700000], pictures=4)
+        before = self.usage(pid)
+        tally = r.Tally()
+        for i in range(60):
+            s = connect_small_window()
+            try:
+                s.sendall(b"GET /ptippreimg.cgi?get_image=1&img_user_id=1 HTTP/1.0\r\n\r\n")
+                head = s.recv(2048)
+                self.assertTrue(head.startswith(b"HTTP/1.0 200"), head[:100])
+                if i % 2:
+                    # a reset instead of an orderly close
+                    s.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+                tally.add("image" if b"image/jpeg" in head else "not yet")
+            finally:
+                s.close()
+        self.pull(3)
+        self.finish(pid, "control: viewer gone mid-picture (700 kB pictures)", 60,
+                    "later pictures whole: " + tally.text(), before)
+
+    def test_get_image_storm(self):
+        pid = self.start_streaming()
+        before = self.usage(pid)
+        tally = r.Tally()
+
+        def client(i):
+            for _ in range(250):
+                a = e2e.get_image()
+                if a.header("Content-Type") == "image/jpeg":
+                    e2e.split_stamp(a.body)
+                    self.assertEqual(a.body[:2], b"\xff\xd8")
+                    self.assertEqual(a.body[-2:], b"\xff\xd9")
+                    tally.add("image")
+                else:
+                    self.assertEqual(a.body, b"ERROR_TRANSLATOR_RECEIVE:")
+                    tally.add("not yet")
+        r.run_parallel(8, client)
+        self.finish(pid, "control: get_image storm, 8 clients while streaming", tally.total(),
+                    "pictures whole: " + tally.text(), before)
+
+
+if __name__ == "__main__":
+    unittest.main()
