@@ -5,6 +5,10 @@
 //             3: the same, whole and again cut in up to three pieces; the
 //                two runs must give the same answers
 //   bits 2-3  the reader's buffer size (256, 1024, 4096, 16384 bytes)
+//   bit 4     instead of all the above: the rest as parameters sent three
+//             ways, in a GET query, as a POST body and as the part of a
+//             POST body that the part headers point at (bits 5-7: bytes
+//             before the part); all three must give the same answer
 // The reader path covers POST bodies and their parameter part.
 #include <cstring>
 #include <string>
@@ -113,6 +117,50 @@ std::string ReadAll(const uint8_t* data, size_t size, int capacity, const std::v
     return log;
 }
 
+// One request through the reader: its code and, on success, the
+// parameters.
+std::string ReadOne(const std::string& request)
+{
+    const auto* bytes = reinterpret_cast<const uint8_t*>(request.data());
+    fuzz::Feed feed(bytes, request.size(), {});
+    HTTPRequestBuffer_Class req;
+    FUZZ_CHECK(req.Init(4096) == SUCCESS);
+    SockExitFlag exitFlag{0};
+    int rc = req.HttpRead(feed.reader(), 5000, &exitFlag);
+    feed.Done();
+    return std::to_string(rc) + "\n" + (rc == SUCCESS ? fuzz::Pairs(req.CGIParam.m_Params) : "");
+}
+
+void CompareParamCarriers(const uint8_t* data, size_t size, int before)
+{
+    const std::string text(reinterpret_cast<const char*>(data), size);
+    if (text.empty() || size > 1024) {
+        return;
+    }
+    for (unsigned char c : text) {
+        if (c <= ' ' || c >= 0x7f) {
+            return; // would end the request target (or the request line)
+        }
+    }
+    const std::string get = ReadOne("GET /a.cgi?" + text + " HTTP/1.1\r\n\r\n");
+    // Only texts that a request line can carry are compared.
+    if (get.compare(0, get.find('\n'), std::to_string(SUCCESS)) != 0 &&
+        get.compare(0, get.find('\n'), std::to_string(CGIPARAMS_SYNTAX_ERR)) != 0) {
+        return;
+    }
+    const std::string post = ReadOne("POST /a.cgi HTTP/1.1\r\nContent-Length: " + std::to_string(size) +
+                                     "\r\n\r\n" + text);
+    // Bytes around the part that would break the parameters if read.
+    const std::string body = std::string("&=?=&&=\r\n").substr(0, static_cast<size_t>(before)) + text + "=&=";
+    const std::string pipp = ReadOne("POST /a.cgi HTTP/1.1\r\nContent-Length: " + std::to_string(body.size()) +
+                                     "\r\nNumOfPart: 1\r\nPart_0_Offset: " + std::to_string(before) +
+                                     "\r\nPart_0_Length: " + std::to_string(size) + "\r\n\r\n" + body);
+    if (get != post || get != pipp) {
+        fprintf(stderr, "get:\n%s\npost:\n%s\npart:\n%s\n", get.c_str(), post.c_str(), pipp.c_str());
+    }
+    FUZZ_CHECK(get == post && get == pipp);
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
@@ -124,6 +172,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     data++;
     size--;
     const int capacity = 256 << (2 * ((sel >> 2) & 3));
+    if (sel & 0x10) {
+        CompareParamCarriers(data, size, sel >> 5);
+        return 0;
+    }
     switch (sel & 3) {
     case 0:
         ParseHead(data, size);
