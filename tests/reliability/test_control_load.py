@@ -4,6 +4,7 @@ clients than control threads, viewers that vanish mid-picture and get_image
 storms while the camera streams. Every request is answered with its defined
 status or closed; the daemon keeps serving and gives back what it took."""
 
+import os
 import random
 import socket
 import struct
@@ -124,6 +125,70 @@ class ControlPortLoadTest(r.ReliabilityCase):
         self.finish(pid, "control: clients that connect and send nothing", n,
                     "closed without answer after the read limit", before,
                     note="closed after %s s" % "/".join("%.0f" % c for c in closed))
+
+    def test_trickling_client_is_cut_off(self):
+        # The 15 s read limit counts the whole head, not each wait: a client
+        # sending a byte every half second cannot hold a thread for longer.
+        pid = self.start_streaming()
+        before = self.usage(pid)
+        head = b"GET /ptippreimg.cgi?get_image=1&img_user_id=1 HTTP/1.0\r\nX-Pad: " + b"p" * 200
+        results = []
+
+        def trickle(i):
+            s = e2e.connect(timeout=60)
+            start = time.monotonic()
+            sent = 0
+            try:
+                for b in head:
+                    s.send(bytes([b]))
+                    sent += 1
+                    # Waiting for the close is the pacing: a recv that
+                    # times out means the daemon still reads.
+                    s.settimeout(0.5)
+                    try:
+                        data = s.recv(4096)
+                    except socket.timeout:
+                        continue
+                    results.append((data, sent, time.monotonic() - start))
+                    return
+            except (BrokenPipeError, ConnectionResetError):
+                results.append((b"", sent, time.monotonic() - start))
+                return
+            finally:
+                s.close()
+            results.append((None, sent, time.monotonic() - start))
+        r.run_parallel(int(self.threads), trickle)
+        for data, sent, secs in results:
+            self.assertIsNotNone(data, "the daemon read %d bytes over %.0f s" % (sent, secs))
+            self.assertEqual(data, b"", "a cut-off head got an answer")
+        self.pull(3)
+        self.finish(pid, "control: clients trickling a byte every 0.5 s", len(results),
+                    "closed without answer after the read limit", before,
+                    note="closed after %s bytes" % "/".join(str(x[1]) for x in results))
+
+    def test_log_rotation_under_concurrent_writers(self):
+        # Every unknown path writes a log line; enough of them from several
+        # threads fill both log files more than once.
+        pid = self.start_streaming()
+        before = self.usage(pid)
+        tally = r.Tally()
+        n = 24000
+
+        def client(i):
+            for k in range(n // 4):
+                a = e2e.request("/no/such/page-%d-%d-%s" % (i, k, "q" * 200))
+                self.assertEqual(a.status, 404)
+                tally.add("404")
+        r.run_parallel(4, client)
+        sizes = []
+        for g in (0, 1):
+            p = self.path("log", "Ostrel_01_log%d.txt" % g)
+            self.assertTrue(os.path.exists(p), "log generation %d never written" % g)
+            sizes.append(os.path.getsize(p))
+            self.assertLess(sizes[-1], 1024 * 1024 + 4096, "log %d grew past its limit" % g)
+        self.finish(pid, "control: log files rotated by 4 writers", tally.total(),
+                    "both generations within 1 MiB, every line whole", before,
+                    note="log sizes %s bytes" % "/".join(map(str, sizes)))
 
     def test_more_clients_than_threads(self):
         pid = self.start_streaming()

@@ -1,0 +1,252 @@
+"""The daemon's life cycle under load: stopped by SIGTERM and by deleting its
+states file while pictures are being served, told notice_update while another
+process rewrites the configuration file under the shared semaphore, and
+started a second time while it runs. What it leaves behind must be whole."""
+
+import ctypes
+import os
+import random
+import signal
+import socket
+import threading
+import time
+import unittest
+
+import reliability as r
+from reliability import e2e
+
+STOPS = 3          # stops of each kind
+UPDATES = 200      # notice_update requests during the rewrites
+SECOND_STARTS = 20
+
+CONFIG_SEM_KEY = 3223110  # the configuration file's System V semaphore
+
+
+def setUpModule():
+    e2e.setup_namespace()
+
+
+class ConfigSemaphore:
+    """The configuration file's cross-process lock, taken the way the daemon
+    takes it (one semaphore of value 1, undone if the holder dies)."""
+
+    IPC_CREAT, IPC_EXCL, SETVAL, SEM_UNDO = 0o1000, 0o2000, 16, 0x1000
+
+    class SemBuf(ctypes.Structure):
+        _fields_ = [("sem_num", ctypes.c_ushort), ("sem_op", ctypes.c_short),
+                    ("sem_flg", ctypes.c_short)]
+
+    def __init__(self, key=CONFIG_SEM_KEY):
+        self.libc = ctypes.CDLL(None, use_errno=True)
+        semid = self.libc.semget(key, 1, self.IPC_CREAT | self.IPC_EXCL | 0o666)
+        if semid >= 0:
+            if self.libc.semctl(semid, 0, self.SETVAL, ctypes.c_int(1)) < 0:
+                raise OSError(ctypes.get_errno(), "semctl")
+        else:
+            semid = self.libc.semget(key, 1, 0o666)
+        if semid < 0:
+            raise OSError(ctypes.get_errno(), "semget")
+        self.semid = semid
+
+    def _op(self, delta):
+        op = self.SemBuf(0, delta, self.SEM_UNDO)
+        while self.libc.semop(self.semid, ctypes.byref(op), 1) < 0:
+            if ctypes.get_errno() != 4:  # EINTR
+                raise OSError(ctypes.get_errno(), "semop")
+
+    def __enter__(self):
+        self._op(-1)
+
+    def __exit__(self, *exc):
+        self._op(1)
+
+
+def connect_no_reading():
+    """A viewer connection with a small receive window that it never reads."""
+    for _ in range(50):
+        port = random.randrange(30000, 60000)
+        sock = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
+        sock.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
+        try:
+            sock.bind((e2e.MYIP, port))
+        except OSError:
+            sock.close()
+            continue
+        sock.connect((e2e.MYIP, e2e.CONTROL_PORT))
+        return sock
+    raise AssertionError("no free source port")
+
+
+def stalled_viewer():
+    """A viewer that asked for a picture, read its head and stopped reading:
+    the daemon is left sending the rest. None when no picture was there."""
+    sock = connect_no_reading()
+    sock.sendall(b"GET /ptippreimg.cgi?get_image=1&img_user_id=1 HTTP/1.0\r\n\r\n")
+    head = sock.recv(1024)
+    if b"image/jpeg" in head:
+        return sock
+    sock.close()
+    return None
+
+
+class ServingClients:
+    """Viewers pulling pictures until the daemon goes away; counts what they
+    got. A stop may cut a picture being sent: that ends in a close."""
+
+    def __init__(self, n):
+        self.tally = r.Tally()
+        self.stop = threading.Event()
+        self.started = threading.Barrier(n + 1)
+        self.threads = [threading.Thread(target=self._run) for _ in range(n)]
+        for t in self.threads:
+            t.start()
+        self.started.wait(30)
+
+    def _run(self):
+        self.started.wait(30)
+        while not self.stop.is_set():
+            try:
+                data = e2e.exchange(b"GET /ptippreimg.cgi?get_image=1&img_user_id=1 HTTP/1.0\r\n\r\n")
+            except ConnectionRefusedError:
+                self.tally.add("refused")
+                return
+            except OSError:
+                self.tally.add("reset")
+                continue
+            if not data:
+                self.tally.add("closed unanswered")
+                continue
+            try:
+                a = e2e.parse_answers(data)[0]
+            except AssertionError:
+                self.tally.add("cut by the stop")
+                continue
+            if a.header("Content-Type") == "image/jpeg":
+                e2e.split_stamp(a.body)
+                self.tally.add("image")
+            else:
+                self.tally.add("answered")
+
+    def join(self):
+        for t in self.threads:
+            t.join(120)
+        self.stop.set()
+
+
+class LifecycleTest(r.ReliabilityCase):
+    def stop_while_serving(self, how):
+        tally = r.Tally()
+        for _ in range(STOPS):
+            pid = self.start_streaming()
+            clients = ServingClients(4)
+            e2e.wait_for(lambda: clients.tally.counts.get("image", 0) >= 20, "pictures being served")
+            if how == "SIGTERM":
+                os.kill(pid, signal.SIGTERM)
+            else:
+                os.unlink(self.states_path())
+            self.wait_gone(pid)
+            self.daemon_pids.remove(pid)
+            clients.join()
+            tally.add("stopped")
+            for k, v in clients.tally.counts.items():
+                tally.add(k, v)
+            # Clean shutdown: the states file is gone, the pid file stays
+            # whole, the log ends on a whole line.
+            self.assertIsNone(self.read_states())
+            self.check_files(states_expected=False, stopped=True)
+            self.children[-1].terminate()
+            self.children[-1].wait(10)
+        r.record("life cycle: %s while pictures are served" % how, STOPS,
+                 "stopped cleanly; files whole; viewers: " + tally.text())
+
+    def test_sigterm_while_serving(self):
+        self.stop_while_serving("SIGTERM")
+
+    def test_states_file_deleted_while_serving(self):
+        self.stop_while_serving("states file deleted")
+
+    def test_stop_while_every_thread_is_blocked(self):
+        # Both control threads blocked: one reading a silent client, one
+        # sending a big picture to a viewer that does not read. A stop must
+        # interrupt them (well before the 15 s read limit) and must not free
+        # the frame memory under the send.
+        tally = r.Tally()
+        durations = []
+        for how in ("SIGTERM", "states file deleted") * 2:
+            pid = self.start_streaming(sizes=[700000], pictures=4)
+            stuck = e2e.wait_for(stalled_viewer, "a picture being sent to a stalled viewer")
+            silent = e2e.connect(timeout=60)
+            if how == "SIGTERM":
+                os.kill(pid, signal.SIGTERM)
+            else:
+                os.unlink(self.states_path())
+            start = time.monotonic()
+            self.wait_gone(pid)
+            took = time.monotonic() - start
+            self.daemon_pids.remove(pid)
+            # 5 s main-loop poll for the deleted file, 2 s per pool.
+            self.assertLess(took, 14.0, "%s took %.1f s: a blocked thread was not interrupted" % (how, took))
+            silent.close()
+            stuck.close()
+            self.check_files(states_expected=False, stopped=True)
+            self.children[-1].terminate()
+            self.children[-1].wait(10)
+            tally.add(how)
+            durations.append("%.1f" % took)
+        r.record("life cycle: stop while a thread reads a silent client and one sends to a stalled viewer",
+                 tally.total(), "stopped cleanly: " + tally.text(),
+                 note="stopped after %s s" % "/".join(durations))
+
+    def test_notice_update_while_config_rewritten(self):
+        pid = self.start_streaming()
+        before = self.usage(pid)
+        sem = ConfigSemaphore()
+        config = self.path("conf", "Config.txt")
+        with open(config) as f:
+            lines = f.read().splitlines(keepends=True)
+        done = threading.Event()
+        rewrites = r.Tally()
+
+        def rewrite():
+            # Truncate and write back line by line under the lock: a reader
+            # that skipped the lock would find the file empty or half there.
+            while not done.is_set():
+                with sem:
+                    with open(config, "w") as f:
+                        for line in lines:
+                            f.write(line)
+                            f.flush()
+                rewrites.add("rewrites")
+        writer = threading.Thread(target=rewrite)
+        writer.start()
+        try:
+            for _ in range(UPDATES):
+                a = e2e.trcom("p_name=TrCommunicate&p_version=1&command=notice_update")
+                self.assertEqual(a.header("Query_Result"), "1:1", a)
+        finally:
+            done.set()
+            writer.join(60)
+        self.pull(3)
+        self.finish(pid, "life cycle: notice_update while the config file is rewritten under its lock",
+                    UPDATES, "all 1:1; daemon kept running", before,
+                    note="%d rewrites meanwhile" % rewrites.total())
+
+    def test_second_start_refused(self):
+        pid = self.start_streaming()
+        before = self.usage(pid)
+        for i in range(SECOND_STARTS):
+            if i % 2:
+                out, _ = self.run_ostrel("-StartUp", "1")
+                self.assertEqual(out, e2e.launcher_answer(
+                    b"<Response>\n  <States>Err_AlreadyWorking</States>\n</Response>\n"))
+            else:
+                out, _ = self.run_ostrel("-StartUp_NonDeamon", "1")
+                self.assertIn(b"1 was alredy started.\n", out)
+        self.assertEqual(self.read_states()["ProcessId"], str(pid))
+        self.pull(3)
+        self.finish(pid, "life cycle: second start while running", SECOND_STARTS,
+                    "refused (Err_AlreadyWorking / already started); first daemon unaffected", before)
+
+
+if __name__ == "__main__":
+    unittest.main()
