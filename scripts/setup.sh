@@ -4,7 +4,7 @@
 set -eu
 
 # g++-multilib and googletest (its sources) are for the 32-bit build.
-pkgs="cmake g++ g++-multilib make ninja-build libgtest-dev googletest iproute2 nftables python3 util-linux"
+pkgs="cmake g++ g++-multilib clang libclang-rt-14-dev make ninja-build libgtest-dev googletest iproute2 nftables python3 util-linux"
 missing=""
 for p in $pkgs; do
     dpkg -s "$p" >/dev/null 2>&1 || missing="$missing $p"

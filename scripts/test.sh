@@ -8,12 +8,15 @@
 #                          UndefinedBehaviorSanitizer
 #   tsan     build-tsan/   ThreadSanitizer
 #   i386     build-i386/   32-bit x86 (g++ -m32, GoogleTest built from source)
+#   fuzz     build-fuzz/   every parser's libFuzzer target (clang, ASan, UBSan)
+#                          run from its seed corpus for OSTREL_FUZZ_SECONDS
+#                          (default 15) each
 #
-#   scripts/test.sh                            all four builds, in that order
+#   scripts/test.sh                            all five builds, in that order
 #   OSTREL_TEST_BUILDS="asan tsan" scripts/test.sh   only these builds
 #
 # Settings (environment): OSTREL_TEST_BUILDS (default "normal asan tsan
-# i386"), OSTREL_BUILD_DIR (build directory of the normal build and prefix
+# i386 fuzz"), OSTREL_BUILD_DIR (build directory of the normal build and prefix
 # of the others, default build), OSTREL_JOBS (compile jobs and parallel
 # tests, default: the number of processors).
 #
@@ -26,7 +29,7 @@ cd "$(dirname "$0")/.."
 root=$(pwd)
 scripts/setup.sh
 
-builds=${OSTREL_TEST_BUILDS:-normal asan tsan i386}
+builds=${OSTREL_TEST_BUILDS:-normal asan tsan i386 fuzz}
 base=${OSTREL_BUILD_DIR:-build}
 case $base in /*) ;; *) base=$root/$base ;; esac
 jobs=${OSTREL_JOBS:-$(nproc)}
@@ -76,7 +79,9 @@ for b in $builds; do
         asan)   run_build "$b" "$base-asan" -DOSTREL_SANITIZE=address ;;
         tsan)   run_build "$b" "$base-tsan" -DOSTREL_SANITIZE=thread ;;
         i386)   run_build "$b" "$base-i386" -DCMAKE_TOOLCHAIN_FILE="$root/cmake/i386-linux-gnu.cmake" ;;
-        *)      echo "test.sh: unknown build '$b' (normal, asan, tsan, i386)" >&2; false ;;
+        fuzz)   echo "== fuzz build in $root/build-fuzz"
+                scripts/fuzz.sh -t "${OSTREL_FUZZ_SECONDS:-15}" ;;
+        *)      echo "test.sh: unknown build '$b' (normal, asan, tsan, i386, fuzz)" >&2; false ;;
     esac && result=passed || result=FAILED
     [ "$result" = passed ] || status=1
     summary="$summary$(printf '%-7s %s in %d s' "$b" "$result" $(( $(date +%s) - start )))
