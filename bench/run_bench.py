@@ -127,8 +127,11 @@ class Consumer:
     LINE = re.compile(r"picture \d+ (?:seq=(\d+) )?bytes=(\d+)(?: latency_ms=([\d.]+))?")
 
     def __init__(self, argv):
+        # stdbuf preloads its library ahead of a sanitizer build's runtime.
+        env = dict(os.environ, ASAN_OPTIONS=(os.environ.get("ASAN_OPTIONS", "") +
+                                             ":verify_asan_link_order=0").lstrip(":"))
         self.proc = subprocess.Popen(["stdbuf", "-oL"] + argv, stdout=subprocess.PIPE,
-                                     stderr=subprocess.PIPE, text=True)
+                                     stderr=subprocess.PIPE, text=True, env=env)
         self.pictures = []  # (monotonic arrival, seq or None, latency ms or None)
         self.err = ""
         self.thread = threading.Thread(target=self._read, daemon=True)
@@ -463,6 +466,9 @@ def main():
     ap.add_argument("--no-channels", action="store_true")
     ap.add_argument("--no-ladder", action="store_true")
     a = ap.parse_args()
+    # A time limit (timeout(1)) ends the run through the cleanup paths, so
+    # no camera or relay is left behind.
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(143))
     b = Bench(a)
     data = {"runs": [], "ladders": [], "channels": None, "machine": machine(),
             "settings": {k: v for k, v in vars(a).items() if k not in ("source", "build", "work", "out")}}
