@@ -27,8 +27,8 @@ def med(vals):
     return median(vals) if vals else None
 
 
-def f(v, spec="%.1f"):
-    return "n/a" if v is None else spec % v
+def f(v, form="%.1f"):
+    return "n/a" if v is None else form % v
 
 
 def ratio(a, b):

@@ -435,8 +435,8 @@ def pct(sorted_vals, p):
     return sorted_vals[k]
 
 
-def fmt(v, spec="%.1f"):
-    return "n/a" if v is None else spec % v
+def fmt(v, form="%.1f"):
+    return "n/a" if v is None else form % v
 
 
 def log(msg):
