@@ -98,6 +98,160 @@ def _t_us(record):
         return re.findall(rb"#REQUEST \d+ peer=\S+ t_us=(\d+) ", f.read())
 
 
+def stamped_picture(seq, rng):
+    """A small JPEG-framed picture with the camera simulator's stamp."""
+    stamp = b"ostrel-stamp seq=%d t_us=%d" % (seq, int(time.time() * 1e6))
+    payload = rng.randbytes(rng.randrange(2000, 20000))
+    return (b"\xff\xd8" + b"\xff\xfe" + (len(stamp) + 2).to_bytes(2, "big") + stamp
+            + b"\xff\xfe" + (len(payload) + 2).to_bytes(2, "big") + payload + b"\xff\xd9")
+
+
+STREAM_HEAD = (b"HTTP/1.0 200 OK\r\nContent-Type: multipart/x-mixed-replace; boundary=myboundary\r\n"
+               b"\r\n")
+
+
+def good_part(picture):
+    return (b"--myboundary\r\nContent-Type: image/jpeg\r\nContent-Length: %d\r\n\r\n"
+            % len(picture) + picture + b"\r\n")
+
+
+class ScriptedCamera(FakeCamera):
+    """A camera streaming good parts at about 25 a second, with one bad part
+    (raw bytes) in place of the fourth on the first `faulty` connections.
+    Records the sequence numbers of the parts sent before each bad one."""
+
+    def __init__(self, bad, faulty, head=STREAM_HEAD):
+        self.bad, self.faulty, self.head = bad, faulty, head
+        self.seq = 0
+        self.bad_after = []
+        import random
+        self.rng = random.Random(5)
+        super().__init__("scripted")
+
+    def _serve(self):
+        while True:
+            try:
+                conn, _ = self.listener.accept()
+            except OSError:
+                return
+            with self.lock:
+                self.accepts.append(time.monotonic())
+                n = len(self.accepts)
+            threading.Thread(target=self._stream, args=(conn, n <= self.faulty), daemon=True).start()
+
+    def _stream(self, conn, faulty):
+        conn.settimeout(10)
+        try:
+            conn.recv(4096)
+            conn.sendall(self.head)
+            for part in range(1, 3000):
+                with self.lock:
+                    self.seq += 1
+                    seq = self.seq
+                    if faulty and part == 4:
+                        self.bad_after.append(seq)
+                if faulty and part == 4:
+                    conn.sendall(self.bad)
+                else:
+                    conn.sendall(good_part(stamped_picture(seq, self.rng)))
+                time.sleep(0.04)  # the camera's frame pace, not a synchronisation
+        except OSError:
+            pass
+        finally:
+            conn.close()
+
+
+class CameraScriptedStreamTest(r.ReliabilityCase):
+    def test_malformed_parts_and_heads(self):
+        part = b"--myboundary\r\nContent-Type: image/jpeg\r\n"
+        body = b"\xff\xd8" + b"z" * 3000 + b"\xff\xd9\r\n"
+        rows = [
+            # bad bytes in place of a part, note
+            (part + b"Content-Length: -5\r\n\r\n" + body, "negative Content-Length"),
+            (part + b"Content-Length: 99999999999999999999999\r\n\r\n" + body,
+             "Content-Length overflowing 64 bits"),
+            (part + b"Content-Length: 4294967297\r\n\r\n" + body, "Content-Length 2^32 + 1"),
+            (part + b"Content-Length: 12abc\r\n\r\n" + body, "Content-Length with letters"),
+            (part + b"Content-Length: 10\r\nContent-Length: 3000\r\n\r\n" + body,
+             "two Content-Length lines"),
+            (part + b"X-Junk: " + b"j" * 100000 + b"\r\nContent-Length: 3002\r\n\r\n" + body,
+             "part head line of 100 kB"),
+            (part + b"".join(b"X-%d: v\r\n" % i for i in range(600)) + b"Content-Length: 3002\r\n\r\n"
+             + body, "600 part head lines"),
+            (b"--otherboundary\r\nContent-Length: 3002\r\n\r\n" + body, "wrong boundary"),
+            (b"--myboundaryContent-Length: 3002\r\n\r\n" + body, "boundary without line end"),
+            (part.replace(b"Type", b"T\0pe") + b"Content-Length: 3002\r\n\r\n" + body,
+             "NUL in a part head"),
+            (bytes(range(256)) * 40, "binary bytes instead of a part"),
+        ]
+        for bad, note in rows:
+            with self.subTest(note):
+                self.run_scripted(bad, note)
+        heads = [
+            (b"HTTP/1.0 200 OK\r\nContent-Type: multipart/x-mixed-replace; boundary=\r\n\r\n",
+             "empty boundary"),
+            (b"HTTP/1.0 200 OK\r\nX-Junk: " + b"h" * 200000 + b"\r\n\r\n", "response head of 200 kB"),
+        ]
+        for head, note in heads:
+            with self.subTest(note):
+                self.run_scripted(b"", note, head=head, streams=False)
+        # Only 64 characters of a boundary are kept, and part heads are not
+        # compared with it: such a stream is read.
+        with self.subTest("boundary of 5,000 bytes"):
+            self.run_scripted(b"", "boundary of 5,000 bytes", head=STREAM_HEAD.replace(
+                b"boundary=myboundary", b"boundary=" + b"b" * 5000))
+
+    def run_scripted(self, bad, note, head=STREAM_HEAD, streams=True):
+        cam = ScriptedCamera(bad, REPEATS, head=head)
+        pid = self.start_forking("1")
+        try:
+            before = self.usage(pid)
+            self.assertEqual(e2e.login().body, b"LOGIN_SUCCESS:1:\r\n")
+            if not streams:
+                # Every connection gets the bad head: no picture may come,
+                # and the daemon must keep trying without harm.
+                e2e.wait_for(lambda: cam.count() >= REPEATS, "%d camera connections" % REPEATS, limit=60.0)
+                self.assertEqual(e2e.get_image().body, b"ERROR_TRANSLATOR_RECEIVE:")
+                outcome = "survived; no picture taken from a bad head"
+            else:
+                # The part head's first line is taken as the boundary line
+                # whatever it says, so some bad parts are read past on the
+                # same connection; others end it and the next connection
+                # gets the next bad part, up to REPEATS.
+                e2e.wait_for(lambda: cam.bad_after, "the bad part sent", limit=90.0)
+                deadline = time.monotonic() + 90
+                relayed_bad = 0
+                while True:
+                    a = e2e.get_image()
+                    if a.header("Content-Type") != "image/jpeg":
+                        self.assertEqual(a.body, b"ERROR_TRANSLATOR_RECEIVE:")
+                        self.assertLess(time.monotonic(), deadline, "no picture after the bad parts")
+                        continue
+                    try:
+                        seq = e2e.split_stamp(a.body)[0]
+                    except AssertionError:
+                        # A bad part that still reads as a part (its first
+                        # line is not checked) is relayed as it came.
+                        self.assertIn(a.body, bad)
+                        relayed_bad += 1
+                        continue
+                    with cam.lock:
+                        bad_seqs, connections = list(cam.bad_after), len(cam.accepts)
+                    if seq > bad_seqs[-1] and (len(bad_seqs) == REPEATS or connections == len(bad_seqs)):
+                        break
+                    self.assertLess(time.monotonic(), deadline, "no picture after the bad parts")
+                outcome = "survived; next pictures whole" + (
+                    "; the bad part relayed as sent" if relayed_bad else "")
+            self.assertEqual(e2e.logout().body, b"LOGOUT_SUCCESS:1:IMAGE\r\n")
+            bad = len(cam.bad_after) if streams else cam.count()
+            self.finish(pid, "camera: " + note, bad, outcome, before,
+                        note="%d camera connections" % cam.count())
+        finally:
+            self.stop_daemon(pid)
+            self.daemon_pids.remove(pid)
+            cam.close()
+
+
 class CameraStreamFaultTest(r.ReliabilityCase):
     def test_faults_inside_the_stream(self):
         rows = [

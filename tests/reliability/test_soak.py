@@ -18,7 +18,10 @@ def setUpModule():
 
 class SoakTest(r.ReliabilityCase):
     def test_stream_and_pull(self):
-        self.start_camsim("--fps", "25", pictures=16)
+        # The camera simulator's own generated pictures: real JPEGs, which
+        # the viewer decodes far enough to check their structure.
+        self.spawn([e2e.CAMSIM, "--listen", "%s:%d" % (MYIP, r.CAMERA_PORT), "--quiet", "--fps", "25"])
+        r.wait_for(lambda: e2e.is_listening(MYIP, r.CAMERA_PORT), "the camera simulator")
         pid = self.start_forking("1")
         viewer = [r.VIEWER, "--control", "%s:%d" % (MYIP, CONTROL_PORT), "--bind", MYIP + ":40000",
                   "--quiet"]
