@@ -229,6 +229,50 @@ class ControlPortLoadTest(r.ReliabilityCase):
         self.finish(pid, "control: viewer gone mid-picture (700 kB pictures)", 60,
                     "later pictures whole: " + tally.text(), before)
 
+    def test_login_logout_churn(self):
+        # Each login opens the camera stream and each logout closes it, with
+        # a frame half written: the camera thread starts, stops and cancels
+        # over and over while other clients pull.
+        pid = self.start_streaming()
+        before = self.usage(pid)
+        tally = r.Tally()
+
+        def client(i):
+            for _ in range(60):
+                self.assertEqual(e2e.login().body, b"LOGIN_SUCCESS:1:\r\n")
+                a = e2e.get_image()
+                tally.add("image" if a.header("Content-Type") == "image/jpeg" else "not yet")
+                self.assertEqual(e2e.logout().body, b"LOGOUT_SUCCESS:1:IMAGE\r\n")
+                tally.add("logins")
+        r.run_parallel(4, client)
+        # Logged out: the camera connection is closed again.
+        self.settle(pid, (before[0] - 1, before[1]), "the last logout")
+        self.assertEqual(e2e.login().body, b"LOGIN_SUCCESS:1:\r\n")
+        self.pull(3)
+        self.finish(pid, "control: login/logout churn, 4 clients while streaming", tally.total(),
+                    "survived; stream reopened: " + tally.text(), before)
+
+    def test_notice_update_storm_while_streaming(self):
+        # Every notice_update re-reads the file and makes the camera thread
+        # drop its stream and reconnect.
+        pid = self.start_streaming()
+        before = self.usage(pid)
+        tally = r.Tally()
+
+        def client(i):
+            for _ in range(100):
+                if i % 2:
+                    a = e2e.trcom("p_name=TrCommunicate&p_version=1&command=notice_update")
+                    self.assertEqual(a.header("Query_Result"), "1:1")
+                    tally.add("notice_update")
+                else:
+                    a = e2e.get_image()
+                    tally.add("image" if a.header("Content-Type") == "image/jpeg" else "not yet")
+        r.run_parallel(4, client)
+        self.pull(3)
+        self.finish(pid, "control: notice_update storm while streaming", tally.total(),
+                    "all 1:1; pictures after: " + tally.text(), before)
+
     def test_get_image_storm(self):
         pid = self.start_streaming()
         before = self.usage(pid)
