@@ -337,7 +337,10 @@ int Sock_Recv_OneBlock(int fd, void* buf, int len, int* got, int timeout_ms, int
     errno = 0;
     const ssize_t r = recv(fd, buf, static_cast<size_t>(len < 0 ? 0 : len), flags);
     const int err = errno;
-    if (r >= 0 && err == 0) {
+    // A result that is not negative is a successful receive whatever errno
+    // holds: errno is only meaningful after a failure, and a signal handler
+    // or a sanitizer's interceptor may leave a stale value behind a success.
+    if (r >= 0) {
         if (got != nullptr) {
             *got = static_cast<int>(r);
         }
