@@ -44,6 +44,9 @@ def main():
     p("file must parse as XML, the pid file hold only digits, and the log lines carry whole")
     p("time stamps with no two writes interleaved.")
     p()
+    p("Regenerate with `scripts/reliability.sh [--soak-minutes N]` (default 10); the logs of")
+    p("each test file stay in run/reliability/.")
+    p()
     p("Run of %s UTC on this machine (%s, %d cores, %s), commit %s, %s build, soak of %s min; "
       "%d s in all." % (time.strftime("%Y-%m-%d %H:%M", time.gmtime()), platform.platform(),
                         os.cpu_count() or 0, platform.python_implementation() + " " +
