@@ -197,6 +197,25 @@ class LifecycleTest(r.ReliabilityCase):
                  tally.total(), "stopped cleanly: " + tally.text(),
                  note="stopped after %s s" % "/".join(durations))
 
+    def test_stop_during_camera_back_off(self):
+        # No camera at all: the camera thread sleeps ever longer between
+        # starts (up to 16 s). A stop during that sleep must still be quick
+        # and orderly.
+        pid = self.start_forking("1")
+        self.assertEqual(e2e.login().body, b"LOGIN_SUCCESS:1:\r\n")
+        # The fifth failed start is followed by the 16 s sleep.
+        e2e.wait_for(lambda: self.log_text().count("obAXISJPEGMultiPart.Start failed") >= 5,
+                     "five failed starts", limit=120.0)
+        os.kill(pid, signal.SIGTERM)
+        start = time.monotonic()
+        self.wait_gone(pid)
+        took = time.monotonic() - start
+        self.daemon_pids.remove(pid)
+        self.assertLess(took, 14.0, "the stop waited %.1f s for the back-off" % took)
+        self.check_files(states_expected=False, stopped=True)
+        r.record("life cycle: SIGTERM while the camera thread backs off 16 s", 1,
+                 "stopped cleanly", note="stopped after %.1f s" % took)
+
     def test_notice_update_while_config_rewritten(self):
         pid = self.start_streaming()
         before = self.usage(pid)
