@@ -245,7 +245,7 @@ class CameraScriptedStreamTest(r.ReliabilityCase):
             self.assertEqual(e2e.logout().body, b"LOGOUT_SUCCESS:1:IMAGE\r\n")
             bad = len(cam.bad_after) if streams else cam.count()
             self.finish(pid, "camera: " + note, bad, outcome, before,
-                        note="%d camera connections" % cam.count())
+                        note="camera connections: %d" % cam.count())
         finally:
             self.stop_daemon(pid)
             self.daemon_pids.remove(pid)
@@ -303,9 +303,18 @@ class CameraStreamFaultTest(r.ReliabilityCase):
                                 "%s: reconnect gaps %s (no back-off after a failed start)" % (fault, gaps))
             self.assertEqual(e2e.logout().body, b"LOGOUT_SUCCESS:1:IMAGE\r\n")
             faults = min(REPEATS, len(times))
-            self.finish(pid, "camera: " + note, faults, "survived; reconnected; next pictures whole",
-                        before, note="reconnect gaps %s s; %d pictures after" % (
-                            "/".join("%.2f" % g for g in gaps), len(seqs)))
+            if len(times) == 1:
+                what = "part skipped, same connection"
+            elif all(g < IMMEDIATE for g in gaps):
+                what = "reconnected at once"
+            elif fault == "stall":
+                what = "reconnected after the read limit"
+            else:
+                what = "reconnected after back-off"
+            self.finish(pid, "camera: " + note, faults, "survived; %s; next pictures whole" % what,
+                        before, note="%s%d pictures after" % (
+                            "reconnect gaps %s s; " % "/".join("%.2f" % g for g in gaps) if gaps else "",
+                            len(seqs)))
         finally:
             self.stop_daemon(pid)
             self.daemon_pids.remove(pid)
