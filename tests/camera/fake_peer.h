@@ -6,25 +6,27 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
 #include <functional>
+#include <map>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
-// A small threaded TCP server standing in for a camera or the schedule
-// server. Each accepted connection gets a thread that reads the request head
-// (up to the blank line), records it and hands the socket to the handler.
-// The destructor ends every connection and joins all threads.
+// A threaded TCP server standing in for a camera or the schedule server: each
+// connection's request head is recorded, then the socket goes to the handler.
 class FakePeer {
 public:
-    // Handler: fd, request head, connection number (1-based). It returns
-    // when it is done with the connection; the server then closes it.
+    // Handler: fd, request head, connection number (1-based).
     using Handler = std::function<void(int fd, const std::string& request, int connNo)>;
 
     FakePeer(const char* ip, int port, Handler handler) : m_handler(std::move(handler))
@@ -63,9 +65,6 @@ public:
         }
         close(m_listen);
     }
-
-    FakePeer(const FakePeer&) = delete;
-    FakePeer& operator=(const FakePeer&) = delete;
 
     int Port() const { return m_port; }
     int Connections() const { return m_connections.load(); }
@@ -146,8 +145,7 @@ inline void DrainUntilClosed(int fd)
     }
 }
 
-// Polls pred until it holds or timeoutMs pass; the test's bound, never its
-// synchronisation.
+// Polls pred until it holds or timeoutMs pass.
 inline bool WaitUntil(const std::function<bool()>& pred, int timeoutMs = 20000)
 {
     auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
@@ -160,7 +158,6 @@ inline bool WaitUntil(const std::function<bool()>& pred, int timeoutMs = 20000)
     return true;
 }
 
-// The camera's stream: response head and part framing.
 inline std::string StreamHead()
 {
     return "HTTP/1.0 200 OK\r\nContent-Type: multipart/x-mixed-replace; boundary=myboundary\r\n\r\n";
@@ -171,28 +168,66 @@ inline std::string PartHead(size_t length)
     return "--myboundary\r\nContent-Type: image/jpeg\r\nContent-Length: " + std::to_string(length) + "\r\n\r\n";
 }
 
-// Picture number seq: its length depends on seq, its first 8 bytes carry
-// seq, and every byte depends on seq and position, so a picture that was
-// cut, shifted or mixed with another is caught.
+// Picture number seq: every byte depends on seq and position, so a picture
+// that was cut, shifted or mixed with another is caught.
 inline std::string Picture(uint64_t seq, size_t length)
 {
     std::string p(length, '\0');
     for (size_t i = 0; i < length; i++) {
         p[i] = static_cast<char>((seq * 131 + i * 7 + (i >> 8)) & 0xff);
     }
-    for (size_t i = 0; i < 8 && i < length; i++) {
-        p[i] = static_cast<char>((seq >> (8 * i)) & 0xff);
-    }
     return p;
 }
 
-inline uint64_t PictureSeq(const char* data)
+// A test run in a fresh working directory holding conf/, removed afterwards,
+// with helpers writing channel settings to conf/Config.txt.
+using Keys = std::map<std::string, std::string>;
+const char* const kMissing = "\x01missing"; // a value that leaves its key out
+
+inline Keys ValidChannelKeys()
 {
-    uint64_t seq = 0;
-    for (int i = 7; i >= 0; i--) {
-        seq = (seq << 8) | static_cast<unsigned char>(data[i]);
-    }
-    return seq;
+    return {
+        {"translator_tarndatatype", "ostrel"}, {"encoder_ip", "10.0.0.7"},
+        {"encoder_port", "8080"}, {"translator_connect_ip", "10.0.0.9"},
+        {"translator_connect_port", "9001"}, {"translator_connect_camerano", "2"},
+        {"channel_authentic_switch", "1"}, {"channel_authentic_user_id", "root"},
+        {"channel_authentic_user_password", "pass word"}, {"translator_calarm_rec_postterm", "30"},
+    };
 }
+
+class ConfDirTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        ASSERT_NE(getcwd(m_oldCwd, sizeof m_oldCwd), nullptr);
+        char tmpl[] = "/tmp/ostrel_cameraXXXXXX";
+        ASSERT_NE(mkdtemp(tmpl), nullptr);
+        m_dir = tmpl;
+        ASSERT_EQ(chdir(m_dir.c_str()), 0);
+        ASSERT_EQ(mkdir("conf", 0777), 0);
+    }
+    void TearDown() override
+    {
+        ASSERT_EQ(chdir(m_oldCwd), 0);
+        ASSERT_EQ(system(("rm -rf '" + m_dir + "'").c_str()), 0);
+    }
+    static void WriteChannels(const std::map<int, Keys>& channels)
+    {
+        std::ofstream out("conf/Config.txt", std::ios::trunc);
+        out << "# channel settings\n";
+        for (const auto& ch : channels) {
+            char suffix[8];
+            snprintf(suffix, sizeof suffix, "_%04d", ch.first);
+            for (const auto& kv : ch.second) {
+                if (kv.second != kMissing) {
+                    out << kv.first << suffix << "=" << kv.second << "\n";
+                }
+            }
+        }
+    }
+
+    char m_oldCwd[4096];
+    std::string m_dir;
+};
 
 #endif

@@ -31,7 +31,6 @@ class ScheduleClientTest : public ::testing::Test {
 protected:
     void SetUp() override { saved_ = g_channelNum.load(); }
     void TearDown() override { g_channelNum.store(saved_); }
-
     void Prepare(CClient_ScheduleServer& client, int port)
     {
         ASSERT_EQ(client.Initialize(256), SUCCESS);
@@ -40,50 +39,36 @@ protected:
         ASSERT_EQ(client.SetMyself("127.0.0.1"), SUCCESS);
         ASSERT_EQ(client.SetTarget("127.0.0.1", port), SUCCESS);
     }
-
     SockExitFlag exitFlag_{0};
     int saved_ = 0;
 };
 
-TEST_F(ScheduleClientTest, StopRequestNamesTheChannelUnpadded)
-{
-    AnsweringServer server(Answer("HTTP/1.0 200 OK", "OK"));
-    CClient_ScheduleServer client;
-    Prepare(client, server.peer.Port());
-    const int channels[] = {3, 12, 0};
-    for (int ch : channels) {
-        g_channelNum.store(ch);
-        ASSERT_EQ(client.SendStop(), SUCCESS) << ch;
-    }
-    const std::string stem =
-        "GET /cgi-bin/scheduleServer.cgi?p_name=StorageSchedule&p_version=1&command=stop_urgent_storage_wpp_ch"
-        "&channel_no=";
-    ASSERT_TRUE(WaitUntil([&] { return server.peer.Requests().size() == 3; }));
-    const auto requests = server.peer.Requests();
-    EXPECT_EQ(requests[0], stem + "3 HTTP/1.0\r\nUser-Agent: Tarnmoor\r\n\r\n");
-    EXPECT_EQ(requests[1], stem + "12 HTTP/1.0\r\nUser-Agent: Tarnmoor\r\n\r\n");
-    EXPECT_EQ(requests[2], stem + "0 HTTP/1.0\r\nUser-Agent: Tarnmoor\r\n\r\n");
-    EXPECT_EQ(server.peer.Connections(), 3) << "each stop uses a connection of its own";
-}
-
-TEST_F(ScheduleClientTest, AnswerRules)
+// Each row's stop names its channel unpadded and gets the row's answer.
+TEST_F(ScheduleClientTest, StopRequestAndAnswerRules)
 {
     struct Row {
+        int channel;
         std::string response;
         int code;
         const char* note;
     } rows[] = {
-        {Answer("HTTP/1.0 200 OK", std::string(1024, 'x')), SUCCESS, "a body of 1024 bytes fits"},
-        {Answer("HTTP/1.0 200 OK", std::string(1025, 'x')), DATASIZE_LARGE, "one byte more does not"},
-        {Answer("HTTP/1.1 200 OK", "<html>stopped</html>"), SUCCESS, "the body is not interpreted"},
-        {Answer("HTTP/1.0 404 Not Found", "no"), HTTP_INVALID_SYNTAX, "only status 200 is an answer"},
+        {3, Answer("HTTP/1.0 200 OK", std::string(1024, 'x')), SUCCESS, "a body of 1024 bytes fits"},
+        {12, Answer("HTTP/1.0 200 OK", std::string(1025, 'x')), DATASIZE_LARGE, "one byte more does not"},
+        {0, Answer("HTTP/1.1 200 OK", "<html>stopped</html>"), SUCCESS, "the body is not interpreted"},
+        {7, Answer("HTTP/1.0 404 Not Found", "no"), HTTP_INVALID_SYNTAX, "only status 200 is an answer"},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.note);
         AnsweringServer server(row.response);
         CClient_ScheduleServer client;
         Prepare(client, server.peer.Port());
+        g_channelNum.store(row.channel);
         EXPECT_EQ(client.SendStop(), row.code);
+        ASSERT_EQ(server.peer.Requests().size(), 1u);
+        EXPECT_EQ(server.peer.Requests()[0], "GET /cgi-bin/scheduleServer.cgi?p_name=StorageSchedule&p_version=1"
+                                             "&command=stop_urgent_storage_wpp_ch&channel_no=" +
+                                                 std::to_string(row.channel) +
+                                                 " HTTP/1.0\r\nUser-Agent: Tarnmoor\r\n\r\n");
     }
 }
 
