@@ -29,62 +29,60 @@ void format_tm(char* out, size_t size, const char* fmt, const struct tm& tmv)
     }
 }
 
+// What follows the calendar text: nothing, "(ms)" or " [us (us)]".
+enum class Suffix { none, msec, usec };
+
+// The common body of the GetTimeStr_* family: the time (or now) broken down
+// in local time or UTC, formatted, then cut into the caller's buffer.
+int format_time(char* buf, int size, const timeval* tv, bool utc, const char* fmt, Suffix suffix)
+{
+    if (buf == nullptr || size <= 0) {
+        return DEBUG_WARNING;
+    }
+    timeval t = time_or_now(tv);
+    struct tm tmv;
+    if (utc) {
+        gmtime_r(&t.tv_sec, &tmv);
+    } else {
+        localtime_r(&t.tv_sec, &tmv);
+    }
+    char text[512];
+    format_tm(text, sizeof text, fmt, tmv);
+    size_t n = static_cast<size_t>(size);
+    switch (suffix) {
+    case Suffix::none:
+        snprintf(buf, n, "%s", text);
+        break;
+    case Suffix::msec:
+        snprintf(buf, n, "%s(%ld)", text, static_cast<long>(t.tv_usec / 1000));
+        break;
+    case Suffix::usec:
+        snprintf(buf, n, "%s [%ld (us)]", text, static_cast<long>(t.tv_usec));
+        break;
+    }
+    return SUCCESS;
+}
+
 }  // namespace
 
 int GetTimeStr_Easy(char* buf, int size, const timeval* tv, DbPrintf_Class* /*pDB*/)
 {
-    if (buf == nullptr || size <= 0) {
-        return DEBUG_WARNING;
-    }
-    timeval t = time_or_now(tv);
-    struct tm tmv;
-    localtime_r(&t.tv_sec, &tmv);
-    char text[512];
-    format_tm(text, sizeof text, "%Y/%m/%d %H:%M:%S", tmv);
-    snprintf(buf, static_cast<size_t>(size), "%s", text);
-    return SUCCESS;
+    return format_time(buf, size, tv, false, "%Y/%m/%d %H:%M:%S", Suffix::none);
 }
 
 int GetTimeStr_DumpLog(char* buf, int size, const timeval* tv, DbPrintf_Class* /*pDB*/)
 {
-    if (buf == nullptr || size <= 0) {
-        return DEBUG_WARNING;
-    }
-    timeval t = time_or_now(tv);
-    struct tm tmv;
-    localtime_r(&t.tv_sec, &tmv);
-    char text[512];
-    format_tm(text, sizeof text, "%Y/%m/%d %H:%M:%S", tmv);
-    snprintf(buf, static_cast<size_t>(size), "%s(%ld)", text, static_cast<long>(t.tv_usec / 1000));
-    return SUCCESS;
+    return format_time(buf, size, tv, false, "%Y/%m/%d %H:%M:%S", Suffix::msec);
 }
 
 int GetTimeStr_Log(char* buf, int size, const timeval* tv, DbPrintf_Class* /*pDB*/)
 {
-    if (buf == nullptr || size <= 0) {
-        return DEBUG_WARNING;
-    }
-    timeval t = time_or_now(tv);
-    struct tm tmv;
-    localtime_r(&t.tv_sec, &tmv);
-    char text[512];
-    format_tm(text, sizeof text, "%Y/%m/%d (%a) %H:%M:%S", tmv);
-    snprintf(buf, static_cast<size_t>(size), "%s [%ld (us)]", text, static_cast<long>(t.tv_usec));
-    return SUCCESS;
+    return format_time(buf, size, tv, false, "%Y/%m/%d (%a) %H:%M:%S", Suffix::usec);
 }
 
 int GetTimeStr_Http(char* buf, int size, const timeval* tv, DbPrintf_Class* /*pDB*/)
 {
-    if (buf == nullptr || size <= 0) {
-        return DEBUG_WARNING;
-    }
-    timeval t = time_or_now(tv);
-    struct tm tmv;
-    gmtime_r(&t.tv_sec, &tmv);
-    char text[512];
-    format_tm(text, sizeof text, "%a, %d %b %Y %H:%M:%S GMT", tmv);
-    snprintf(buf, static_cast<size_t>(size), "%s", text);
-    return SUCCESS;
+    return format_time(buf, size, tv, true, "%a, %d %b %Y %H:%M:%S GMT", Suffix::none);
 }
 
 int UsecSleep(long long usec, DbPrintf_Class* /*pDB*/)
