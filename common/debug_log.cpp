@@ -389,26 +389,32 @@ void depth_down(std::atomic<int>& depth)
 
 }  // namespace
 
-int DbPrintf_Class::DbPrintfRtn(int level, const char* fmt, ...)
+int DbPrintf_Class::RtnP(int level, bool lock, const char* ending, const char* fmt, va_list ap)
 {
     if ((level & kFuncBit) == 0) {
         depth_down(m_nDepth);
         return SUCCESS;
     }
     FILE* fp;
-    int rc = BeginWrite(&fp, true);
+    int rc = BeginWrite(&fp, lock);
     if (rc == SUCCESS && fp != nullptr) {
         write_tabs(fp, GetDepth());
     }
     depth_down(m_nDepth);
     if (rc == SUCCESS && fp != nullptr) {
-        va_list ap;
-        va_start(ap, fmt);
         vfprintf(fp, fmt, ap);
-        va_end(ap);
-        fputs("\n\n", fp);
+        fputs(ending, fp);
     }
-    EndWrite(fp, true);
+    EndWrite(fp, lock);
+    return rc;
+}
+
+int DbPrintf_Class::DbPrintfRtn(int level, const char* fmt, ...)
+{
+    va_list ap;
+    va_start(ap, fmt);
+    int rc = RtnP(level, true, "\n\n", fmt, ap);
+    va_end(ap);
     return rc;
 }
 
@@ -418,24 +424,10 @@ int DbPrintf_Class::DbPrintfRtn(int level, const char* fmt, ...)
 // state touched is atomic.
 int DbPrintf_Class::DbPrintfErrRtn(int level, const char* fmt, ...)
 {
-    if ((level & kFuncBit) == 0) {
-        depth_down(m_nDepth);
-        return SUCCESS;
-    }
-    FILE* fp;
-    int rc = BeginWrite(&fp, false);
-    if (rc == SUCCESS && fp != nullptr) {
-        write_tabs(fp, GetDepth());
-    }
-    depth_down(m_nDepth);
-    if (rc == SUCCESS && fp != nullptr) {
-        va_list ap;
-        va_start(ap, fmt);
-        vfprintf(fp, fmt, ap);
-        va_end(ap);
-        fputs(" -!Err!- \n", fp);
-    }
-    EndWrite(fp, false);
+    va_list ap;
+    va_start(ap, fmt);
+    int rc = RtnP(level, false, " -!Err!- \n", fmt, ap);
+    va_end(ap);
     return rc;
 }
 

@@ -83,6 +83,10 @@ private:
     // always calls EndWrite with the same lock flag.
     int BeginWrite(FILE** fp, bool lock);
     void EndWrite(FILE* fp, bool lock);
+    // The body of DbPrintfRtn (lock set, ending "\n\n") and DbPrintfErrRtn
+    // (no lock, ending " -!Err!- \n"): one depth step down, the text at the
+    // depth it had, then the ending.
+    int RtnP(int level, bool lock, const char* ending, const char* fmt, va_list ap);
 
     char* m_pFileName = nullptr;
     FILE* m_pStream = nullptr;  // mode 0 only; modes 1 to 3 open per write
