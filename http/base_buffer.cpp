@@ -121,6 +121,22 @@ void HTTPBaseBuffer_Class::SetFailure(int status, const char* text)
     snprintf(m_strError, sizeof m_strError, "%s", text);
 }
 
+int HTTPBaseBuffer_Class::HeadReadFailed(int rc)
+{
+    if (rc == SOCK_TIMEOUT) {
+        SetFailure(408, "HTTP header read faild.");
+        return SOCK_TIMEOUT;
+    }
+    SetFailure(rc == DATA_LARGE_THEN_BUF ? 413 : 400, "HTTP header read faild.");
+    return HTTP_HEADER_READ_FAILD;
+}
+
+int HTTPBaseBuffer_Class::BodyReadFailed(int rc)
+{
+    SetFailure(rc == SOCK_TIMEOUT ? 408 : 400, "HTTP body read faild.");
+    return HTTP_BODY_READ_FAILD;
+}
+
 int HTTPBaseBuffer_Class::HttpRead_Header(int fd, int timeout_ms, SockExitFlag* exitFlag, DbPrintf_Class* pDB)
 {
     return ReadHead(fd, timeout_ms, exitFlag, false, pDB);

@@ -104,6 +104,13 @@ protected:
     int ReadHead(int fd, int timeout_ms, SockExitFlag* exitFlag, bool skipLeadingLineEnds, DbPrintf_Class* pDB);
     // Status and error text of a failed step, for the derived readers.
     void SetFailure(int status, const char* text);
+    // A failed head read (rc from HttpRead_Header or ReadHead) as the readers
+    // report it: SOCK_TIMEOUT stays (status 408); anything else becomes
+    // HTTP_HEADER_READ_FAILD (413 when the head did not fit, else 400).
+    int HeadReadFailed(int rc);
+    // A failed body read: HTTP_BODY_READ_FAILD, status 408 for SOCK_TIMEOUT
+    // (HttpRead_Body never passes one through, so 400 in practice).
+    int BodyReadFailed(int rc);
     // ResetBuf, falling back to ClearBuf when the counters were left
     // inconsistent (a body cut short by the peer): the buffer never stays
     // stuck.

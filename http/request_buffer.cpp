@@ -21,12 +21,7 @@ int HTTPRequestBuffer_Class::HttpRead(int fd, int timeout_ms, SockExitFlag* exit
     int rc = HttpRead_Header(fd, timeout_ms, exitFlag, pDB);
     if (rc != SUCCESS) {
         TimePrint(pDB, 1, "[HTTPRequestBuffer_Class::HttpRead()] HttpRead_Header(sockfd %d) failed ::%d\n", fd, rc);
-        if (rc == SOCK_TIMEOUT) {
-            SetFailure(408, "HTTP header read faild.");
-            return SOCK_TIMEOUT;
-        }
-        SetFailure(rc == DATA_LARGE_THEN_BUF ? 413 : 400, "HTTP header read faild.");
-        return HTTP_HEADER_READ_FAILD;
+        return HeadReadFailed(rc);
     }
 
     rc = Parser.Parsing(m_pBuffer + m_nHeaderStart, m_nHeaderLength, pDB);
@@ -75,8 +70,7 @@ int HTTPRequestBuffer_Class::ReadPostParams(int fd, int timeout_ms, SockExitFlag
         TimePrint(pDB, 1,
                   "[HTTPRequestBuffer_Class::HttpRead()] HttpRead_Body(sockfd %d,ContentLength %d) failed ::%d\n", fd,
                   m_nContentLength, rc);
-        SetFailure(rc == SOCK_TIMEOUT ? 408 : 400, "HTTP body read faild.");
-        return HTTP_BODY_READ_FAILD;
+        return BodyReadFailed(rc);
     }
 
     const unsigned char* body = m_pBuffer + m_nBodyStart;

@@ -20,12 +20,7 @@ int HTTPResponseBuffer_Class::HttpRead(int fd, int timeout_ms, SockExitFlag* exi
     int rc = HttpRead_Header(fd, timeout_ms, exitFlag, pDB);
     if (rc != SUCCESS) {
         TimePrint(pDB, 1, "[HTTPResponseBuffer_Class::HttpRead()] HttpRead_Header(sockfd %d) failed ::%d\n", fd, rc);
-        if (rc == SOCK_TIMEOUT) {
-            SetFailure(408, "HTTP header read faild.");
-            return SOCK_TIMEOUT;
-        }
-        SetFailure(rc == DATA_LARGE_THEN_BUF ? 413 : 400, "HTTP header read faild.");
-        return HTTP_HEADER_READ_FAILD;
+        return HeadReadFailed(rc);
     }
 
     rc = Parser.Parsing(m_pBuffer + m_nHeaderStart, m_nHeaderLength, pDB);
@@ -49,8 +44,7 @@ int HTTPResponseBuffer_Class::HttpRead(int fd, int timeout_ms, SockExitFlag* exi
         // HttpRead_Body reports a time-out as HTTP_BODY_READ_FAILD too, so
         // this is 400 in practice; the test is kept for a reader that
         // passes SOCK_TIMEOUT through.
-        SetFailure(rc == SOCK_TIMEOUT ? 408 : 400, "HTTP body read faild.");
-        return HTTP_BODY_READ_FAILD;
+        return BodyReadFailed(rc);
     }
     m_nStatus = 200;
     return SUCCESS;
