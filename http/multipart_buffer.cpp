@@ -63,12 +63,7 @@ int HTTPMultiPartResponseBuffer_Class::HttpReadFirst(int fd, int timeout_ms, Soc
         TimePrint(pDB, 1,
                   "[HTTPMultiPartResponseBuffer_Class::HttpReadFirst()] HttpRead_Header(sockfd %d) failed ::%d\n", fd,
                   rc);
-        if (rc == SOCK_TIMEOUT) {
-            SetFailure(408, "HTTP header read faild.");
-            return SOCK_TIMEOUT;
-        }
-        SetFailure(rc == DATA_LARGE_THEN_BUF ? 413 : 400, "HTTP header read faild.");
-        return HTTP_HEADER_READ_FAILD;
+        return HeadReadFailed(rc);
     }
 
     rc = Parser.Parsing(m_pBuffer + m_nHeaderStart, m_nHeaderLength, pDB);
@@ -108,25 +103,16 @@ int HTTPMultiPartResponseBuffer_Class::HttpReadFirst(int fd, int timeout_ms, Soc
     return SUCCESS;
 }
 
-int HTTPMultiPartResponseBuffer_Class::HttpReadMulti(int fd, int timeout_ms, SockExitFlag* exitFlag,
-                                                     DbPrintf_Class* pDB)
+int HTTPMultiPartResponseBuffer_Class::CheckPartHead(int fd, int readRc, DbPrintf_Class* pDB)
 {
-    PrepareNextMessage(pDB);
-
-    int rc = ReadHead(fd, timeout_ms, exitFlag, true, pDB);
-    if (rc != SUCCESS) {
+    if (readRc != SUCCESS) {
         TimePrint(pDB, 1,
                   "[HTTPMultiPartResponseBuffer_Class::HttpReadMulti()] HttpRead_Header(sockfd %d) failed ::%d\n", fd,
-                  rc);
-        if (rc == SOCK_TIMEOUT) {
-            SetFailure(408, "HTTP header read faild.");
-            return SOCK_TIMEOUT;
-        }
-        SetFailure(rc == DATA_LARGE_THEN_BUF ? 413 : 400, "HTTP header read faild.");
-        return HTTP_HEADER_READ_FAILD;
+                  readRc);
+        return HeadReadFailed(readRc);
     }
 
-    rc = Parser.ParsingMulti(m_pBuffer + m_nHeaderStart, m_nHeaderLength, pDB);
+    int rc = Parser.ParsingMulti(m_pBuffer + m_nHeaderStart, m_nHeaderLength, pDB);
     if (rc != SUCCESS) {
         TimePrint(pDB, 1, "[HTTPMultiPartResponseBuffer_Class::HttpReadMulti()] Parser.ParsingMulti failed ::%d\n", rc);
         SetFailure(Parser.m_nStatus, Parser.m_strError);
@@ -145,6 +131,17 @@ int HTTPMultiPartResponseBuffer_Class::HttpReadMulti(int fd, int timeout_ms, Soc
         TimePrint(pDB, 1, "[HTTPMultiPartResponseBuffer_Class::HttpReadMulti()] %s ::%d\n", m_strError, rc);
         return rc;
     }
+    return SUCCESS;
+}
+
+int HTTPMultiPartResponseBuffer_Class::HttpReadMulti(int fd, int timeout_ms, SockExitFlag* exitFlag,
+                                                     DbPrintf_Class* pDB)
+{
+    PrepareNextMessage(pDB);
+    int rc = CheckPartHead(fd, ReadHead(fd, timeout_ms, exitFlag, true, pDB), pDB);
+    if (rc != SUCCESS) {
+        return rc;
+    }
 
     rc = HttpRead_Body(fd, m_nContentLength + 2, timeout_ms, exitFlag, pDB);
     if (rc != SUCCESS) {
@@ -152,8 +149,7 @@ int HTTPMultiPartResponseBuffer_Class::HttpReadMulti(int fd, int timeout_ms, Soc
             pDB, 1,
             "[HTTPMultiPartResponseBuffer_Class::HttpReadMulti()] HttpRead_Body(sockfd %d,ContentLength %d) failed ::%d\n",
             fd, m_nContentLength, rc);
-        SetFailure(rc == SOCK_TIMEOUT ? 408 : 400, "HTTP body read faild.");
-        return HTTP_BODY_READ_FAILD;
+        return BodyReadFailed(rc);
     }
     m_nStatus = 200;
     return SUCCESS;

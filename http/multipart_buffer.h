@@ -70,6 +70,14 @@ public:
     HTTPMultiPartResponseParser_Class Parser;
     char m_strBoundary[BOUNDARY_SIZE];
     int m_nBoundaryLength = 0;
+
+private:
+    // The part-head step both part readers share, after their own head read
+    // (readRc): a failed read as HeadReadFailed, then the part head parsed
+    // and its Content-Length checked against the room after the head less
+    // the CR LF that ends the data. SUCCESS leaves m_nContentLength set.
+    // The codes, statuses and logged texts are HttpReadMulti's.
+    int CheckPartHead(int fd, int readRc, DbPrintf_Class* pDB);
 };
 
 #endif

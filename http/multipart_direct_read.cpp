@@ -153,37 +153,10 @@ int HTTPMultiPartResponseBuffer_Class::HttpReadMultiInto(int fd, int timeout_ms,
     }
     PrepareNextMessage(pDB);
 
-    int rc = read_part_head_exact(*this, fd, timeout_ms, exitFlag, pDB);
-    if (rc != SUCCESS) {
-        TimePrint(pDB, 1,
-                  "[HTTPMultiPartResponseBuffer_Class::HttpReadMulti()] HttpRead_Header(sockfd %d) failed ::%d\n", fd,
-                  rc);
-        if (rc == SOCK_TIMEOUT) {
-            SetFailure(408, "HTTP header read faild.");
-            return SOCK_TIMEOUT;
-        }
-        SetFailure(rc == DATA_LARGE_THEN_BUF ? 413 : 400, "HTTP header read faild.");
-        return HTTP_HEADER_READ_FAILD;
-    }
-
-    rc = Parser.ParsingMulti(m_pBuffer + m_nHeaderStart, m_nHeaderLength, pDB);
-    if (rc != SUCCESS) {
-        TimePrint(pDB, 1, "[HTTPMultiPartResponseBuffer_Class::HttpReadMulti()] Parser.ParsingMulti failed ::%d\n", rc);
-        SetFailure(Parser.m_nStatus, Parser.m_strError);
-        return HTTP_INVALID_SYNTAX;
-    }
-
-    // The same size rule as HttpReadMulti, so both readers accept the same
+    // The same head step as HttpReadMulti, so both readers accept the same
     // parts: the part and its CR LF must fit after the head.
-    const int freeSize = m_nCapacity - m_nBodyStart;
-    rc = CheckContentLength(Parser.m_HeaderLines, freeSize - 2);
+    int rc = CheckPartHead(fd, read_part_head_exact(*this, fd, timeout_ms, exitFlag, pDB), pDB);
     if (rc != SUCCESS) {
-        if (m_nContentLength > freeSize - 2) {
-            TimePrint(pDB, 1,
-                      "[HTTPMultiPartResponseBuffer_Class::HttpReadMulti()] buf_freeSize(%d) < ContentLength(%d)+2\n",
-                      freeSize, m_nContentLength);
-        }
-        TimePrint(pDB, 1, "[HTTPMultiPartResponseBuffer_Class::HttpReadMulti()] %s ::%d\n", m_strError, rc);
         return rc;
     }
 
