@@ -21,7 +21,9 @@
 #include <thread>
 #include <vector>
 
+#include "common/return_codes.h"
 #include "common/tokens.h"
+#include "net/socket_io.h"
 
 #define FUZZ_CHECK(cond)                                                                \
     do {                                                                                \
@@ -173,6 +175,75 @@ inline std::vector<size_t> Cuts(const uint8_t* data, size_t size, int count)
         }
     }
     return cuts;
+}
+
+// Takes the leading selector byte off the input. False (nothing to run)
+// for an empty input or one longer than max.
+inline bool TakeSelector(const uint8_t** data, size_t* size, size_t max, uint8_t* sel)
+{
+    if (*size < 1 || *size > max) {
+        return false;
+    }
+    *sel = (*data)[0];
+    (*data)++;
+    (*size)--;
+    return true;
+}
+
+// The reader's buffer size that bits 2-3 of the selector choose: 256, 1024,
+// 4096 or 16384 bytes.
+inline int Capacity(uint8_t sel)
+{
+    return 256 << (2 * ((sel >> 2) & 3));
+}
+
+// Two readings of one input that must agree; both are printed when not.
+inline void Same(const std::string& a, const std::string& b)
+{
+    if (a != b) {
+        fprintf(stderr, "first:\n%s\nsecond:\n%s\n", a.c_str(), b.c_str());
+    }
+    FUZZ_CHECK(a == b);
+}
+
+// read(cuts) with the input fed whole and again cut in up to three pieces
+// where its own bytes say: where the cuts fall must not change the result.
+template <class Read>
+void SameWholeAndSplit(const uint8_t* data, size_t size, Read read)
+{
+    Same(read(std::vector<size_t>{}), read(Cuts(data, size, 3)));
+}
+
+// Reads messages with a Buffer's HttpRead (the request and response readers)
+// until the first failure, at most 16, from the input fed as Feed does. The
+// counters are checked after every read; the log gets each read's code,
+// status and text, then what describe(buffer, rc) adds (it also checks the
+// outcome).
+template <class Buffer, class Describe>
+std::string ReadMessages(const uint8_t* data, size_t size, int capacity, const std::vector<size_t>& cuts,
+                         Describe describe)
+{
+    Feed feed(data, size, cuts);
+    Buffer b;
+    FUZZ_CHECK(b.Init(capacity) == SUCCESS);
+    SockExitFlag exitFlag{0};
+    std::string log;
+    for (int n = 0; n < 16; n++) {
+        int rc = b.HttpRead(feed.reader(), 5000, &exitFlag);
+        FUZZ_CHECK(b.m_nFilled >= 0 && b.m_nFilled <= b.m_nCapacity);
+        // A body cut short by the peer ends past the bytes that arrived.
+        FUZZ_CHECK(b.m_nConsumed >= 0 && b.m_nConsumed <= b.m_nCapacity);
+        log += std::to_string(rc) + " " + std::to_string(b.m_nStatus) + " " + b.m_strError + "\n";
+        if (rc == SUCCESS) {
+            FUZZ_CHECK(b.m_nBodyStart + b.m_nBodyLength <= b.m_nCapacity);
+        }
+        log += describe(b, rc);
+        if (rc != SUCCESS) {
+            break;
+        }
+    }
+    feed.Done();
+    return log;
 }
 
 } // namespace fuzz

@@ -84,35 +84,26 @@ std::string ReadStream(const uint8_t* data, size_t size, int capacity, const std
     return log;
 }
 
-void Compare(const std::string& a, const std::string& b)
-{
-    if (a != b) {
-        fprintf(stderr, "first:\n%s\nsecond:\n%s\n", a.c_str(), b.c_str());
-    }
-    FUZZ_CHECK(a == b);
-}
-
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    if (size < 1 || size > 65536) {
+    uint8_t sel = 0;
+    if (!fuzz::TakeSelector(&data, &size, 65536, &sel)) {
         return 0;
     }
-    const uint8_t sel = data[0];
-    data++;
-    size--;
-    const int capacity = 256 << (2 * ((sel >> 2) & 3));
+    const int capacity = fuzz::Capacity(sel);
     switch (sel & 3) {
     case 0:
         ParsePartHead(data, size);
         break;
     case 1:
-        Compare(ReadStream(data, size, capacity, {}, false), ReadStream(data, size, capacity, {}, true));
+        fuzz::Same(ReadStream(data, size, capacity, {}, false), ReadStream(data, size, capacity, {}, true));
         break;
     default:
-        Compare(ReadStream(data, size, capacity, {}, false),
-                ReadStream(data, size, capacity, fuzz::Cuts(data, size, 3), false));
+        fuzz::SameWholeAndSplit(data, size, [&](const std::vector<size_t>& cuts) {
+            return ReadStream(data, size, capacity, cuts, false);
+        });
         break;
     }
     return 0;

@@ -92,29 +92,17 @@ void ParseParams(const uint8_t* data, size_t size)
 // answer: code, status, text, and for a success what the server acts on.
 std::string ReadAll(const uint8_t* data, size_t size, int capacity, const std::vector<size_t>& cuts)
 {
-    fuzz::Feed feed(data, size, cuts);
-    HTTPRequestBuffer_Class req;
-    FUZZ_CHECK(req.Init(capacity) == SUCCESS);
-    SockExitFlag exitFlag{0};
-    std::string log;
-    for (int n = 0; n < 16; n++) {
-        int rc = req.HttpRead(feed.reader(), 5000, &exitFlag);
-        FUZZ_CHECK(req.m_nFilled >= 0 && req.m_nFilled <= req.m_nCapacity);
-        // A body cut short by the peer ends past the bytes that arrived.
-        FUZZ_CHECK(req.m_nConsumed >= 0 && req.m_nConsumed <= req.m_nCapacity);
-        log += std::to_string(rc) + " " + std::to_string(req.m_nStatus) + " " + req.m_strError + "\n";
-        if (rc != SUCCESS) {
-            FUZZ_CHECK(req.m_nStatus >= 400 && req.m_nStatus <= 415);
-            break;
-        }
-        FUZZ_CHECK(req.m_nStatus == 200);
-        FUZZ_CHECK(req.m_nBodyStart + req.m_nBodyLength <= req.m_nCapacity);
-        CheckParams(req.CGIParam, req.m_pBuffer, static_cast<size_t>(req.m_nCapacity));
-        log += std::to_string(req.Parser.Flag_Num) + " " + fuzz::Str(req.Parser.URIParser.FileName) + " " +
-               std::to_string(req.Is_KeepAlive()) + "\n" + fuzz::Pairs(req.CGIParam.m_Params);
-    }
-    feed.Done();
-    return log;
+    return fuzz::ReadMessages<HTTPRequestBuffer_Class>(
+        data, size, capacity, cuts, [](HTTPRequestBuffer_Class& req, int rc) -> std::string {
+            if (rc != SUCCESS) {
+                FUZZ_CHECK(req.m_nStatus >= 400 && req.m_nStatus <= 415);
+                return "";
+            }
+            FUZZ_CHECK(req.m_nStatus == 200);
+            CheckParams(req.CGIParam, req.m_pBuffer, static_cast<size_t>(req.m_nCapacity));
+            return std::to_string(req.Parser.Flag_Num) + " " + fuzz::Str(req.Parser.URIParser.FileName) + " " +
+                   std::to_string(req.Is_KeepAlive()) + "\n" + fuzz::Pairs(req.CGIParam.m_Params);
+        });
 }
 
 // One request through the reader: its code and, on success, the
@@ -165,13 +153,11 @@ void CompareParamCarriers(const uint8_t* data, size_t size, int before)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    if (size < 1 || size > 65536) {
+    uint8_t sel = 0;
+    if (!fuzz::TakeSelector(&data, &size, 65536, &sel)) {
         return 0;
     }
-    const uint8_t sel = data[0];
-    data++;
-    size--;
-    const int capacity = 256 << (2 * ((sel >> 2) & 3));
+    const int capacity = fuzz::Capacity(sel);
     if (sel & 0x10) {
         CompareParamCarriers(data, size, sel >> 5);
         return 0;
@@ -186,15 +172,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     case 2:
         ReadAll(data, size, capacity, {});
         break;
-    default: {
-        std::string whole = ReadAll(data, size, capacity, {});
-        std::string split = ReadAll(data, size, capacity, fuzz::Cuts(data, size, 3));
-        if (whole != split) {
-            fprintf(stderr, "whole:\n%s\nsplit:\n%s\n", whole.c_str(), split.c_str());
-        }
-        FUZZ_CHECK(whole == split);
+    default:
+        fuzz::SameWholeAndSplit(data, size, [&](const std::vector<size_t>& cuts) {
+            return ReadAll(data, size, capacity, cuts);
+        });
         break;
-    }
     }
     return 0;
 }

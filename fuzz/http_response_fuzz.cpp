@@ -50,30 +50,18 @@ void ParseHead(const uint8_t* data, size_t size)
 
 std::string ReadAll(const uint8_t* data, size_t size, int capacity, const std::vector<size_t>& cuts)
 {
-    fuzz::Feed feed(data, size, cuts);
-    HTTPResponseBuffer_Class res;
-    FUZZ_CHECK(res.Init(capacity) == SUCCESS);
-    SockExitFlag exitFlag{0};
-    std::string log;
-    for (int n = 0; n < 16; n++) {
-        int rc = res.HttpRead(feed.reader(), 5000, &exitFlag);
-        FUZZ_CHECK(res.m_nFilled >= 0 && res.m_nFilled <= res.m_nCapacity);
-        // A body cut short by the peer ends past the bytes that arrived.
-        FUZZ_CHECK(res.m_nConsumed >= 0 && res.m_nConsumed <= res.m_nCapacity);
-        log += std::to_string(rc) + " " + std::to_string(res.m_nStatus) + " " + res.m_strError + "\n";
-        if (rc != SUCCESS) {
-            break;
-        }
-        CheckHead(res.Parser, res.m_pBuffer, static_cast<size_t>(res.m_nCapacity));
-        FUZZ_CHECK(res.m_nStatus == 200 && res.m_nBodyLength >= 1);
-        FUZZ_CHECK(res.m_nBodyStart + res.m_nBodyLength <= res.m_nCapacity);
-        log += std::to_string(res.Is_KeepAlive()) + " " + fuzz::Str(res.Parser.m_Text) + "\n" +
-               std::string(reinterpret_cast<const char*>(res.m_pBuffer + res.m_nBodyStart),
-                           static_cast<size_t>(res.m_nBodyLength)) +
-               "\n";
-    }
-    feed.Done();
-    return log;
+    return fuzz::ReadMessages<HTTPResponseBuffer_Class>(
+        data, size, capacity, cuts, [](HTTPResponseBuffer_Class& res, int rc) -> std::string {
+            if (rc != SUCCESS) {
+                return "";
+            }
+            CheckHead(res.Parser, res.m_pBuffer, static_cast<size_t>(res.m_nCapacity));
+            FUZZ_CHECK(res.m_nStatus == 200 && res.m_nBodyLength >= 1);
+            return std::to_string(res.Is_KeepAlive()) + " " + fuzz::Str(res.Parser.m_Text) + "\n" +
+                   std::string(reinterpret_cast<const char*>(res.m_pBuffer + res.m_nBodyStart),
+                               static_cast<size_t>(res.m_nBodyLength)) +
+                   "\n";
+        });
 }
 
 // The header-line outcome of one parser: code, status, the scanner's text,
@@ -104,23 +92,19 @@ void CompareHeaderLines(const uint8_t* data, size_t size)
     std::string a = Lines(req.Parsing(bytes(request), static_cast<int>(request.size())), req);
     std::string b = Lines(res.Parsing(bytes(response), static_cast<int>(response.size())), res);
     std::string c = Lines(mp.ParsingMulti(bytes(part), static_cast<int>(part.size())), mp);
-    if (a != b || a != c) {
-        fprintf(stderr, "request:\n%s\nresponse:\n%s\npart:\n%s\n", a.c_str(), b.c_str(), c.c_str());
-    }
-    FUZZ_CHECK(a == b && a == c);
+    fuzz::Same(a, b);
+    fuzz::Same(a, c);
 }
 
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    if (size < 1 || size > 65536) {
+    uint8_t sel = 0;
+    if (!fuzz::TakeSelector(&data, &size, 65536, &sel)) {
         return 0;
     }
-    const uint8_t sel = data[0];
-    data++;
-    size--;
-    const int capacity = 256 << (2 * ((sel >> 2) & 3));
+    const int capacity = fuzz::Capacity(sel);
     switch (sel & 3) {
     case 0:
         ParseHead(data, size);
@@ -131,15 +115,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     case 3:
         CompareHeaderLines(data, size);
         break;
-    default: {
-        std::string whole = ReadAll(data, size, capacity, {});
-        std::string split = ReadAll(data, size, capacity, fuzz::Cuts(data, size, 3));
-        if (whole != split) {
-            fprintf(stderr, "whole:\n%s\nsplit:\n%s\n", whole.c_str(), split.c_str());
-        }
-        FUZZ_CHECK(whole == split);
+    default:
+        fuzz::SameWholeAndSplit(data, size, [&](const std::vector<size_t>& cuts) {
+            return ReadAll(data, size, capacity, cuts);
+        });
         break;
-    }
     }
     return 0;
 }

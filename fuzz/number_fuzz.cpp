@@ -74,12 +74,10 @@ void CheckDigits(const uint8_t* data, size_t size, int maxlen, long long min, lo
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    if (size < 1 || size > 4096) {
+    uint8_t sel = 0;
+    if (!fuzz::TakeSelector(&data, &size, 4096, &sel)) {
         return 0;
     }
-    const uint8_t sel = data[0];
-    data++;
-    size--;
     if ((sel & 3) == 0) {
         static const long long kRanges[4][2] = {{0, 65535}, {-1, 1}, {LLONG_MIN, LLONG_MAX}, {1, 0}};
         const long long* r = kRanges[(sel >> 6) & 3];
