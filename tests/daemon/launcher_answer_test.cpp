@@ -1,10 +1,103 @@
 // Launcher answers of the program: command line, CGI methods and
 // parameters, each checked byte for byte on standard output and standard
-// error. None of these requests starts a daemon.
-#include "daemon_test_support.h"
+// error. None of these requests starts a daemon; starting, stopping and the
+// failures of a started daemon are exercised by the end-to-end tests.
+#include <fcntl.h>
+#include <glob.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
-namespace daemon_test {
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
 namespace {
+
+std::string slurp(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+void spit(const std::string& path, const std::string& text) { std::ofstream(path, std::ios::binary) << text; }
+
+// A CGI answer as the launcher reads it.
+std::string cgi(const std::string& body)
+{
+    return "Content-Length: " + std::to_string(body.size()) + "\nContent-type: text/plain\n\n" + body;
+}
+
+std::string startFailed(const std::string& comment)
+{
+    return cgi("<Response>\n  <States>Err_StartFaild</States>\n  <Comment>" + comment + "</Comment>\n</Response>\n");
+}
+
+struct Outcome {
+    int status = -1;
+    std::string out, err;
+};
+
+// Each test gets a fresh, empty working directory. Sanitizer reports of the
+// program go to files in it and fail the test.
+class LauncherAnswerTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        char tmpl[] = "/tmp/ostrel_launcherXXXXXX";
+        ASSERT_NE(mkdtemp(tmpl), nullptr);
+        dir_ = tmpl;
+    }
+    void TearDown() override
+    {
+        glob_t found{};
+        if (glob((dir_ + "/sanitizer*").c_str(), 0, nullptr, &found) == 0) {
+            for (size_t i = 0; i < found.gl_pathc; ++i)
+                ADD_FAILURE() << slurp(found.gl_pathv[i]);
+        }
+        globfree(&found);
+        ASSERT_EQ(std::system(("rm -rf '" + dir_ + "'").c_str()), 0);
+    }
+
+    // Runs the program in the directory to its end with exactly the given
+    // environment (plus sanitizer options) and stdin text.
+    Outcome run(std::vector<std::string> args, std::vector<std::string> env = {}, const std::string& in = "")
+    {
+        spit(dir_ + "/stdin.txt", in);
+        const std::string san = "log_path=" + dir_ + "/sanitizer";
+        env.insert(env.end(), {"ASAN_OPTIONS=" + san, "UBSAN_OPTIONS=print_stacktrace=1:" + san,
+                               "TSAN_OPTIONS=report_signal_unsafe=0:" + san});
+        args.insert(args.begin(), "Ostrel");
+        pid_t pid = fork();
+        if (pid == 0) {
+            if (chdir(dir_.c_str()) != 0)
+                _exit(127);
+            dup2(open("stdin.txt", O_RDONLY), 0);
+            dup2(open("stdout.txt", O_WRONLY | O_CREAT | O_TRUNC, 0666), 1);
+            dup2(open("stderr.txt", O_WRONLY | O_CREAT | O_TRUNC, 0666), 2);
+            std::vector<char*> av, ev;
+            for (auto& s : args)
+                av.push_back(&s[0]);
+            for (auto& s : env)
+                ev.push_back(&s[0]);
+            av.push_back(nullptr);
+            ev.push_back(nullptr);
+            execve(OSTREL_BINARY_DIR "/Ostrel", av.data(), ev.data());
+            _exit(127);
+        }
+        Outcome r;
+        waitpid(pid, &r.status, 0);
+        r.out = slurp(dir_ + "/stdout.txt");
+        r.err = slurp(dir_ + "/stderr.txt");
+        return r;
+    }
+
+    std::string dir_;
+};
 
 const std::string kUsage =
     "\t-StartUp Name : PP Start (for Debug).\n\t-StartUp_NonDeamon Name : PP Start (for Debug).\n"
@@ -31,9 +124,7 @@ struct AnswerRow {
 std::vector<std::string> get(const std::string& query) { return {"REQUEST_METHOD=GET", "QUERY_STRING=" + query}; }
 std::vector<std::string> post(int length) { return {"REQUEST_METHOD=POST", "CONTENT_LENGTH=" + std::to_string(length)}; }
 
-using CgiFrontTest = DaemonDir;
-
-TEST_F(CgiFrontTest, AnswersEveryRequestExactly)
+TEST_F(LauncherAnswerTest, AnswersEveryRequestExactly)
 {
     const std::string longName(256, '1');
     const std::vector<AnswerRow> rows = {
@@ -80,11 +171,12 @@ TEST_F(CgiFrontTest, AnswersEveryRequestExactly)
     }
 }
 
-TEST_F(CgiFrontTest, ProgramPathEndingInSlashIsRefused)
+TEST_F(LauncherAnswerTest, UnwritableStatesDirectoryIsReportedToTheLauncher)
 {
-    Outcome r = run({"-GetConfigTemplate", "1"}, {}, "", "bin/Ostrel/");
-    EXPECT_EQ(r.out, startFailed("Illegal file name in arg[0]."));
+    spit(dir_ + "/Directory.Conf", "<Directory.Conf><StatesDir>" + dir_ + "/none</StatesDir></Directory.Conf>\n");
+    EXPECT_EQ(run({"-StartUp", "1"}).out,
+              startFailed("States file does not create. Prease check a permission '" + dir_ + "/none/'"));
+    EXPECT_EQ(run({"-StartUp_NonDeamon", "1"}).out, "");
 }
 
 }  // namespace
-}  // namespace daemon_test
