@@ -8,22 +8,46 @@
 #   scripts/reliability.sh                    soak of 10 minutes (about 18 min)
 #   scripts/reliability.sh --soak-minutes 1   about 9 minutes
 #
+# Options:
+#   --soak-minutes N   length of the soak (default 10)
+#   --out DIR          logs, result rows and sanitizer reports (default
+#                      run/reliability/)
+#   --report FILE      the report written (default docs/RELIABILITY.md)
+#   --timeout SECONDS  limit of each test file (default 1500; the soak gets
+#                      its minutes on top): a file that hangs is stopped,
+#                      counted as failed, and the runs go on
+#
 # Settings (environment): OSTREL_RELIABILITY_BUILD_DIR (default
-# build-reliability/). Logs of each test file are kept in run/reliability/.
+# build-reliability/; may be a sanitizer build), OSTREL_JOBS (compile jobs,
+# default 2), OSTREL_RELIABILITY_QUICK=1 leaves out the slowest case (the
+# whole camera back-off sequence, about a minute; scripts/test.sh sets it).
+# ASAN_OPTIONS, UBSAN_OPTIONS and TSAN_OPTIONS are passed on, with reports
+# written to files: a report from any process fails the run and is printed.
+#
+# A test file's log is printed when it fails. Whatever a file leaves running
+# in its network namespace (after a time-out, say) is killed and fails it.
 # Exit status 1 when any test failed (the report is written all the same).
 set -eu
 cd "$(dirname "$0")/.."
 root=$(pwd)
 soak=10
+out=$root/run/reliability
+report=$root/docs/RELIABILITY.md
+limit=1500
 while [ $# -gt 0 ]; do
     case $1 in
         --soak-minutes) soak=$2; shift 2 ;;
-        *) echo "usage: $0 [--soak-minutes N]" >&2; exit 2 ;;
+        --out)          out=$2; shift 2 ;;
+        --report)       report=$2; shift 2 ;;
+        --timeout)      limit=$2; shift 2 ;;
+        *) echo "usage: $0 [--soak-minutes N] [--out DIR] [--report FILE] [--timeout SECONDS]" >&2
+           exit 2 ;;
     esac
 done
 build=${OSTREL_RELIABILITY_BUILD_DIR:-$root/build-reliability}
 case $build in /*) ;; *) build=$root/$build ;; esac
-out=$root/run/reliability
+case $out in /*) ;; *) out=$root/$out ;; esac
+case $report in /*) ;; *) report=$root/$report ;; esac
 
 if [ ! -f "$build/build.ninja" ] && [ ! -f "$build/Makefile" ]; then
     gen=""
@@ -31,32 +55,95 @@ if [ ! -f "$build/build.ninja" ] && [ ! -f "$build/Makefile" ]; then
     # shellcheck disable=SC2086
     cmake -S . -B "$build" $gen -DCMAKE_BUILD_TYPE=RelWithDebInfo
 fi
-cmake --build "$build" --target Ostrel ostrel-camsim ostrel-schedsim ostrel-viewer -j 2
+cmake --build "$build" --target Ostrel ostrel-camsim ostrel-schedsim ostrel-viewer \
+    -j "${OSTREL_JOBS:-2}"
 
 rm -rf "$out"
 mkdir -p "$out"
+# Sanitizer reports: the daemon points its standard error at /dev/null, so
+# they go to files. The tests' harness moves log_path into each test's own
+# directory and fails the test on a report; reliability.py copies them here.
+# Reports of processes outside a test land here directly.
+reports=$build/sanitizer/reliability
+rm -rf "$reports"
+mkdir -p "$reports"
+export ASAN_OPTIONS="${ASAN_OPTIONS:-halt_on_error=1:detect_leaks=1}:log_path=$reports/asan" \
+    UBSAN_OPTIONS="${UBSAN_OPTIONS:-halt_on_error=1:print_stacktrace=1}:log_path=$reports/ubsan" \
+    TSAN_OPTIONS="${TSAN_OPTIONS:-halt_on_error=1:suppressions=$root/scripts/tsan-suppressions.txt}:log_path=$reports/tsan" \
+    OSTREL_SANITIZER_REPORTS="$reports"
 export OSTREL_BIN="$build/Ostrel" OSTREL_CAMSIM="$build/tools/ostrel-camsim" \
     OSTREL_SCHEDSIM="$build/tools/ostrel-schedsim" OSTREL_TOOLS_DIR="$root/tools" \
     OSTREL_RELIABILITY_RESULTS="$out/results.jsonl" OSTREL_SOAK_MINUTES="$soak"
 : > "$out/results.jsonl"
 : > "$out/runs.txt"
+
+# sweep NETNS_FILE: kills, by pid, whatever still runs in the network
+# namespace named in the file (each test file has its own, so everything in
+# it was started by that file); prints the pids, returns 1 if there were any.
+sweep() {
+    ns=$(cat "$1" 2>/dev/null) || return 0
+    [ -n "$ns" ] || return 0
+    left=""
+    for p in /proc/[0-9]*; do
+        [ "$(readlink "$p/ns/net" 2>/dev/null)" = "$ns" ] && left="$left ${p#/proc/}"
+    done
+    [ -n "$left" ] || return 0
+    printf "\n   still running in its network namespace, killed:%s\n" "$left"
+    # shellcheck disable=SC2086
+    kill -KILL $left 2>/dev/null || true
+    return 1
+}
+
 status=0
 start_all=$(date +%s)
 for t in camera_faults control_load lifecycle soak; do
     echo "== $t"
+    secs=$limit
+    [ "$t" = soak ] && secs=$(awk -v l="$limit" -v m="$soak" 'BEGIN { printf "%d", l + m * 60 }')
     t0=$(date +%s)
     rc=0
-    OSTREL_RELIABILITY_TEST=$t tools/ostrel-netns python3 -B "tests/reliability/test_$t.py" -v \
-        > "$out/$t.log" 2>&1 || rc=$?
+    # timeout ends the test file and its process group; the daemons have
+    # their own sessions and are swept up by their namespace afterwards.
+    # shellcheck disable=SC2016 # expanded by the inner shell
+    OSTREL_RELIABILITY_TEST=$t timeout -k 30 "$secs" tools/ostrel-netns /bin/sh -c \
+        'readlink /proc/self/ns/net > "$1"; shift; exec "$@"' sh "$out/$t.netns" \
+        python3 -B "tests/reliability/test_$t.py" -v > "$out/$t.log" 2>&1 || rc=$?
     t1=$(date +%s)
     summary=$(grep -E '^(OK|FAILED)' "$out/$t.log" | tail -n 1)
-    [ -n "$summary" ] || summary="did not finish (exit $rc)"
-    [ "$rc" = 0 ] || status=1
+    if [ "$rc" = 124 ] || [ "$rc" = 137 ]; then
+        summary="stopped after the limit of $secs s"
+    elif [ -z "$summary" ]; then
+        summary="did not finish (exit $rc)"
+    fi
+    sweep "$out/$t.netns" >> "$out/$t.log" || {
+        [ "$rc" != 0 ] || summary="$summary; left processes running"
+        rc=1
+    }
+    if [ "$rc" != 0 ]; then
+        status=1
+        echo "-- $out/$t.log"
+        cat "$out/$t.log"
+    fi
     printf '%s\t%s\t%s\n' "$t" "$((t1 - t0))" "$summary" >> "$out/runs.txt"
     echo "   $summary, $((t1 - t0)) s"
 done
 end_all=$(date +%s)
+
+found=$(find "$reports" -type f | sort)
+if [ -n "$found" ]; then
+    echo "== sanitizer reports"
+    for f in $found; do
+        echo "-- $f"
+        cat "$f"
+    done
+    printf 'sanitizer\t0\t%s report files in %s\n' "$(echo "$found" | wc -l)" "$reports" \
+        >> "$out/runs.txt"
+    status=1
+fi
+
+mkdir -p "$(dirname "$report")"
 python3 -B tests/reliability/report.py "$out" "$soak" "$((end_all - start_all))" "$build" \
-    > docs/RELIABILITY.md
-echo "report: docs/RELIABILITY.md (logs in $out)"
+    > "$report.tmp"
+mv "$report.tmp" "$report"
+echo "report: $report (logs in $out)"
 exit $status

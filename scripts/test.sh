@@ -12,13 +12,30 @@
 #                          run from its seed corpus for OSTREL_FUZZ_SECONDS
 #                          (default 15) each
 #
-#   scripts/test.sh                            all five builds, in that order
+# and two bounded reliability runs (scripts/reliability.sh) of the real
+# daemon with that build's own binaries, each right after its build:
+#
+#   reliability        build/        every fault, load and life-cycle test
+#   reliability-asan   build-asan/   of tests/reliability/ but the whole
+#                                    camera back-off sequence
+#                                    (OSTREL_RELIABILITY_QUICK=1), and a soak
+#                                    of OSTREL_SOAK_MINUTES (default 1)
+#
+# Each test file has a limit of 1500 s (the soak its minutes on top). Their
+# logs, result rows and report go to <build>/reliability/ (docs/RELIABILITY.md
+# is left alone), the sanitizer reports to <build>/sanitizer/reliability/.
+# A reliability step configures and builds what it needs, so it also runs
+# without its build in the list.
+#
+#   scripts/test.sh                            all seven, in the order
+#                                              normal reliability asan
+#                                              reliability-asan tsan i386 fuzz
 #   OSTREL_TEST_BUILDS="asan tsan" scripts/test.sh   only these builds
 #
-# Settings (environment): OSTREL_TEST_BUILDS (default "normal asan tsan
-# i386 fuzz"), OSTREL_BUILD_DIR (build directory of the normal build and prefix
-# of the others, default build), OSTREL_JOBS (compile jobs and parallel
-# tests, default: the number of processors).
+# Settings (environment): OSTREL_TEST_BUILDS (default "normal reliability asan
+# reliability-asan tsan i386 fuzz"), OSTREL_BUILD_DIR (build directory of the
+# normal build and prefix of the others, default build), OSTREL_JOBS (compile
+# jobs and parallel tests, default: the number of processors).
 #
 # Every build runs even when an earlier one failed; the script ends with a
 # line per build and fails if any build failed. A sanitizer report anywhere,
@@ -29,10 +46,28 @@ cd "$(dirname "$0")/.."
 root=$(pwd)
 scripts/setup.sh
 
-builds=${OSTREL_TEST_BUILDS:-normal asan tsan i386 fuzz}
+builds=${OSTREL_TEST_BUILDS:-normal reliability asan reliability-asan tsan i386 fuzz}
 base=${OSTREL_BUILD_DIR:-build}
 case $base in /*) ;; *) base=$root/$base ;; esac
 jobs=${OSTREL_JOBS:-$(nproc)}
+
+# sanitizer_options LOGS: exports the sanitizers' options. halt_on_error:
+# the first report ends the process with a failure code, so the test that
+# triggered it fails. log_path: the daemon points its standard error at
+# /dev/null once started, so reports go to files LOGS/asan.PID, ...
+sanitizer_options() {
+    export ASAN_OPTIONS="halt_on_error=1:detect_leaks=1:detect_stack_use_after_return=1:check_initialization_order=1:strict_init_order=1:log_path=$1/asan" \
+        UBSAN_OPTIONS="halt_on_error=1:print_stacktrace=1:log_path=$1/ubsan" \
+        TSAN_OPTIONS="halt_on_error=1:second_deadlock_stack=1:suppressions=$root/scripts/tsan-suppressions.txt:log_path=$1/tsan"
+}
+
+# configure DIR [CMAKE OPTIONS...]
+configure() {
+    dir=$1
+    shift
+    cmake -S "$root" -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+        -DOSTREL_WERROR=ON "$@"
+}
 
 # run_build NAME DIR [CMAKE OPTIONS...]: configures, builds and tests one
 # build; returns non-zero when any step fails or a sanitizer reported.
@@ -40,22 +75,16 @@ run_build() {
     name=$1 dir=$2
     shift 2
     echo "== $name build in $dir"
-    cmake -S "$root" -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-        -DOSTREL_WERROR=ON "$@" || return 1
+    configure "$dir" "$@" || return 1
     cmake --build "$dir" -j "$jobs" || return 1
 
     logs=$dir/sanitizer
     rm -rf "$logs"
     mkdir -p "$logs"
-    # halt_on_error: the first report ends the process with a failure code,
-    # so the test that triggered it fails. log_path: the daemon points its
-    # standard error at /dev/null once started, so reports go to files.
     rc=0
     (
         cd "$dir" &&
-        ASAN_OPTIONS="halt_on_error=1:detect_leaks=1:detect_stack_use_after_return=1:check_initialization_order=1:strict_init_order=1:log_path=$logs/asan" \
-        UBSAN_OPTIONS="halt_on_error=1:print_stacktrace=1:log_path=$logs/ubsan" \
-        TSAN_OPTIONS="halt_on_error=1:second_deadlock_stack=1:suppressions=$root/scripts/tsan-suppressions.txt:log_path=$logs/tsan" \
+        sanitizer_options "$logs" &&
         ctest --output-on-failure -j "$jobs" --timeout 600
     ) || rc=1
     reports=$(find "$logs" -type f | sort)
@@ -70,6 +99,23 @@ run_build() {
     return $rc
 }
 
+# run_reliability NAME DIR [CMAKE OPTIONS...]: the bounded reliability runs
+# against the daemon and tools of one build (configured and built here if
+# needed); non-zero when a test failed, hung or a sanitizer reported
+# (scripts/reliability.sh prints the failed files' logs and the reports).
+run_reliability() {
+    name=$1 dir=$2
+    shift 2
+    echo "== $name: reliability runs with $dir"
+    configure "$dir" "$@" || return 1
+    (
+        sanitizer_options "$dir/sanitizer/reliability" &&
+        OSTREL_RELIABILITY_QUICK=1 OSTREL_RELIABILITY_BUILD_DIR=$dir OSTREL_JOBS=$jobs \
+            scripts/reliability.sh --soak-minutes "${OSTREL_SOAK_MINUTES:-1}" --timeout 1500 \
+            --out "$dir/reliability" --report "$dir/reliability/RELIABILITY.md"
+    )
+}
+
 summary=""
 status=0
 for b in $builds; do
@@ -77,14 +123,17 @@ for b in $builds; do
     case $b in
         normal) run_build "$b" "$base" ;;
         asan)   run_build "$b" "$base-asan" -DOSTREL_SANITIZE=address ;;
+        reliability)      run_reliability "$b" "$base" ;;
+        reliability-asan) run_reliability "$b" "$base-asan" -DOSTREL_SANITIZE=address ;;
         tsan)   run_build "$b" "$base-tsan" -DOSTREL_SANITIZE=thread ;;
         i386)   run_build "$b" "$base-i386" -DCMAKE_TOOLCHAIN_FILE="$root/cmake/i386-linux-gnu.cmake" ;;
         fuzz)   echo "== fuzz build in $root/build-fuzz"
                 scripts/fuzz.sh -t "${OSTREL_FUZZ_SECONDS:-15}" ;;
-        *)      echo "test.sh: unknown build '$b' (normal, asan, tsan, i386, fuzz)" >&2; false ;;
+        *)      echo "test.sh: unknown build '$b' (normal, reliability, asan, reliability-asan, tsan, i386, fuzz)" >&2
+                false ;;
     esac && result=passed || result=FAILED
     [ "$result" = passed ] || status=1
-    summary="$summary$(printf '%-7s %s in %d s' "$b" "$result" $(( $(date +%s) - start )))
+    summary="$summary$(printf '%-16s %s in %d s' "$b" "$result" $(( $(date +%s) - start )))
 "
 done
 printf '\n== summary\n%s' "$summary"

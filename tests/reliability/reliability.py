@@ -20,6 +20,7 @@ Every run is bounded: each wait has a deadline and each load a count.
 import json
 import os
 import re
+import shutil
 import socket
 import sys
 import threading
@@ -32,6 +33,10 @@ import ostrel_e2e as e2e  # noqa: E402
 from ostrel_e2e import MYIP, CONTROL_PORT, CAMERA_PORT, wait_for  # noqa: E402,F401
 
 RESULTS = os.environ.get("OSTREL_RELIABILITY_RESULTS", "")
+# Where a test's sanitizer reports are copied for the run's caller to list
+# (scripts/reliability.sh: <build>/sanitizer/reliability/); the test fails
+# on them in any case.
+SANITIZER_REPORTS = os.environ.get("OSTREL_SANITIZER_REPORTS", "")
 VIEWER = os.path.join(os.path.dirname(e2e.CAMSIM), "ostrel-viewer") if e2e.CAMSIM else ""
 
 # Slack for "returns to its level": a descriptor or two may belong to a
@@ -147,6 +152,18 @@ class ReliabilityCase(e2e.RelayCase):
     """A relay test that also watches the daemon's resources and files."""
 
     threads = "2"  # the command line start's control-port thread count
+
+    def _cleanup(self):
+        # The harness stops what is left, then fails on sanitizer reports in
+        # the test's own directory (kept in that case); copy them out.
+        try:
+            super()._cleanup()
+        finally:
+            if SANITIZER_REPORTS and os.path.isdir(self.sanitizer_dir):
+                os.makedirs(SANITIZER_REPORTS, exist_ok=True)
+                for name in os.listdir(self.sanitizer_dir):
+                    shutil.copy(os.path.join(self.sanitizer_dir, name),
+                                os.path.join(SANITIZER_REPORTS, "%s.%s" % (self.id(), name)))
 
     def start_streaming(self, *cam_args, sizes=None, pictures=8):
         """Camera simulator plus a forking daemon with a viewer logged in and
