@@ -48,16 +48,10 @@ TEST(Base64Test, EncodeRows)
     }
 }
 
-TEST(Base64Test, DecodeInvertsEncodeAndRejectsForeignText)
+// The round trip of every text is the fuzz target's check; these are the
+// decoder's own edges.
+TEST(Base64Test, DecodeStopsAtThePadAndRejectsForeignText)
 {
-    const std::string all = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789 !\"#$%&'()*+,-./:;<=>?@[]^_`{|}~";
-    for (size_t n = 0; n <= all.size(); ++n) {
-        char enc[256], dec[256];
-        int encLen = -1, decLen = -1;
-        ASSERT_EQ(SUCCESS, Base64Encode(all.data(), static_cast<int>(n), enc, sizeof(enc), &encLen));
-        ASSERT_EQ(SUCCESS, Base64Decode(enc, encLen, dec, sizeof(dec), &decLen)) << enc;
-        EXPECT_EQ(all.substr(0, n), std::string(dec, static_cast<size_t>(decLen)));
-    }
     char out[16];
     int len = -1;
     ASSERT_EQ(SUCCESS, Base64Decode("Zg==garbage", 11, out, sizeof(out), &len)) << "'=' ends the data";
