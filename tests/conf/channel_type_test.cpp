@@ -33,26 +33,4 @@ TEST(ChannelTypeTest, NamesMapExactly)
     EXPECT_EQ(Get_ChannelType_Num(&empty, &type), NOTFOUND_ITEM);
 }
 
-TEST(ChannelTypeTest, PairsAcrossDirections)
-{
-    struct Row {
-        int first;
-        int second;
-        int check;
-        int pair;
-    } rows[] = {
-        {1, 3, SUCCESS, 3},           {3, 1, SUCCESS, 1},           {2, 4, SUCCESS, 4},
-        {4, 2, SUCCESS, 2},           {5, 5, SUCCESS, 5},           {1, 4, NO_MATCH_ARGUMENT, 3},
-        {1, 1, NO_MATCH_ARGUMENT, 3}, {5, 1, NO_MATCH_ARGUMENT, 5}, {7, 1, DEBUG_WARNING, 0},
-        {0, 0, DEBUG_WARNING, 0},     {-1, 3, DEBUG_WARNING, 0},
-    };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(::testing::Message() << row.first << "," << row.second);
-        EXPECT_EQ(Check_ChannelType_Pair(row.first, row.second), row.check);
-        int pair = -1;
-        EXPECT_EQ(Get_PairChannelType(row.first, &pair), SUCCESS);
-        EXPECT_EQ(pair, row.pair);
-    }
-}
-
 }  // namespace
