@@ -65,8 +65,6 @@ TEST_F(NameValFileTest, LinesParseOrAreDropped)
     const ParseRow rows[] = {
         {"a=1\r\nb#=2\nc=x=y\nd=\ne=5", {{"a", "1"}, {"d", ""}, {"e", "5"}},
          "CRLF, '#' in a name, second '=', empty value, no final newline"},
-        {"a=1\n", {{"a", "1"}}, "one line"},
-        {"a=1\n\n\nb=2\n", {{"a", "1"}, {"b", "2"}}, "blank lines"},
         {"#c=3\nb=2\n", {{"b", "2"}}, "comment line"},
         {"v=x # y\n", {{"v", "x # y"}}, "'#' and blanks inside a value"},
         {"=v\n", {{"", "v"}}, "empty name is kept"},

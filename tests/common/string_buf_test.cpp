@@ -62,24 +62,6 @@ TEST(StringBuf, BorrowedAndMissingBuffers)
     EXPECT_STREQ(mem, "12-34") << "the first buffer is no longer written";
 }
 
-TEST(StringBuf, FlagCountersAndClear)
-{
-    StringBuf_Class buf(4);
-    buf.add_withFlag(3, "ab");
-    buf.add_withFlag(3, "cdef");
-    EXPECT_EQ(buf.add_withFlag(3, "g"), DATA_LARGE_THEN_BUF);
-    buf.add_withFlag(10, "g");
-    buf.add_withFlag(-1, "g");
-    EXPECT_EQ(buf.getFlagCount(3), 3) << "a refused append still counts";
-    EXPECT_STREQ(buf.c_str(), "abc");
-
-    EXPECT_EQ(buf.clear(), SUCCESS);
-    EXPECT_EQ(buf.getFlagCount(3), 0);
-    EXPECT_EQ(buf.length(), 0);
-    EXPECT_EQ(buf.add("Z"), SUCCESS);
-    EXPECT_STREQ(buf.c_str(), "Z");
-}
-
 TEST(StringBuf, RawBytes)
 {
     StringBuf_Class buf(8);

@@ -6,7 +6,6 @@
 #include <vector>
 
 #include "common/return_codes.h"
-#include "common/string_buf.h"
 #include "common/tokens.h"
 
 namespace {
@@ -28,17 +27,13 @@ TEST(OneToken, NumberConversion)
         const char* note;
     } rows[] = {
         {"  42abc", SUCCESS, 42, false, "trailing text ignored"},
-        {"-7", SUCCESS, -7, false, ""},
         {" \t\r\n9", SUCCESS, 9, false, "all four blank kinds"},
         {"   ", SUCCESS, 0, false, "blanks only"},
         {"-", SUCCESS, 0, false, "lone minus"},
         {"+5", SUCCESS, 0, false, "plus ends the number"},
         {"--5", SUCCESS, 0, false, "one minus only"},
-        {"2147483647", SUCCESS, 2147483647, false, "largest int"},
         {"2147483648", OUT_OF_RANGE, -2147483648LL, false, "wrapped value is left"},
         {"-2147483648", OUT_OF_RANGE, -2147483648LL, false, "the smallest int cannot be read"},
-        {"9223372036854775807", SUCCESS, 9223372036854775807LL, true, "largest long long"},
-        {"2147483648", SUCCESS, 2147483648LL, true, "fits in 64 bits"},
         {"9223372036854775808", OUT_OF_RANGE, static_cast<long long>(1ULL << 63), true, ""},
     };
     for (const Row& r : rows) {
@@ -113,17 +108,6 @@ TEST(OneToken, Comparisons)
     EXPECT_EQ(host.Compare(&empty), NO_MATCH_ARGUMENT);
     EXPECT_EQ(empty.Compare(&empty), NO_MATCH_ARGUMENT) << "two empty tokens are not equal";
     EXPECT_EQ(host.Compare(Bytes("Host:"), 4), NO_MATCH_ARGUMENT);
-}
-
-TEST(TokenDump, SingleNulIsSpelledOut)
-{
-    StringBuf_Class buf(256);
-    NameValToken_Class pair;
-    pair.m_Name.Copy_OnlyPointer(Bytes("a="), 2);
-    pair.m_Val.Copy_OnlyPointer(Bytes("\0"), 1);
-    EXPECT_EQ(pair.OutputBuffer(&buf), SUCCESS);
-    EXPECT_STREQ(buf.c_str(), "[ a= ]:[ \\0 ]");
-    EXPECT_EQ(pair.m_Name.OutputBuffer(nullptr), DEBUG_WARNING);
 }
 
 TEST(TokenArrays, GrowthAndDuplicates)

@@ -13,7 +13,6 @@
 #include <gtest/gtest.h>
 
 #include "common/return_codes.h"
-#include "common/string_buf.h"
 
 namespace {
 
@@ -161,22 +160,6 @@ TEST_F(XmlParserTest, StopsAtFirstErrorKeepingPositionAndPartialTree)
     EXPECT_EQ(parser.GetCurrentAddress().GetOffset(), static_cast<int>(doc.find("x'<") + 1));
     ASSERT_NE(parser.GetRootElement(), nullptr);  // freed with the parser
     EXPECT_EQ(parser.GetRootElement()->GetChildren().GetCount(), 2);
-}
-
-TEST_F(XmlParserTest, TreeOutputShowsKindsQuotesAndRawText)
-{
-    XmlParser_Class parser;
-    ASSERT_EQ(Load(&parser,
-                   "<?xml version='1.0'?>\n<!-- head -->\n<r a='1' b=\"x y\">\n <e/>\n"
-                   " <t><![CDATA[<]]> &amp; </t>\n <p>\n  <q z=''></q>\n  txt\n </p>\n</r>\n",
-                   Loader::Copy),
-              SUCCESS);
-    ASSERT_EQ(parser.ParserMain(), SUCCESS);
-    StringBuf_Class out(1024);
-    ASSERT_EQ(parser.Output_XMLTree(&out), SUCCESS);
-    EXPECT_STREQ(out.c_str(), "<r a='1' b=\"x y\">\n\t<e/>\n\t<t><![CDATA[<]]> &amp; </t>\n\t<p>\n\t\t<q z=''/>\n\t</p>\n</r>\n");
-    StringBuf_Class small(20);
-    EXPECT_EQ(parser.Output_XMLTree(&small), DATA_LARGE_THEN_BUF);
 }
 
 TEST_F(XmlParserTest, LoadersRefuseBadArgumentsAndSizes)
