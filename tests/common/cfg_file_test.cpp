@@ -2,11 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <sstream>
 #include <string>
 
 #include <sys/ipc.h>
@@ -16,33 +12,20 @@
 
 #include "common/debug_log.h"
 #include "common/return_codes.h"
+#include "common/test_files.h"
 
 namespace {
 
-std::string slurp(const std::string& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
+using test_files::ReadFile;
+using test_files::WriteFile;
 
-void spit(const std::string& path, const std::string& text)
-{
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << text;
-}
-
-// Every test gets its own directory and its own semaphore key, so test
-// programs running side by side never wait on each other; the set is
-// removed afterwards.
-class CfgFileTest : public ::testing::Test {
+// Each test also gets its own semaphore key, so test programs running side
+// by side never wait on each other; the set is removed afterwards.
+class CfgFileTest : public test_files::ScratchDir {
 protected:
     void SetUp() override
     {
-        char tmpl[] = "/tmp/ostrel_cfgXXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir_ = tmpl;
+        ScratchDir::SetUp();
         file_ = dir_ + "/Config.txt";
         key_ = 0x4F530000 + (getpid() & 0xFFFF);
         log_ = new DbPrintf_Class((dir_ + "/log.txt").c_str(), 1);
@@ -53,17 +36,15 @@ protected:
         int id = semget(key_, 1, 0);
         if (id != -1)
             semctl(id, 0, IPC_RMID);
-        std::string cmd = "rm -rf '" + dir_ + "'";
-        ASSERT_EQ(std::system(cmd.c_str()), 0);
+        ScratchDir::TearDown();
     }
     int semValue()
     {
         int id = semget(key_, 1, 0);
         return id == -1 ? -1 : semctl(id, 0, GETVAL);
     }
-    std::string logText() { return slurp(dir_ + "/log.txt"); }
+    std::string logText() { return ReadFile(dir_ + "/log.txt"); }
 
-    std::string dir_;
     std::string file_;
     int key_ = 0;
     DbPrintf_Class* log_ = nullptr;
@@ -99,7 +80,7 @@ TEST_F(CfgFileTest, ReadFollowsTheLineSyntax)
     };
     for (const ReadRow& row : rows) {
         SCOPED_TRACE(row.note);
-        spit(file_, row.content);
+        WriteFile(file_, row.content);
         char out[256];
         std::memset(out, 'Z', sizeof out);
         EXPECT_EQ(co_CfgFile_Read(file_.c_str(), key_, row.item, out, row.outSize, nullptr), row.code);
@@ -137,7 +118,7 @@ TEST_F(CfgFileTest, ArgumentAndFileFailuresLogTheirTexts)
 
 TEST_F(CfgFileTest, WriteReplacesEveryMatchAndKeepsTemporaryAndBackup)
 {
-    spit(file_,
+    WriteFile(file_,
          "# comment a=1\n"
          " a=indented\n"
          "a=1\n"
@@ -154,19 +135,19 @@ TEST_F(CfgFileTest, WriteReplacesEveryMatchAndKeepsTemporaryAndBackup)
         "a=new\n"
         "novalue\n=\n"  // a line without '=' gains a "=" line
         "=lead\n";
-    EXPECT_EQ(slurp(file_), expected);
-    EXPECT_EQ(slurp(file_ + "__"), expected) << "the temporary stays";
-    EXPECT_EQ(slurp(file_ + "_"), expected) << "the backup holds the new content";
+    EXPECT_EQ(ReadFile(file_), expected);
+    EXPECT_EQ(ReadFile(file_ + "__"), expected) << "the temporary stays";
+    EXPECT_EQ(ReadFile(file_ + "_"), expected) << "the backup holds the new content";
     EXPECT_EQ(semValue(), 1);
 }
 
 TEST_F(CfgFileTest, WriteOfMissingItemRewritesButNeverAppends)
 {
-    spit(file_, "a=1\r\nb=2");
+    WriteFile(file_, "a=1\r\nb=2");
     EXPECT_EQ(co_CfgFile_Write(file_.c_str(), key_, "c", "3", log_), NOTFOUND_ITEM);
     // CR of the CRLF line is part of the old value and is kept; the last
     // line gains its newline.
-    EXPECT_EQ(slurp(file_), "a=1\r\nb=2\n");
+    EXPECT_EQ(ReadFile(file_), "a=1\r\nb=2\n");
     EXPECT_NE(logText().find("[co_CfgFile_Write] not found itemname c\n"), std::string::npos);
 
     const std::string name(200, 'n');
@@ -183,14 +164,14 @@ TEST_F(CfgFileTest, CopyKeepsLongLinesAndSizeCountsOneMore)
 {
     const std::string from = dir_ + "/from";
     const std::string text = std::string(600, 'q') + "\nshort\n";
-    spit(from, text);
+    WriteFile(from, text);
     EXPECT_EQ(co_CfgFile_Copy(from.c_str(), from.c_str(), log_), INVALID_ARGUMENT);
     EXPECT_NE(logText().find("[co_CfgFile_Copy] fromfile(" + from + ") == tofileto\n"), std::string::npos);
     ASSERT_EQ(co_CfgFile_Copy(from.c_str(), file_.c_str(), log_), SUCCESS);
-    EXPECT_EQ(slurp(file_), text);
+    EXPECT_EQ(ReadFile(file_), text);
 
     int size = 0;
-    spit(file_, "0123456789");
+    WriteFile(file_, "0123456789");
     ASSERT_EQ(co_CfgFile_GetSize(file_.c_str(), key_, &size, nullptr), SUCCESS);
     EXPECT_EQ(size, 11);
     char buf[8] = "#######";
@@ -201,7 +182,7 @@ TEST_F(CfgFileTest, CopyKeepsLongLinesAndSizeCountsOneMore)
 
 TEST_F(CfgFileTest, UserNameReadGivesTheNumberOfTheMatchingUser)
 {
-    spit(file_,
+    WriteFile(file_,
          "u_user_name_0001=bob\n"
          "#u_user_name_0002=alice\n"
          "other=alice\n"
@@ -266,7 +247,7 @@ TEST_F(CfgFileTest, ReaderInAnotherProcessNeverSeesAHalfWrittenFile)
     for (int i = 0; i < 400; ++i)
         content += "filler_" + std::to_string(i) + "=" + std::string(100, 'f') + "\n";
     content += "item=" + valueA + "\n";
-    spit(file_, content);
+    WriteFile(file_, content);
 
     constexpr int kRounds = 300;
     pid_t pid = fork();

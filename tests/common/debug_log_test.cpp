@@ -7,7 +7,6 @@
 
 #include <atomic>
 #include <filesystem>
-#include <fstream>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -15,6 +14,7 @@
 
 #include "common/debug_log.h"
 #include "common/return_codes.h"
+#include "common/test_files.h"
 
 namespace {
 
@@ -23,29 +23,15 @@ namespace fs = std::filesystem;
 constexpr int kFunc = 0x1000;
 constexpr long kLimit = 0x100000;
 
-class DebugLogTest : public ::testing::Test {
+class DebugLogTest : public test_files::ScratchDir {
 protected:
-    void SetUp() override
-    {
-        char tmpl[] = "/tmp/ostrel_log_XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir_ = tmpl;
-    }
-    void TearDown() override { fs::remove_all(dir_); }
-
     std::string Path(const std::string& name) const { return dir_ + "/" + name; }
     std::string Gen(int i) const { return Path("t_log" + std::to_string(i) + ".txt"); }
 
-    static std::string Read(const std::string& path)
-    {
-        std::ifstream in(path, std::ios::binary);
-        std::stringstream ss;
-        ss << in.rdbuf();
-        return ss.str();
-    }
+    static std::string Read(const std::string& path) { return test_files::ReadFile(path); }
     static void Fill(const std::string& path, long size, char c = 'x')
     {
-        std::ofstream(path, std::ios::binary) << std::string(static_cast<size_t>(size), c);
+        test_files::WriteFile(path, std::string(static_cast<size_t>(size), c));
     }
     // Changes the file's status (chmod) until its ctime is strictly later
     // than other's: waits for the clock to move, whatever its granularity.
@@ -63,8 +49,6 @@ protected:
             usleep(1000);
         }
     }
-
-    std::string dir_;
 };
 
 // Replaces each time stamp "[YYYY/MM/DD hh:mm:ss" with "[T" and the

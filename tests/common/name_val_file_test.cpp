@@ -2,55 +2,36 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <fstream>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include <unistd.h>
 
 #include "common/return_codes.h"
+#include "common/test_files.h"
 
 namespace {
 
 using Pairs = std::vector<std::pair<std::string, std::string>>;
 
-std::string span(const OneToken_Class& t)
-{
-    return t.GetPtr() == nullptr ? std::string()
-                                 : std::string(reinterpret_cast<const char*>(t.GetPtr()),
-                                               static_cast<size_t>(t.GetLength()));
-}
+using test_files::TokenText;
 
 Pairs pairsOf(const Parsing_NameValFile_Class& p)
 {
     Pairs out;
     for (int i = 0; i < p.GetCount(); ++i)
-        out.emplace_back(span(p.Get(i)->m_Name), span(p.Get(i)->m_Val));
+        out.emplace_back(TokenText(p.Get(i)->m_Name), TokenText(p.Get(i)->m_Val));
     return out;
 }
 
-class NameValFileTest : public ::testing::Test {
+class NameValFileTest : public test_files::ScratchDir {
 protected:
     void SetUp() override
     {
-        char tmpl[] = "/tmp/ostrel_nvXXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir_ = tmpl;
+        ScratchDir::SetUp();
         path_ = dir_ + "/ifcfg";
     }
-    void TearDown() override
-    {
-        std::string cmd = "rm -rf '" + dir_ + "'";
-        ASSERT_EQ(std::system(cmd.c_str()), 0);
-    }
-    void write(const std::string& text)
-    {
-        std::ofstream out(path_, std::ios::binary | std::ios::trunc);
-        out << text;
-    }
-    std::string dir_;
+    void write(const std::string& text) { test_files::WriteFile(path_, text); }
     std::string path_;
 };
 
@@ -96,7 +77,7 @@ TEST_F(NameValFileTest, PairsPointIntoTheImageAndSearchByName)
     ASSERT_EQ(parser.Parsing_FromFile(path_.c_str()), SUCCESS);
     OneToken_Class* val = nullptr;
     ASSERT_EQ(parser.Search_NameToVal("IPADDR", &val), SUCCESS);
-    EXPECT_EQ(span(*val), "192.168.0.5");
+    EXPECT_EQ(TokenText(*val), "192.168.0.5");
     EXPECT_EQ(val->IsMemAlloc(), 0) << "values are borrowed from the image";
     EXPECT_EQ(parser.Search_NameToVal("GATEWAY", &val), NOTFOUND_ITEM);
 }

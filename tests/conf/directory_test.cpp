@@ -1,41 +1,30 @@
 #include "conf/directory.h"
 
-#include <stdlib.h>
-#include <unistd.h>
-
-#include <fstream>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "common/return_codes.h"
+#include "common/test_files.h"
 #include "conf/name_check.h"
 
 namespace {
 
-class DirectoryTest : public ::testing::Test {
+class DirectoryTest : public test_files::ScratchDir {
 protected:
     void SetUp() override
     {
-        char tmpl[] = "/tmp/ostrel_dir_XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        m_Dir = tmpl;
-        m_Path = m_Dir + "/Directory.Conf";
-    }
-    void TearDown() override
-    {
-        unlink(m_Path.c_str());
-        rmdir(m_Dir.c_str());
+        ScratchDir::SetUp();
+        m_Path = dir_ + "/Directory.Conf";
     }
     int Parse(const std::string& bytes)
     {
-        std::ofstream(m_Path, std::ios::binary) << bytes;
+        test_files::WriteFile(m_Path, bytes);
         return m_Conf.Parsing_FromFile(m_Path.c_str());
     }
     static std::string Text(const char* dir) { return dir ? dir : "<absent>"; }
 
-    std::string m_Dir;
     std::string m_Path;
     PPD_Directory_Class m_Conf;
 };
@@ -76,7 +65,7 @@ TEST_F(DirectoryTest, DocumentTable)
         EXPECT_EQ(Text(m_Conf.GetUnixDomainSockDir()), row.sockDir);
         EXPECT_EQ(Text(m_Conf.GetStatesDir()), row.statesDir);
     }
-    EXPECT_EQ(m_Conf.Parsing_FromFile((m_Dir + "/none").c_str()), CANNOT_FILEOPEN);
+    EXPECT_EQ(m_Conf.Parsing_FromFile((dir_ + "/none").c_str()), CANNOT_FILEOPEN);
 }
 
 TEST_F(DirectoryTest, StatesFilePathRule)

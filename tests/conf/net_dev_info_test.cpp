@@ -4,44 +4,25 @@
 
 #include <atomic>
 #include <cstdio>
-#include <cstdlib>
-#include <fstream>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include <unistd.h>
 
 #include "common/return_codes.h"
 #include "common/string_buf.h"
+#include "common/test_files.h"
 
 namespace {
 
-std::string text(const OneToken_Class& t)
-{
-    return t.GetPtr() == nullptr ? std::string()
-                                 : std::string(reinterpret_cast<const char*>(t.GetPtr()),
-                                               static_cast<size_t>(t.GetLength()));
-}
+using test_files::TokenText;
 
-class NetDevInfoTest : public ::testing::Test {
+class NetDevInfoTest : public test_files::ScratchDir {
 protected:
-    void SetUp() override
-    {
-        char tmpl[] = "/tmp/ostrel_ifcfgXXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir_ = tmpl;
-    }
-    void TearDown() override
-    {
-        std::string cmd = "rm -rf '" + dir_ + "'";
-        ASSERT_EQ(std::system(cmd.c_str()), 0);
-    }
     void ifcfg(const std::string& device, const std::string& body)
     {
-        std::ofstream(dir_ + "/ifcfg-" + device, std::ios::trunc) << body;
+        test_files::WriteFile(dir_ + "/ifcfg-" + device, body);
     }
-    std::string dir_;
 };
 
 TEST_F(NetDevInfoTest, AddressComesFromTheFileThenFromTheCache)
@@ -50,12 +31,12 @@ TEST_F(NetDevInfoTest, AddressComesFromTheFileThenFromTheCache)
     NetDevInfo_Class info(dir_.c_str());
     OneToken_Class out;
     ASSERT_EQ(info.GetInfo_IPString("eth0", &out), SUCCESS);
-    EXPECT_EQ(text(out), "192.168.0.5");
+    EXPECT_EQ(TokenText(out), "192.168.0.5");
 
     // The file is gone and the name is in capitals: only the cache can answer.
     ASSERT_EQ(std::remove((dir_ + "/ifcfg-eth0").c_str()), 0);
     ASSERT_EQ(info.GetInfo_IPString("ETH0", &out), SUCCESS);
-    EXPECT_EQ(text(out), "192.168.0.5");
+    EXPECT_EQ(TokenText(out), "192.168.0.5");
 
 }
 
@@ -87,13 +68,13 @@ TEST_F(NetDevInfoTest, FilesWithoutAUsableAddress)
             ifcfg(row.device, row.body);
         OneToken_Class out;
         EXPECT_EQ(info.GetInfo_IPString(row.device, &out), row.code);
-        EXPECT_EQ(text(out), row.ip);
+        EXPECT_EQ(TokenText(out), row.ip);
     }
     // A failed lookup is not cached: once the file appears it is found.
     ifcfg("eth1", "IPADDR=10.9.9.9\n");
     OneToken_Class out;
     EXPECT_EQ(info.GetInfo_IPString("eth1", &out), SUCCESS);
-    EXPECT_EQ(text(out), "10.9.9.9");
+    EXPECT_EQ(TokenText(out), "10.9.9.9");
 }
 
 TEST_F(NetDevInfoTest, ConcurrentLookupsAgreeAndCacheEachDeviceOnce)
@@ -117,7 +98,7 @@ TEST_F(NetDevInfoTest, ConcurrentLookupsAgreeAndCacheEachDeviceOnce)
                 OneToken_Class out;
                 std::string name = "dev" + std::to_string(d);
                 if (info.GetInfo_IPString(name.c_str(), &out) != SUCCESS ||
-                    text(out) != "10.0.0." + std::to_string(d + 1))
+                    TokenText(out) != "10.0.0." + std::to_string(d + 1))
                     wrong.fetch_add(1);
             }
         });

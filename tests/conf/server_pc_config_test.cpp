@@ -3,25 +3,17 @@
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
-#include <cstdlib>
-#include <fstream>
 #include <string>
-
-#include <unistd.h>
 
 #include "common/return_codes.h"
 #include "common/string_buf.h"
+#include "common/test_files.h"
 #include "conf/net_dev_info.h"
 #include "xml/xml_parser.h"
 
 namespace {
 
-std::string text(const OneToken_Class& t)
-{
-    return t.GetPtr() == nullptr ? std::string()
-                                 : std::string(reinterpret_cast<const char*>(t.GetPtr()),
-                                               static_cast<size_t>(t.GetLength()));
-}
+using test_files::TokenText;
 
 std::string dotted(const in_addr& a)
 {
@@ -32,31 +24,27 @@ std::string dotted(const in_addr& a)
 
 // Device names in the documents resolve through the process-wide cache,
 // pointed at a directory of the test's own interface files.
-class ServerPCConfigTest : public ::testing::Test {
+class ServerPCConfigTest : public test_files::ScratchDir {
 protected:
     void SetUp() override
     {
-        char tmpl[] = "/tmp/ostrel_spcXXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir_ = tmpl;
+        ScratchDir::SetUp();
         path_ = dir_ + "/ServerPC.Conf";
-        std::ofstream(dir_ + "/ifcfg-spctest0") << "IPADDR=172.16.0.4\n";
+        test_files::WriteFile(dir_ + "/ifcfg-spctest0", "IPADDR=172.16.0.4\n");
         ASSERT_EQ(g_NetDevInfo.SetConfigDir(dir_.c_str()), SUCCESS);
     }
     void TearDown() override
     {
         g_NetDevInfo.SetConfigDir(NETDEV_CONFIG_DIR);
-        std::string cmd = "rm -rf '" + dir_ + "'";
-        ASSERT_EQ(std::system(cmd.c_str()), 0);
+        ScratchDir::TearDown();
     }
-    void document(const std::string& xml) { std::ofstream(path_, std::ios::trunc) << xml; }
+    void document(const std::string& xml) { test_files::WriteFile(path_, xml); }
     std::string dump(const PPD_ServerPCConfig_Class& cfg)
     {
         StringBuf_Class buf(1024);
         EXPECT_EQ(cfg.OutputBuffer(&buf), SUCCESS);
         return buf.c_str();
     }
-    std::string dir_;
     std::string path_;
 };
 
@@ -78,18 +66,18 @@ TEST_F(ServerPCConfigTest, ReadsEveryEntryAndKeepsFaultyOnesApart)
     EXPECT_EQ(std::string(cfg.GetMessage()), "'" + path_ + "' read success.\n");
 
     EXPECT_EQ(cfg.m_MastorControlD.m_nState, 0);
-    EXPECT_EQ(text(cfg.m_MastorControlD.m_ExistencePC), "yes");
+    EXPECT_EQ(TokenText(cfg.m_MastorControlD.m_ExistencePC), "yes");
     EXPECT_EQ(dotted(cfg.m_MastorControlD.m_Addr), "10.0.0.1");
     EXPECT_EQ(cfg.m_MastorControlD.m_nPort, 8001);
 
     EXPECT_EQ(cfg.m_PreHTTPD_PublicPort.m_nState, 0) << "only the first element of a name counts";
-    EXPECT_EQ(text(cfg.m_PreHTTPD_PublicPort.m_IPString), "172.16.0.4");
+    EXPECT_EQ(TokenText(cfg.m_PreHTTPD_PublicPort.m_IPString), "172.16.0.4");
     EXPECT_EQ(cfg.m_PreHTTPD_PublicPort.m_nPort, 80);
 
     EXPECT_EQ(cfg.m_PreHTTPD_ControlPort.m_nState, -1) << "unknown device";
     EXPECT_EQ(cfg.m_HTTPD_Port.m_nState, -1) << "invalid address";
     EXPECT_EQ(cfg.m_PPD.m_nState, 0);
-    EXPECT_EQ(text(cfg.m_PPD.m_IPString), "10.0.0.5");
+    EXPECT_EQ(TokenText(cfg.m_PPD.m_IPString), "10.0.0.5");
 
     EXPECT_EQ(dump(cfg),
               "<MasterControlD> IP[ 10.0.0.1 ] Port[ 8001 ]\n"
@@ -102,7 +90,7 @@ TEST_F(ServerPCConfigTest, ReadsEveryEntryAndKeepsFaultyOnesApart)
     document("<ServerPC.Conf><PPD><IP4_Address>10.0.0.1</IP4_Address></PPD></ServerPC.Conf>");
     ASSERT_EQ(cfg.Parsing_FromFile(path_.c_str()), SUCCESS);
     EXPECT_EQ(cfg.m_MastorControlD.m_nState, -1);
-    EXPECT_EQ(text(cfg.m_MastorControlD.m_ExistencePC), "");
+    EXPECT_EQ(TokenText(cfg.m_MastorControlD.m_ExistencePC), "");
 }
 
 TEST_F(ServerPCConfigTest, DocumentFailuresLeaveAMessage)
@@ -158,7 +146,7 @@ TEST_F(ServerPCConfigTest, AddressOrDeviceOfOneElement)
         if (row.code == SUCCESS) {
             EXPECT_EQ(kind, row.kind);
         }
-        EXPECT_EQ(text(out), row.address);
+        EXPECT_EQ(TokenText(out), row.address);
     }
 }
 

@@ -5,39 +5,26 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "common/return_codes.h"
+#include "common/test_files.h"
 
 namespace {
 
-class StatesFileTest : public ::testing::Test {
+class StatesFileTest : public test_files::ScratchDir {
 protected:
     void SetUp() override
     {
-        char tmpl[] = "/tmp/ostrel_states_XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        m_Dir = tmpl;
-        m_Path = m_Dir + "/cam01.States";
+        ScratchDir::SetUp();
+        m_Path = dir_ + "/cam01.States";
         ASSERT_EQ(m_States.Init("cam01", m_Path.c_str()), SUCCESS);
     }
-    void TearDown() override
-    {
-        unlink(m_Path.c_str());
-        rmdir(m_Dir.c_str());
-    }
-    std::string ReadFile() const
-    {
-        std::stringstream ss;
-        ss << std::ifstream(m_Path, std::ios::binary).rdbuf();
-        return ss.str();
-    }
-    void WriteFile(const std::string& bytes) const { std::ofstream(m_Path, std::ios::binary) << bytes; }
+    std::string ReadFile() const { return test_files::ReadFile(m_Path); }
+    void WriteFile(const std::string& bytes) const { test_files::WriteFile(m_Path, bytes); }
 
     // The PPD_VersionTime text. The build stamp itself is unknown here, so
     // tests compare its shape: digits become '9', letters 'a'.
@@ -61,7 +48,6 @@ protected:
         return m != std::string::npos && m % 3 == 0 && (Shape(s) == "aaa 99 9999" || Shape(s) == "aaa  9 9999");
     }
 
-    std::string m_Dir;
     std::string m_Path;
     PPDStatesFile_Class m_States;
 };
@@ -154,7 +140,7 @@ TEST_F(StatesFileTest, PresenceAndRemoval)
     EXPECT_EQ(m_States.IsFile(), NOTFOUND_FILE);
     EXPECT_EQ(m_States.FileUnLink(), SYS_FUNC_ERROR);
 
-    ASSERT_EQ(m_States.Init("cam01", (m_Dir + "/missing/cam01.States").c_str()), SUCCESS);
+    ASSERT_EQ(m_States.Init("cam01", (dir_ + "/missing/cam01.States").c_str()), SUCCESS);
     EXPECT_EQ(m_States.StatesWrite("NormalOperating"), SYS_FUNC_ERROR);
     EXPECT_EQ(m_States.StatesWrite_WithComment("ErrorExit", "For invalid argument"), SYS_FUNC_ERROR);
 }

@@ -2,9 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <fstream>
-#include <sstream>
 #include <string>
 
 #include <sys/stat.h>
@@ -13,24 +10,22 @@
 
 #include "common/return_codes.h"
 #include "common/string_buf.h"
+#include "common/test_files.h"
 
 namespace {
 
-class WriteIfChangedTest : public ::testing::Test {
+class WriteIfChangedTest : public test_files::ScratchDir {
 protected:
     void SetUp() override
     {
-        char tmpl[] = "/tmp/ostrel_wicXXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir_ = tmpl;
+        ScratchDir::SetUp();
         path_ = dir_ + "/file";
         oldMask_ = umask(022);
     }
     void TearDown() override
     {
         umask(oldMask_);
-        std::string cmd = "rm -rf '" + dir_ + "'";
-        ASSERT_EQ(std::system(cmd.c_str()), 0);
+        ScratchDir::TearDown();
     }
     int put(const std::string& text)
     {
@@ -38,20 +33,13 @@ protected:
         buf.add("%s", text.c_str());
         return FileIsNewCheck_AndWrite(path_.c_str(), &buf);
     }
-    std::string content()
-    {
-        std::ifstream in(path_, std::ios::binary);
-        std::ostringstream ss;
-        ss << in.rdbuf();
-        return ss.str();
-    }
+    std::string content() { return test_files::ReadFile(path_); }
     struct stat info()
     {
         struct stat st {};
         EXPECT_EQ(stat(path_.c_str(), &st), 0);
         return st;
     }
-    std::string dir_;
     std::string path_;
     mode_t oldMask_ = 0;
 };

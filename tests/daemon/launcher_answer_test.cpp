@@ -9,22 +9,15 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
+#include "common/test_files.h"
+
 namespace {
 
-std::string slurp(const std::string& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
-
-void spit(const std::string& path, const std::string& text) { std::ofstream(path, std::ios::binary) << text; }
+using test_files::ReadFile;
+using test_files::WriteFile;
 
 // A CGI answer as the launcher reads it.
 std::string cgi(const std::string& body)
@@ -44,30 +37,24 @@ struct Outcome {
 
 // Each test gets a fresh, empty working directory. Sanitizer reports of the
 // program go to files in it and fail the test.
-class LauncherAnswerTest : public ::testing::Test {
+class LauncherAnswerTest : public test_files::ScratchDir {
 protected:
-    void SetUp() override
-    {
-        char tmpl[] = "/tmp/ostrel_launcherXXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir_ = tmpl;
-    }
     void TearDown() override
     {
         glob_t found{};
         if (glob((dir_ + "/sanitizer*").c_str(), 0, nullptr, &found) == 0) {
             for (size_t i = 0; i < found.gl_pathc; ++i)
-                ADD_FAILURE() << slurp(found.gl_pathv[i]);
+                ADD_FAILURE() << ReadFile(found.gl_pathv[i]);
         }
         globfree(&found);
-        ASSERT_EQ(std::system(("rm -rf '" + dir_ + "'").c_str()), 0);
+        ScratchDir::TearDown();
     }
 
     // Runs the program in the directory to its end with exactly the given
     // environment (plus sanitizer options) and stdin text.
     Outcome run(std::vector<std::string> args, std::vector<std::string> env = {}, const std::string& in = "")
     {
-        spit(dir_ + "/stdin.txt", in);
+        WriteFile(dir_ + "/stdin.txt", in);
         const std::string san = "log_path=" + dir_ + "/sanitizer";
         env.insert(env.end(), {"ASAN_OPTIONS=" + san, "UBSAN_OPTIONS=print_stacktrace=1:" + san,
                                "TSAN_OPTIONS=report_signal_unsafe=0:" + san});
@@ -91,12 +78,11 @@ protected:
         }
         Outcome r;
         waitpid(pid, &r.status, 0);
-        r.out = slurp(dir_ + "/stdout.txt");
-        r.err = slurp(dir_ + "/stderr.txt");
+        r.out = ReadFile(dir_ + "/stdout.txt");
+        r.err = ReadFile(dir_ + "/stderr.txt");
         return r;
     }
 
-    std::string dir_;
 };
 
 const std::string kUsage =
@@ -173,7 +159,7 @@ TEST_F(LauncherAnswerTest, AnswersEveryRequestExactly)
 
 TEST_F(LauncherAnswerTest, UnwritableStatesDirectoryIsReportedToTheLauncher)
 {
-    spit(dir_ + "/Directory.Conf", "<Directory.Conf><StatesDir>" + dir_ + "/none</StatesDir></Directory.Conf>\n");
+    WriteFile(dir_ + "/Directory.Conf", "<Directory.Conf><StatesDir>" + dir_ + "/none</StatesDir></Directory.Conf>\n");
     EXPECT_EQ(run({"-StartUp", "1"}).out,
               startFailed("States file does not create. Prease check a permission '" + dir_ + "/none/'"));
     EXPECT_EQ(run({"-StartUp_NonDeamon", "1"}).out, "");

@@ -13,13 +13,12 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <thread>
 
 #include "common/debug_log.h"
 #include "common/return_codes.h"
+#include "common/test_files.h"
 
 // The terminate handler writes its line through the process log, which
 // allocates and takes the log's mutex inside the handler. That is how the
@@ -35,26 +34,15 @@ extern "C" const char* __tsan_default_options()
 
 namespace {
 
+using test_files::ReadFile;
+using test_files::WriteFile;
+
 std::string MakeTempDir()
 {
     char tmpl[] = "/tmp/ostrel_proc_XXXXXX";
     const char* dir = mkdtemp(tmpl);
     EXPECT_NE(nullptr, dir);
     return dir ? dir : "/tmp";
-}
-
-std::string ReadFile(const std::string& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
-
-void WriteFile(const std::string& path, const std::string& text)
-{
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << text;
 }
 
 // Restores the dispositions a test changes, so later tests in the same

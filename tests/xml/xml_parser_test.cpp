@@ -1,11 +1,8 @@
 #include "xml/xml_parser.h"
 
 #include <pthread.h>
-#include <stdlib.h>
 #include <string.h>
-#include <unistd.h>
 
-#include <fstream>
 #include <memory>
 #include <string>
 #include <vector>
@@ -13,29 +10,18 @@
 #include <gtest/gtest.h>
 
 #include "common/return_codes.h"
+#include "common/test_files.h"
 
 namespace {
 
 enum class Loader { Copy, Borrow, File };
 
-class XmlParserTest : public ::testing::Test {
+class XmlParserTest : public test_files::ScratchDir {
 protected:
-    void SetUp() override
-    {
-        char tmpl[] = "/tmp/ostrel_xml_XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        m_Dir = tmpl;
-    }
-    void TearDown() override
-    {
-        for (const std::string& f : m_Files) unlink(f.c_str());
-        rmdir(m_Dir.c_str());
-    }
     std::string WriteFile(const std::string& name, const std::string& bytes)
     {
-        const std::string path = m_Dir + "/" + name;
-        std::ofstream(path, std::ios::binary) << bytes;
-        m_Files.push_back(path);
+        const std::string path = dir_ + "/" + name;
+        test_files::WriteFile(path, bytes);
         return path;
     }
     // A borrowed buffer is an exactly sized heap block kept by the fixture
@@ -51,8 +37,6 @@ protected:
         return parser->Construct_BufferPointerCopy(m_Borrowed.back().get(), size);
     }
 
-    std::string m_Dir;
-    std::vector<std::string> m_Files;
     std::vector<std::unique_ptr<unsigned char[]>> m_Borrowed;
 };
 
@@ -170,7 +154,7 @@ TEST_F(XmlParserTest, LoadersRefuseBadArgumentsAndSizes)
     XmlParser_Class p;
     EXPECT_EQ(p.ParserMain(), DEBUG_WARNING);
     EXPECT_EQ(p.Construct_FromFileOpen(nullptr), DEBUG_WARNING);
-    EXPECT_EQ(p.Construct_FromFileOpen((m_Dir + "/missing").c_str()), CANNOT_FILEOPEN);
+    EXPECT_EQ(p.Construct_FromFileOpen((dir_ + "/missing").c_str()), CANNOT_FILEOPEN);
     EXPECT_EQ(p.Construct_FromFileOpen(WriteFile("empty", "").c_str()), CANNOT_FILEOPEN);
     EXPECT_EQ(p.Construct_FromFileOpen(WriteFile("big", big).c_str()), DATA_LARGE_THEN_BUF);
     EXPECT_EQ(p.Construct_WithMemAlloc_BufferCopy(nullptr, 1), DEBUG_WARNING);

@@ -1,0 +1,66 @@
+#ifndef OSTREL_TESTS_COMMON_TEST_FILES_H
+#define OSTREL_TESTS_COMMON_TEST_FILES_H
+
+// Helpers of the unit tests that work on files: a scratch directory for each
+// test, whole-file reads and writes, and a token's bytes as a string.
+// Included as "common/test_files.h" from any test folder.
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <system_error>
+
+#include "common/tokens.h"
+
+namespace test_files {
+
+// The whole file; "" when it cannot be read.
+inline std::string ReadFile(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+// Replaces the file's content with exactly these bytes.
+inline void WriteFile(const std::string& path, const std::string& bytes)
+{
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
+}
+
+// The token's bytes; "" for an empty token.
+inline std::string TokenText(const OneToken_Class& t)
+{
+    return t.GetPtr() == nullptr
+               ? std::string()
+               : std::string(reinterpret_cast<const char*>(t.GetPtr()), static_cast<size_t>(t.GetLength()));
+}
+
+// Fixture base: dir_ is a fresh directory under /tmp for each test, removed
+// with everything in it afterwards. A derived SetUp calls ScratchDir::SetUp
+// first.
+class ScratchDir : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        char tmpl[] = "/tmp/ostrel_test_XXXXXX";
+        ASSERT_NE(mkdtemp(tmpl), nullptr);
+        dir_ = tmpl;
+    }
+    void TearDown() override
+    {
+        std::error_code ec;
+        std::filesystem::remove_all(dir_, ec);
+    }
+
+    std::string dir_;
+};
+
+} // namespace test_files
+
+#endif
