@@ -207,23 +207,6 @@ TEST_F(ThreadPoolTest, ThreadsThatIgnoreTheStopGiveTimeoutAndAreKept)
     EXPECT_EQ(3, probe.destroyed.load());
 }
 
-TEST_F(ThreadPoolTest, NinthThreadGrowsThePoolByEight)
-{
-    ElementPool<StubbornElement> pool(&probe);
-    EXPECT_EQ(8, pool.GetCapacity());
-    for (int i = 0; i < 9; i++) {
-        ASSERT_EQ(SUCCESS, pool.Add_Thread(nullptr)) << i;
-    }
-    EXPECT_EQ(16, pool.GetCapacity());
-    ASSERT_NE(nullptr, pool.GetElement(8));
-    EXPECT_EQ(8, pool.GetElement(8)->m_nIndex);
-    EXPECT_EQ(nullptr, pool.GetElement(9));
-    EXPECT_EQ(9, Count(pool));
-    probe.Release();
-    EXPECT_EQ(SUCCESS, pool.All_ThreadDestruct(10000));
-    EXPECT_EQ(9, probe.destroyed.load());
-}
-
 TEST_F(ThreadPoolTest, FinishedElementsAreClearedLazilyAndTheirSlotsReused)
 {
     // Held until both are started, so the second start cannot clear the first.
