@@ -6,6 +6,9 @@
 #include <string.h>
 #include <sys/time.h>
 
+#include <chrono>
+
+#include "camera/cam_wakeup.h"
 #include "common/debug_log.h"
 #include "common/return_codes.h"
 #include "common/time_utils.h"
@@ -60,6 +63,7 @@ int ControlPort_ServerThread::DoCommand_Ptipimg__img_login(DbPrintf_Class* pDB)
     timeval now;
     gettimeofday(&now, nullptr);
     SetNowTimePT(now);
+    NotifyCamThread();
 
     m_Header.clear();
     m_Body.clear();
@@ -91,7 +95,7 @@ int ControlPort_ServerThread::DoCommand_Ptipimg__get_image(DbPrintf_Class* pDB)
     int videoCapacity = 0;
     char option[kOptionSize + 1] = {};
     _StrOutInfo info{};
-    int attempts = 0;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::microseconds(kFrameWaitUsec);
     bool fifoEmpty = false;
     for (;;) {
         // A FIFO failure is answered and tried again at once, without
@@ -120,14 +124,15 @@ int ControlPort_ServerThread::DoCommand_Ptipimg__get_image(DbPrintf_Class* pDB)
             continue;
         }
 
-        UsecSleep(kPauseUsec, pDB);
-        ++attempts;
+        // The frame does not exist yet: wait for the camera thread's next
+        // commit, within what is left of the frame wait.
+        const bool arrived = g_Fifo.WaitForDataNo(next, deadline);
         if (StopRequested()) {
             AnswerText("ERROR_USER_ID:", pDB);
             m_nExitMark.store(-1, std::memory_order_relaxed);
             return HTTP_CONNECTIONCLOSE;
         }
-        if (attempts >= kFrameWaitAttempts) {
+        if (!arrived) {
             if (fifoEmpty)
                 TimePrint(pDB, 1, "ControlPort_ServerThread:ptippreimg.cgi get_image Error.ERROR_TRANSLATOR_RECEIVE for timeout:[200]\n");
             AnswerText("ERROR_TRANSLATOR_RECEIVE:", pDB);

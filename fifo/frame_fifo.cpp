@@ -496,12 +496,25 @@ int CMFifo::InputDataFinish(char* pInData_Option, int nInDataSize_Option)
             m_lnDataNo_PublicTop.store(lnTail - nLength_Fifo + 1, std::memory_order_relaxed);
         }
     }
+    if (ret == SUCCESS) {
+        // Without waiters this is a check of the condition's own word, no
+        // system call.
+        m_Committed.notify_all();
+    }
     LeaveSlots();
     return ret;
 }
 
 // ---------------------------------------------------------------------------
 // Reader side
+
+bool CMFifo::WaitForDataNo(long long lnDataNo, std::chrono::steady_clock::time_point deadline)
+{
+    std::unique_lock<std::mutex> lock(m_Mutex);
+    return m_Committed.wait_until(lock, deadline, [&] {
+        return m_lnDataNo_PublicTail.load(std::memory_order_relaxed) >= lnDataNo;
+    });
+}
 
 int CMFifo::GetTopTailDataNo(long long* pDataNo_PublicTop, long long* pDataNo_PublicTail)
 {

@@ -2,6 +2,8 @@
 #define OSTREL_FIFO_FRAME_FIFO_H
 
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <mutex>
 
 class DbPrintf_Class;
@@ -109,6 +111,12 @@ public:
     int GetData2(long long nDataNo, char** ppOutMem_Video, int* pOutMemSize_Video,
                  char* pOutMem_Option, int nOutMemSize_Option, _StrOutInfo* pOutInfo);
 
+    // Blocks until a frame numbered lnDataNo or later has been committed, or
+    // until the deadline passes, whichever comes first. Returns true when
+    // the frame is there. Readers that would otherwise poll for the next
+    // frame wait here: every commit wakes them. Call only while set up.
+    bool WaitForDataNo(long long lnDataNo, std::chrono::steady_clock::time_point deadline);
+
     // --- maintenance (not used by the daemon) -----------------------------
     // Changes the readable length to nNewLength_Fifo (>= 2). Waits until no
     // other operation is inside the FIFO; meanwhile they return
@@ -136,6 +144,8 @@ private:
     // before the lock, so they are atomics (relaxed: the mutex orders them).
     std::atomic<int> m_nSetup{0};
     std::mutex m_Mutex;
+    // Signalled after every commit (InputDataFinish), for WaitForDataNo.
+    std::condition_variable m_Committed;
     std::atomic<int> m_nChanging{0};
     std::atomic<int> m_nInUse{0};
     int nLength_Fifo = 0;

@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <algorithm>
+#include <chrono>
 #include <climits>
 #include <condition_variable>
 #include <functional>
@@ -283,6 +284,40 @@ TEST_F(FrameFifoTest, FailedFinishAndCancelLeaveTheNumbersAlone)
 
 // ---------------------------------------------------------------------------
 // Changing the readable length
+
+// A reader waiting for a frame that is not stored yet is woken by the
+// commit that stores it, not by a later one and not by a commit of an
+// earlier number; without a commit the wait ends at its deadline.
+TEST_F(FrameFifoTest, WaitForDataNoEndsAtTheCommitOfTheAskedFrameOrAtTheDeadline)
+{
+    using Clock = std::chrono::steady_clock;
+    EXPECT_FALSE(fifo.WaitForDataNo(0, Clock::now() + std::chrono::milliseconds(20)));
+
+    std::mutex m;
+    std::condition_variable cv;
+    int waitingFor = -1;
+    std::atomic<bool> woke{false};
+    std::thread reader([&] {
+        {
+            std::lock_guard<std::mutex> lock(m);
+            waitingFor = 1;
+        }
+        cv.notify_all();
+        // Generous deadline: the test fails by the flag below, not by time.
+        woke = fifo.WaitForDataNo(1, Clock::now() + std::chrono::seconds(60));
+    });
+    {
+        std::unique_lock<std::mutex> lock(m);
+        cv.wait(lock, [&] { return waitingFor == 1; });
+    }
+    WriteFrames(0, 1);  // frame 0: not the one asked for
+    EXPECT_FALSE(woke.load());
+    WriteFrames(1, 2);
+    reader.join();
+    EXPECT_TRUE(woke.load());
+    // Already stored: no wait at all, even with a deadline in the past.
+    EXPECT_TRUE(fifo.WaitForDataNo(1, Clock::now() - std::chrono::seconds(1)));
+}
 
 TEST_F(FrameFifoTest, ChangedLengthKeepsHeldFramesAndIsHonoured)
 {
