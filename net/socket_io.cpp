@@ -158,7 +158,10 @@ int recv_loop(int fd, char* buf, int len, int* got, int timeout_ms, int flags,
             *got = total;
             return SOCK_TIMEOUT;
         }
-        if (pauseUsec > 0) {
+        // The pause paces the passes that still have bytes to wait for.
+        // After the pass that filled the buffer there is no further pass
+        // (the loop returns at its top), so it is not slept.
+        if (pauseUsec > 0 && total < len) {
             UsecSleep(pauseUsec);
         }
     }
