@@ -7,6 +7,7 @@
 #include <new>
 
 #include "camera/axis_jpeg_client.h"
+#include "camera/cam_wakeup.h"
 #include "camera/channel_config.h"
 #include "camera/schedule_server_client.h"
 #include "camera/shared_state.h"
@@ -306,7 +307,17 @@ int Class_CamThread::ThreadMain(DbPrintf_Class*)
 
     int exitMark = 0;
     for (;;) {
-        UsecSleep(500);
+        const unsigned long long wake = CamThreadWakeSeq();
+        if (!loop.Streaming() && g_flagLoginUserExist.load(std::memory_order_relaxed) == 0 &&
+            !loop.ConfigChanged()) {
+            // Nobody is logged in and nothing is streaming: the pass would
+            // only look for a settings change and a stop. Wait for a login
+            // or a settings change (both wake this at once), looking for a
+            // stop every idle slice.
+            WaitCamThreadWake(wake, kIdleSliceUsec);
+        } else {
+            UsecSleep(500);
+        }
 
         if (loop.ConfigChanged()) {
             loop.ApplyConfigChange(&exitMark);

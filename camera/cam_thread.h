@@ -24,6 +24,9 @@ public:
     static constexpr int SOCKET_TIMEOUT_MS = 2000;
     // Longest wait after failed starts: 2^4 seconds.
     static constexpr int MAX_BACKOFF_EXPONENT = 4;
+    // While nobody is logged in the thread waits for a login or a settings
+    // change in slices of this length, looking for a stop after each.
+    static constexpr long long kIdleSliceUsec = 100000;
 
     Class_CamThread();
     ~Class_CamThread() override;

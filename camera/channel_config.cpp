@@ -5,6 +5,7 @@
 #include <cstring>
 #include <strings.h>
 
+#include "camera/cam_wakeup.h"
 #include "common/cfg_file.h"
 #include "common/return_codes.h"
 #include "common/string_utils.h"
@@ -104,6 +105,7 @@ int configInfoIO_Class::mutex_ReadParamFromFileAndTimeUpdate_WithChNum(int chann
     if (stamp <= old)
         stamp = old + 1;
     m_lnUpdateTime.store(stamp, std::memory_order_relaxed);
+    NotifyCamThread();
     return SUCCESS;
 }
 
