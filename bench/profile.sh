@@ -44,7 +44,7 @@ done
     > "$out/viewer.txt" &
 pids="$pids $!"
 sleep 2
-perf record -q -e cpu-clock -F 499 --call-graph dwarf,16384 -o "$out/perf.data" -p "$daemon" -- sleep 8 2>/dev/null
+perf record -q -e cpu-clock -F 4999 --call-graph dwarf,16384 -o "$out/perf.data" -p "$daemon" -- sleep 8 2>/dev/null
 strace -c -f -p "$daemon" -o "$out/strace.txt" &
 st=$!
 sleep 6

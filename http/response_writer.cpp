@@ -153,7 +153,9 @@ int HttpResponse_SendMessage(int fd, const char* head, int headLength, const cha
                              DbPrintf_Class* pDB)
 {
     int sent = 0;
-    int rc = Sock_Send(fd, head, headLength, &sent, timeout_ms, exitFlag, pDB);
+    // A body follows the head at once: both leave in one segment.
+    int rc = bodyLength >= 1 ? Sock_SendMore(fd, head, headLength, &sent, timeout_ms, exitFlag, pDB)
+                             : Sock_Send(fd, head, headLength, &sent, timeout_ms, exitFlag, pDB);
     if (rc != SUCCESS) {
         return rc;
     }

@@ -500,8 +500,11 @@ int Sock_Send_OneBlock(int fd, const void* buf, int len, int* sent, int timeout_
     return SUCCESS;
 }
 
-int Sock_Send(int fd, const void* buf, int len, int* sent, int timeout_ms,
-              SockExitFlag* exitFlag, DbPrintf_Class* /*pDB*/)
+namespace {
+
+// The loop of Sock_Send and Sock_SendMore; extraFlags go to every send.
+int send_loop(int fd, const void* buf, int len, int* sent, int timeout_ms, SockExitFlag* exitFlag,
+              int extraFlags)
 {
     if (sent == nullptr || (buf == nullptr && len > 0)) {
         return DEBUG_WARNING;
@@ -517,7 +520,7 @@ int Sock_Send(int fd, const void* buf, int len, int* sent, int timeout_ms,
         }
         int n = 0;
         const int rc = Sock_Send_OneBlock(fd, p + total, len - total, &n, timeout_ms,
-                                          SOCK_FIXED_FLAGS);
+                                          SOCK_FIXED_FLAGS | extraFlags);
         if (rc == SOCK_INTERRUPT && exit_requested(exitFlag)) {
             *sent = total;
             return LOOP_INTERRUPTED;
@@ -536,6 +539,20 @@ int Sock_Send(int fd, const void* buf, int len, int* sent, int timeout_ms,
             return SOCK_TIMEOUT;
         }
     }
+}
+
+} // namespace
+
+int Sock_Send(int fd, const void* buf, int len, int* sent, int timeout_ms,
+              SockExitFlag* exitFlag, DbPrintf_Class* /*pDB*/)
+{
+    return send_loop(fd, buf, len, sent, timeout_ms, exitFlag, 0);
+}
+
+int Sock_SendMore(int fd, const void* buf, int len, int* sent, int timeout_ms,
+                  SockExitFlag* exitFlag, DbPrintf_Class* /*pDB*/)
+{
+    return send_loop(fd, buf, len, sent, timeout_ms, exitFlag, MSG_MORE);
 }
 
 int Sock_Write(int fd, const void* buf, int len, int* sent, DbPrintf_Class* /*pDB*/)

@@ -151,6 +151,13 @@ int Sock_Send_OneBlock(int fd, const void* buf, int len, int* sent, int timeout_
 int Sock_Send(int fd, const void* buf, int len, int* sent, int timeout_ms,
               SockExitFlag* exitFlag, DbPrintf_Class* pDB = nullptr);
 
+// As Sock_Send, but tells the system that more bytes follow at once
+// (MSG_MORE), so that a short head and the body sent right after it leave
+// in one segment instead of two. Use it only when the next send on the
+// socket follows without delay: the bytes wait for it (or for the close).
+int Sock_SendMore(int fd, const void* buf, int len, int* sent, int timeout_ms,
+                  SockExitFlag* exitFlag, DbPrintf_Class* pDB = nullptr);
+
 // Simple writer: passes of Sock_Send_OneBlock (2000 ms, fixed flags) until
 // len bytes or a pass that sent 0 (SUCCESS, *sent = total); any failure,
 // SOCK_TIMEOUT included, is returned at once.
