@@ -9,6 +9,7 @@
 #include "common/return_codes.h"
 #include "common/time_utils.h"
 #include "common/tokens.h"
+#include "http/message_parser.h"
 
 namespace {
 
@@ -135,6 +136,18 @@ int HTTPBaseBuffer_Class::BodyReadFailed(int rc)
 {
     SetFailure(rc == SOCK_TIMEOUT ? 408 : 400, "HTTP body read faild.");
     return HTTP_BODY_READ_FAILD;
+}
+
+int HTTPBaseBuffer_Class::KeepAliveVerdict(const HTTPMessageParser_Class& parser) const
+{
+    if (m_nStatus == 0) {
+        return NOT_INITIALIZE;
+    }
+    bool http10 = parser.m_nMajorVersion == 1 && parser.m_nMinorVersion == 0;
+    if (m_nStatus == 200 && !http10 && parser.m_nKeepAlive == 1) {
+        return SUCCESS;
+    }
+    return HTTP_CONNECTIONCLOSE;
 }
 
 int HTTPBaseBuffer_Class::HttpRead_Header(int fd, int timeout_ms, SockExitFlag* exitFlag, DbPrintf_Class* pDB)

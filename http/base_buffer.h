@@ -4,6 +4,7 @@
 #include "net/socket_io.h"
 
 class DbPrintf_Class;
+class HTTPMessageParser_Class;
 class StaticArr_NameValToken_Class;
 
 // HTTPBaseBuffer_Class: the read buffer for all HTTP traffic. It takes a
@@ -111,6 +112,11 @@ protected:
     // A failed body read: HTTP_BODY_READ_FAILD, status 408 for SOCK_TIMEOUT
     // (HttpRead_Body never passes one through, so 400 in practice).
     int BodyReadFailed(int rc);
+    // Is_KeepAlive of the derived readers, given their parser:
+    // NOT_INITIALIZE before any read; SUCCESS when the last message was read
+    // whole (status 200), is not HTTP/1.0 and did not ask to close; else
+    // HTTP_CONNECTIONCLOSE.
+    int KeepAliveVerdict(const HTTPMessageParser_Class& parser) const;
     // ResetBuf, falling back to ClearBuf when the counters were left
     // inconsistent (a body cut short by the peer): the buffer never stays
     // stuck.

@@ -82,6 +82,14 @@ int HTTPMessageParser_Class::Fault(int status, DbPrintf_Class* pDB, const char* 
     return HTTP_INVALID_SYNTAX;
 }
 
+int HTTPMessageParser_Class::FailedStep(int rc, DbPrintf_Class* pDB, const char* func, const char* text)
+{
+    if (m_nStatus == 0) {
+        Fault(400, pDB, func, "%s", text);
+    }
+    return rc;
+}
+
 int HTTPMessageParser_Class::SkipRead_BeforeHTTPHeader_ReturnCode(DbPrintf_Class* pDB)
 {
     while (m_nPos < m_nSize) {

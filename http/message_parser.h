@@ -109,6 +109,10 @@ protected:
     // function name given (qualified) and returns HTTP_INVALID_SYNTAX.
     int Fault(int status, DbPrintf_Class* pDB, const char* func, const char* fmt, ...)
         __attribute__((format(printf, 5, 6)));
+    // The end of a failed parsing step (rc): a step that set a status keeps
+    // its own text; one that did not gets status 400 and text (as Fault).
+    // Returns rc.
+    int FailedStep(int rc, DbPrintf_Class* pDB, const char* func, const char* text);
 };
 
 #endif

@@ -159,11 +159,6 @@ int HTTPMultiPartResponseBuffer_Class::Is_KeepAlive(DbPrintf_Class* pDB)
 {
     if (m_nStatus == 0) {
         TimePrint(pDB, 1, "[HTTPMultiPartResponseBuffer_Class::Is_KeepAlive()] StatesCode == 0\n");
-        return NOT_INITIALIZE;
     }
-    bool http10 = Parser.m_nMajorVersion == 1 && Parser.m_nMinorVersion == 0;
-    if (m_nStatus == 200 && !http10 && Parser.m_nKeepAlive == 1) {
-        return SUCCESS;
-    }
-    return HTTP_CONNECTIONCLOSE;
+    return KeepAliveVerdict(Parser);
 }

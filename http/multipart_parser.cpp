@@ -16,10 +16,7 @@ int HTTPMultiPartResponseParser_Class::ParsingMulti(unsigned char* buf, int size
     // puts more than CR LF after a part's data still parses.
     int rc = SkipRead_BeforeHTTPHeader_ReturnCode(pDB);
     if (rc != SUCCESS) {
-        if (m_nStatus == 0) {
-            Fault(400, pDB, "HTTPMultiPartResponseParser_Class::ParsingMulti", "Syntax error before HTTP Header.");
-        }
-        return rc;
+        return FailedStep(rc, pDB, "HTTPMultiPartResponseParser_Class::ParsingMulti", "Syntax error before HTTP Header.");
     }
     int start = 0;
     int length = 0;
@@ -33,10 +30,7 @@ int HTTPMultiPartResponseParser_Class::ParsingMulti(unsigned char* buf, int size
     }
     rc = Parsing_HedderLine(pDB);
     if (rc != SUCCESS) {
-        if (m_nStatus == 0) {
-            Fault(400, pDB, "HTTPMultiPartResponseParser_Class::ParsingMulti", "Syntax error in HTTP header.");
-        }
-        return rc;
+        return FailedStep(rc, pDB, "HTTPMultiPartResponseParser_Class::ParsingMulti", "Syntax error in HTTP header.");
     }
     return SUCCESS;
 }

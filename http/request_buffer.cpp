@@ -38,12 +38,7 @@ int HTTPRequestBuffer_Class::HttpRead(int fd, int timeout_ms, SockExitFlag* exit
     case HTTPRequestParser_Class::METHOD_HEAD: {
         const HTTPURIParser_Class& uri = Parser.URIParser;
         if (uri.Flag_Have_CGIParam == 2) {
-            rc = CGIParam.Parsing(uri.CGIParam.GetPtr(), uri.CGIParam.GetLength(), pDB);
-            if (rc != SUCCESS) {
-                TimePrint(pDB, 1, "[HTTPRequestBuffer_Class::HttpRead()] CGIParam.Parsing failed ::%d\n", rc);
-                SetFailure(400, "Syntax error in CGI query string.");
-                return CGIPARAMS_SYNTAX_ERR;
-            }
+            return ParseParams(uri.CGIParam.GetPtr(), uri.CGIParam.GetLength(), pDB);
         }
         m_nStatus = 200;
         return SUCCESS;
@@ -102,7 +97,12 @@ int HTTPRequestBuffer_Class::ReadPostParams(int fd, int timeout_ms, SockExitFlag
         paramLength = length;
     }
 
-    rc = CGIParam.Parsing(body + paramOffset, paramLength, pDB);
+    return ParseParams(body + paramOffset, paramLength, pDB);
+}
+
+int HTTPRequestBuffer_Class::ParseParams(const unsigned char* text, int length, DbPrintf_Class* pDB)
+{
+    int rc = CGIParam.Parsing(text, length, pDB);
     if (rc != SUCCESS) {
         TimePrint(pDB, 1, "[HTTPRequestBuffer_Class::HttpRead()] CGIParam.Parsing failed ::%d\n", rc);
         SetFailure(400, "Syntax error in CGI query string.");
@@ -114,12 +114,5 @@ int HTTPRequestBuffer_Class::ReadPostParams(int fd, int timeout_ms, SockExitFlag
 
 int HTTPRequestBuffer_Class::Is_KeepAlive(DbPrintf_Class*)
 {
-    if (m_nStatus == 0) {
-        return NOT_INITIALIZE;
-    }
-    bool http10 = Parser.m_nMajorVersion == 1 && Parser.m_nMinorVersion == 0;
-    if (m_nStatus == 200 && !http10 && Parser.m_nKeepAlive == 1) {
-        return SUCCESS;
-    }
-    return HTTP_CONNECTIONCLOSE;
+    return KeepAliveVerdict(Parser);
 }

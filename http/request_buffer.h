@@ -51,6 +51,9 @@ public:
 
 private:
     int ReadPostParams(int fd, int timeout_ms, SockExitFlag* exitFlag, DbPrintf_Class* pDB);
+    // The parameters of a query or body: SUCCESS with status 200, or
+    // CGIPARAMS_SYNTAX_ERR with status 400 and its text.
+    int ParseParams(const unsigned char* text, int length, DbPrintf_Class* pDB);
 };
 
 #endif

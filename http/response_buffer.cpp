@@ -52,12 +52,5 @@ int HTTPResponseBuffer_Class::HttpRead(int fd, int timeout_ms, SockExitFlag* exi
 
 int HTTPResponseBuffer_Class::Is_KeepAlive(DbPrintf_Class*)
 {
-    if (m_nStatus == 0) {
-        return NOT_INITIALIZE;
-    }
-    bool http10 = Parser.m_nMajorVersion == 1 && Parser.m_nMinorVersion == 0;
-    if (m_nStatus == 200 && !http10 && Parser.m_nKeepAlive == 1) {
-        return SUCCESS;
-    }
-    return HTTP_CONNECTIONCLOSE;
+    return KeepAliveVerdict(Parser);
 }

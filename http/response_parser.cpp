@@ -82,25 +82,16 @@ int HTTPResponseParser_Class::Parsing(unsigned char* buf, int size, DbPrintf_Cla
     SetBuffer(buf, size);
     int rc = SkipRead_BeforeHTTPHeader_ReturnCode(pDB);
     if (rc != SUCCESS) {
-        if (m_nStatus == 0) {
-            Fault(400, pDB, "HTTPResponseParser_Class::Parsing", "Syntax error before HTTP Header.");
-        }
-        return rc;
+        return FailedStep(rc, pDB, "HTTPResponseParser_Class::Parsing", "Syntax error before HTTP Header.");
     }
     rc = ParseStatusLine(pDB);
     if (rc != SUCCESS) {
         // The fallback text is shared with the request reader on purpose.
-        if (m_nStatus == 0) {
-            Fault(400, pDB, "HTTPResponseParser_Class::Parsing", "Syntax error in HTTP Request Line.");
-        }
-        return rc;
+        return FailedStep(rc, pDB, "HTTPResponseParser_Class::Parsing", "Syntax error in HTTP Request Line.");
     }
     rc = Parsing_HedderLine(pDB);
     if (rc != SUCCESS) {
-        if (m_nStatus == 0) {
-            Fault(400, pDB, "HTTPResponseParser_Class::Parsing", "Syntax error in HTTP header.");
-        }
-        return rc;
+        return FailedStep(rc, pDB, "HTTPResponseParser_Class::Parsing", "Syntax error in HTTP header.");
     }
     return SUCCESS;
 }
