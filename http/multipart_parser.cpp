@@ -18,15 +18,9 @@ int HTTPMultiPartResponseParser_Class::ParsingMulti(unsigned char* buf, int size
     if (rc != SUCCESS) {
         return FailedStep(rc, pDB, "HTTPMultiPartResponseParser_Class::ParsingMulti", "Syntax error before HTTP Header.");
     }
-    int start = 0;
-    int length = 0;
-    rc = SkipRead_toOneHedderLineEnd(&start, &length, pDB);
+    rc = ReadLineText(pDB);
     if (rc != SUCCESS) {
         return rc;
-    }
-    m_Text.Clear();
-    if (length > 0) {
-        m_Text.Copy_OnlyPointer(m_pBuf + start, length);
     }
     rc = Parsing_HedderLine(pDB);
     if (rc != SUCCESS) {

@@ -64,9 +64,14 @@ int HTTPResponseParser_Class::ParseStatusLine(DbPrintf_Class* pDB)
         return HTTP_ACCESS_FAILD;
     }
 
+    return ReadLineText(pDB);
+}
+
+int HTTPResponseParser_Class::ReadLineText(DbPrintf_Class* pDB)
+{
     int start = 0;
     int length = 0;
-    rc = SkipRead_toOneHedderLineEnd(&start, &length, pDB);
+    int rc = SkipRead_toOneHedderLineEnd(&start, &length, pDB);
     if (rc != SUCCESS) {
         return rc;
     }

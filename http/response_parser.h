@@ -33,6 +33,9 @@ public:
 protected:
     // The status line, from the current position up to and past its LF.
     int ParseStatusLine(DbPrintf_Class* pDB);
+    // The rest of the current line, up to and past its LF, as m_Text (the
+    // reason phrase, or a part head's boundary line).
+    int ReadLineText(DbPrintf_Class* pDB);
 };
 
 #endif
