@@ -18,11 +18,20 @@ bool exit_requested(const SockExitFlag* exitFlag)
     return exitFlag != nullptr && exitFlag->load(std::memory_order_relaxed) == -1;
 }
 
-// Index just past the head's blank line, searching LFs in [from, filled):
-// LF LF ends it 2 bytes after the first LF, LF CR LF 3 bytes after. -1 when
-// the terminator is not (yet) complete.
-int find_head_end(const unsigned char* buf, int from, int filled)
+} // namespace
+
+int http_head::Scan::Next(const unsigned char* buf, int filled)
 {
+    if (leading) {
+        // Line ends before the head are not its blank line.
+        while (from < filled && (buf[from] == '\r' || buf[from] == '\n')) {
+            from++;
+        }
+        leading = from == filled;
+        if (leading) {
+            return -1;
+        }
+    }
     for (int i = from; i + 1 < filled; i++) {
         if (buf[i] != '\n') {
             continue;
@@ -34,10 +43,24 @@ int find_head_end(const unsigned char* buf, int from, int filled)
             return i + 3;
         }
     }
+    // Resume near the end: a terminator may be split over receives, and its
+    // first LF can be up to two bytes before the last byte seen.
+    if (filled - 3 > from) {
+        from = filled - 3;
+    }
     return -1;
 }
 
-} // namespace
+bool http_head::TimeUp(const timeval& before, int timeout_ms, long long* countedUsec)
+{
+    timeval after{};
+    gettimeofday(&after, nullptr);
+    long long spent = GetDifftime64(&before, &after);
+    if (spent / 1000 < timeout_ms) {
+        *countedUsec += spent;
+    }
+    return *countedUsec / 1000 >= timeout_ms;
+}
 
 HTTPBaseBuffer_Class::HTTPBaseBuffer_Class()
 {
@@ -160,8 +183,7 @@ int HTTPBaseBuffer_Class::ReadHead(int fd, int timeout_ms, SockExitFlag* exitFla
 {
     long long countedUsec = 0;
     m_nHeaderStart = m_nConsumed;
-    int searchFrom = m_nConsumed;
-    bool leading = skipLeadingLineEnds;
+    http_head::Scan scan{m_nConsumed, skipLeadingLineEnds};
 
     for (int pass = 0;; pass++) {
         if (m_nFilled >= m_nCapacity) {
@@ -192,36 +214,14 @@ int HTTPBaseBuffer_Class::ReadHead(int fd, int timeout_ms, SockExitFlag* exitFla
             m_nFilled += got;
         }
 
-        if (leading) {
-            // Line ends before the head are not its blank line.
-            while (searchFrom < m_nFilled && (m_pBuffer[searchFrom] == '\r' || m_pBuffer[searchFrom] == '\n')) {
-                searchFrom++;
-            }
-            leading = searchFrom == m_nFilled;
-        }
-        int end = leading ? -1 : find_head_end(m_pBuffer, searchFrom, m_nFilled);
+        int end = scan.Next(m_pBuffer, m_nFilled);
         if (end >= 0) {
             m_nHeaderLength = end - m_nHeaderStart;
             m_nBodyStart = end;
             m_nConsumed = end;
             return SUCCESS;
         }
-        // Resume near the end: a terminator may be split over receives, and
-        // its first LF can be up to two bytes before the last one received.
-        if (!leading) {
-            searchFrom = m_nFilled - 3 > searchFrom ? m_nFilled - 3 : searchFrom;
-        }
-
-        // Only passes shorter than the time-out count: a silent peer ends
-        // each pass by the wait's own time-out (returned above), a trickle
-        // adds up.
-        timeval after{};
-        gettimeofday(&after, nullptr);
-        long long spent = GetDifftime64(&before, &after);
-        if (spent / 1000 < timeout_ms) {
-            countedUsec += spent;
-        }
-        if (countedUsec / 1000 >= timeout_ms) {
+        if (http_head::TimeUp(before, timeout_ms, &countedUsec)) {
             return SOCK_TIMEOUT;
         }
     }

@@ -1,6 +1,8 @@
 #ifndef OSTREL_HTTP_BASE_BUFFER_H
 #define OSTREL_HTTP_BASE_BUFFER_H
 
+#include <sys/time.h>
+
 #include "net/socket_io.h"
 
 class DbPrintf_Class;
@@ -34,6 +36,29 @@ class StaticArr_NameValToken_Class;
 // Not thread-safe: one buffer belongs to one connection and one thread. The
 // exit flag may be set by another thread (it is atomic); a read ends with
 // LOOP_INTERRUPTED when it holds -1.
+// The pieces both head readers share (HTTPBaseBuffer_Class's, which
+// receives, and the multipart direct read's, which peeks first), so that
+// they find the same heads and count time alike.
+namespace http_head {
+
+// Where the head being read ends. The state is carried between receives:
+// from is where the search resumes, leading whether CR and LF bytes before
+// the head are still being passed over (set it false to take them as the
+// head's blank line). Next returns the index just past the blank line (LF LF
+// or LF CR LF) within buf[from, filled), or -1 when it is not complete yet.
+struct Scan {
+    int from;
+    bool leading;
+    int Next(const unsigned char* buf, int filled);
+};
+
+// Adds a receive pass that began at before to *countedUsec, unless the pass
+// alone lasted timeout_ms or more (a silent peer ends a pass by the wait's
+// own time-out; a trickle adds up). True when the sum reaches timeout_ms.
+bool TimeUp(const timeval& before, int timeout_ms, long long* countedUsec);
+
+} // namespace http_head
+
 class HTTPBaseBuffer_Class {
 public:
     static constexpr int ERROR_TEXT_SIZE = 512;

@@ -5,7 +5,6 @@
 
 #include "common/debug_log.h"
 #include "common/return_codes.h"
-#include "common/time_utils.h"
 
 // The part reader that receives a part's data straight into the caller's
 // memory. The part head is found by peeking at the socket, and only the head
@@ -20,41 +19,6 @@ bool exit_requested(const SockExitFlag* exitFlag)
     return exitFlag != nullptr && exitFlag->load(std::memory_order_relaxed) == -1;
 }
 
-// Where the head that began at *searchFrom ends within [*searchFrom, filled):
-// CR and LF bytes before the head are passed over first (*leading tells
-// whether the head proper has begun; the scan state is carried between
-// calls). Returns the index just past the blank line (LF LF or LF CR LF), or
-// -1 when the head is not complete yet.
-int scan_part_head(const unsigned char* buf, int filled, int* searchFrom, bool* leading)
-{
-    if (*leading) {
-        while (*searchFrom < filled && (buf[*searchFrom] == '\r' || buf[*searchFrom] == '\n')) {
-            (*searchFrom)++;
-        }
-        *leading = *searchFrom == filled;
-        if (*leading) {
-            return -1;
-        }
-    }
-    for (int i = *searchFrom; i + 1 < filled; i++) {
-        if (buf[i] != '\n') {
-            continue;
-        }
-        if (buf[i + 1] == '\n') {
-            return i + 2;
-        }
-        if (buf[i + 1] == '\r' && i + 2 < filled && buf[i + 2] == '\n') {
-            return i + 3;
-        }
-    }
-    // A terminator may be split over receives: its first LF can be up to
-    // two bytes before the last byte seen.
-    if (filled - 3 > *searchFrom) {
-        *searchFrom = filled - 3;
-    }
-    return -1;
-}
-
 // Completes the part head in b's buffer. Read-ahead is searched first; then
 // each pass peeks at what the socket holds and takes exactly the bytes up to
 // the head's end (all of them while the head is still incomplete). Codes
@@ -64,10 +28,9 @@ int read_part_head_exact(HTTPMultiPartResponseBuffer_Class& b, int fd, int timeo
 {
     long long countedUsec = 0;
     b.m_nHeaderStart = b.m_nConsumed;
-    int searchFrom = b.m_nConsumed;
-    bool leading = true;
+    http_head::Scan scan{b.m_nConsumed, true};
 
-    int end = scan_part_head(b.m_pBuffer, b.m_nFilled, &searchFrom, &leading);
+    int end = scan.Next(b.m_pBuffer, b.m_nFilled);
     while (end < 0) {
         if (b.m_nFilled >= b.m_nCapacity) {
             return DATA_LARGE_THEN_BUF;
@@ -96,9 +59,8 @@ int read_part_head_exact(HTTPMultiPartResponseBuffer_Class& b, int fd, int timeo
             // Scan the peeked bytes where they lie, then take off the socket
             // exactly the part that belongs to the head. The bytes received
             // are the ones just peeked, landing on themselves.
-            int scanFrom = searchFrom;
-            bool scanLeading = leading;
-            int found = scan_part_head(b.m_pBuffer, b.m_nFilled + peeked, &scanFrom, &scanLeading);
+            http_head::Scan peekScan = scan;
+            int found = peekScan.Next(b.m_pBuffer, b.m_nFilled + peeked);
             int take = found >= 0 ? found - b.m_nFilled : peeked;
             int got = 0;
             rc = Sock_Recv_OneBlock(fd, b.m_pBuffer + b.m_nFilled, take, &got, timeout_ms, SOCK_FIXED_FLAGS, pDB);
@@ -110,28 +72,19 @@ int read_part_head_exact(HTTPMultiPartResponseBuffer_Class& b, int fd, int timeo
             }
             b.m_nFilled += got;
             if (got == take) {
-                searchFrom = scanFrom;
-                leading = scanLeading;
+                scan = peekScan;
                 end = found;
             } else {
                 // Fewer bytes than peeked (not expected on a stream socket):
                 // search again over what was really taken.
-                end = scan_part_head(b.m_pBuffer, b.m_nFilled, &searchFrom, &leading);
+                end = scan.Next(b.m_pBuffer, b.m_nFilled);
             }
             if (end >= 0) {
                 break;
             }
         }
 
-        // Only passes shorter than the time-out count: a silent peer ends a
-        // pass by the wait's own time-out (returned above), a trickle adds up.
-        timeval after{};
-        gettimeofday(&after, nullptr);
-        long long spent = GetDifftime64(&before, &after);
-        if (spent / 1000 < timeout_ms) {
-            countedUsec += spent;
-        }
-        if (countedUsec / 1000 >= timeout_ms) {
+        if (http_head::TimeUp(before, timeout_ms, &countedUsec)) {
             return SOCK_TIMEOUT;
         }
     }
