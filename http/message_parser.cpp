@@ -56,10 +56,20 @@ int HTTPMessageParser_Class::OutputBuffer(StringBuf_Class* out, DbPrintf_Class* 
     if (out == nullptr) {
         return DEBUG_WARNING;
     }
+    OutputProtocol(out, pDB);
+    return OutputHeaderLines(out, pDB);
+}
+
+void HTTPMessageParser_Class::OutputProtocol(StringBuf_Class* out, DbPrintf_Class* pDB)
+{
     out->add("--- HTTP Parser ---\n");
     out->add("Protocol[ ");
     m_Protocol.OutputBuffer(out, pDB);
     out->add(" ] : Version %d . %d , Flag_HOST %d \n", m_nMajorVersion, m_nMinorVersion, Flag_HOST);
+}
+
+int HTTPMessageParser_Class::OutputHeaderLines(StringBuf_Class* out, DbPrintf_Class* pDB)
+{
     out->add("--- Header %d ---\n", m_HeaderLines.GetCount());
     return m_HeaderLines.OutputBuffer(out, pDB);
 }

@@ -102,6 +102,10 @@ public:
     unsigned char* m_pBuf = nullptr;
 
 protected:
+    // The pieces of OutputBuffer the derived parsers reuse: the title,
+    // protocol and version lines, and the header-line section.
+    void OutputProtocol(StringBuf_Class* out, DbPrintf_Class* pDB);
+    int OutputHeaderLines(StringBuf_Class* out, DbPrintf_Class* pDB);
     // Clear() without touching the error text (the request parser keeps the
     // scanner's text as it was and reports through a text of its own).
     void ResetParseState();

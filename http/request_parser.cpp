@@ -31,10 +31,7 @@ int HTTPRequestParser_Class::OutputBuffer(StringBuf_Class* out, DbPrintf_Class* 
     if (out == nullptr) {
         return DEBUG_WARNING;
     }
-    out->add("--- HTTP Parser ---\n");
-    out->add("Protocol[ ");
-    m_Protocol.OutputBuffer(out, pDB);
-    out->add(" ] : Version %d . %d , Flag_HOST %d \n", m_nMajorVersion, m_nMinorVersion, Flag_HOST);
+    OutputProtocol(out, pDB);
     out->add("Method[ ");
     Method.OutputBuffer(out, pDB);
     out->add(" ] Flag_Num[%d]\n", Flag_Num);
@@ -42,8 +39,7 @@ int HTTPRequestParser_Class::OutputBuffer(StringBuf_Class* out, DbPrintf_Class* 
     URI.OutputBuffer(out, pDB);
     out->add(" ]\n");
     URIParser.OutputBuffer(out, pDB);
-    out->add("--- Header %d ---\n", m_HeaderLines.GetCount());
-    return m_HeaderLines.OutputBuffer(out, pDB);
+    return OutputHeaderLines(out, pDB);
 }
 
 int HTTPRequestParser_Class::RequestFault(DbPrintf_Class* pDB, const char* fmt, ...)

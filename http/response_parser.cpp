@@ -30,8 +30,7 @@ int HTTPResponseParser_Class::OutputBuffer(StringBuf_Class* out, DbPrintf_Class*
     out->add("StatesCode [%d] : string [", m_nStatusCode);
     m_Text.OutputBuffer(out, pDB);
     out->add("]\n");
-    out->add("--- Header %d ---\n", m_HeaderLines.GetCount());
-    return m_HeaderLines.OutputBuffer(out, pDB);
+    return OutputHeaderLines(out, pDB);
 }
 
 int HTTPResponseParser_Class::ParseStatusLine(DbPrintf_Class* pDB)
