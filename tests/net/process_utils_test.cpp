@@ -109,34 +109,6 @@ TEST(PidFile, WrittenPidReadsBackAndLongFilesAreRefused)
 // ---------------------------------------------------------------------------
 // Signals
 
-TEST_F(SignalTest, Sigusr1InterruptsSelectOfTheThreadItIsSentTo)
-{
-    ASSERT_EQ(SUCCESS, SIGUSER1_Ignores());
-    std::atomic<bool> blocking{false};
-    std::atomic<bool> returned{false};
-    int result = 0, err = 0;
-    std::thread sleeper([&] {
-        timeval tv{120, 0};
-        blocking.store(true);
-        result = select(0, nullptr, nullptr, nullptr, &tv);
-        err = errno;
-        returned.store(true);
-    });
-    while (!blocking.load()) {
-        sched_yield();
-    }
-    // The signal may come just before the thread enters select: send it
-    // again until the thread reports back.
-    while (!returned.load()) {
-        pthread_kill(sleeper.native_handle(), SIGUSR1);
-        sched_yield();
-    }
-    sleeper.join();
-    EXPECT_EQ(-1, result);
-    EXPECT_EQ(EINTR, err);
-    EXPECT_EQ(0, g_Program_Command.load()) << "the do-nothing handler must do nothing";
-}
-
 TEST_F(SignalTest, WriteToClosedSocketFailsInsteadOfKillingTheProcess)
 {
     ASSERT_EQ(SUCCESS, Set_IgnoresSignals_ForThisProgram());

@@ -197,20 +197,6 @@ TEST(SockRecvTest, PeerThatClosesOrResetsMidMessageGivesThePartialCount)
     }
 }
 
-TEST(SockRecvTest, TwoMessagesInOneWriteAreTakenOneAtATime)
-{
-    Pair p;
-    put(p.peer, "first-second!");
-    char buf[16];
-    int got = -1;
-    ASSERT_EQ(SUCCESS, Sock_Recv(p.ours, buf, 6, &got, 5000, SOCK_FIXED_FLAGS, nullptr));
-    EXPECT_EQ("first-", std::string(buf, static_cast<size_t>(got)));
-    ASSERT_EQ(SUCCESS, Sock_Recv(p.ours, buf, 7, &got, 5000, 0, nullptr));
-    EXPECT_EQ("second!", std::string(buf, static_cast<size_t>(got)));
-    EXPECT_EQ(SUCCESS, Sock_Recv(-1, buf, 0, &got, 5000, 0, nullptr)) << "len 0 never touches the socket";
-    EXPECT_EQ(0, got);
-}
-
 TEST(SockRecvTest, TrickleIsAssembledUntilTheTimeSpentInPassesRunsOut)
 {
     for (int gapMs : {5, 20}) {
