@@ -5,8 +5,8 @@
 # network namespace), then the soak, and rewrites docs/RELIABILITY.md with
 # what was tried, how often and what came of it.
 #
-#   scripts/reliability.sh                    soak of 10 minutes (about 18 min)
-#   scripts/reliability.sh --soak-minutes 1   about 9 minutes
+#   scripts/reliability.sh                    soak of 10 minutes (about 14 min)
+#   scripts/reliability.sh --soak-minutes 1   about 5 minutes
 #
 # Options:
 #   --soak-minutes N   length of the soak (default 10)

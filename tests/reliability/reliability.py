@@ -197,6 +197,16 @@ class ReliabilityCase(e2e.RelayCase):
             seqs.append(seq)
         return seqs
 
+    def stop_daemons(self):
+        """Stops every daemon the test started: between the rows of a table,
+        so that the next row finds the ports free even after a failure."""
+        while self.daemon_pids:
+            try:
+                self.stop_daemon(self.daemon_pids[0])
+            except ProcessLookupError:
+                pass  # it ended by itself: the test has said so already
+            self.daemon_pids.pop(0)
+
     def usage(self, pid):
         return fd_count(pid), rss_kb(pid)
 

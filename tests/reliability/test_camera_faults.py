@@ -211,8 +211,8 @@ class CameraScriptedStreamTest(r.ReliabilityCase):
 
     def run_scripted(self, bad, note, head=STREAM_HEAD, streams=True):
         cam = ScriptedCamera(bad, REPEATS, head=head)
-        pid = self.start_forking("1")
         try:
+            pid = self.start_forking("1")
             before = self.usage(pid)
             self.assertEqual(e2e.login().body, b"LOGIN_SUCCESS:1:\r\n")
             if not streams:
@@ -255,8 +255,7 @@ class CameraScriptedStreamTest(r.ReliabilityCase):
             self.finish(pid, "camera: " + note, bad, outcome, before,
                         note="camera connections: %d" % cam.count())
         finally:
-            self.stop_daemon(pid)
-            self.daemon_pids.remove(pid)
+            self.stop_daemons()
             cam.close()
 
 
@@ -289,8 +288,8 @@ class CameraStreamFaultTest(r.ReliabilityCase):
         _, rec = self.start_camsim("--fps", "25", "--fault", fault, "--fault-at", "4",
                                    "--fault-connections", str(REPEATS), *extra, name=name)
         camsim = self.children[-1]
-        pid = self.start_forking("1")
         try:
+            pid = self.start_forking("1")
             before = self.usage(pid)
             self.assertEqual(e2e.login().body, b"LOGIN_SUCCESS:1:\r\n")
             if read_fails is not False:
@@ -324,8 +323,7 @@ class CameraStreamFaultTest(r.ReliabilityCase):
                             "reconnect gaps %s s; " % "/".join("%.2f" % g for g in gaps) if gaps else "",
                             len(seqs)))
         finally:
-            self.stop_daemon(pid)
-            self.daemon_pids.remove(pid)
+            self.stop_daemons()
             camsim.terminate()
             camsim.wait(10)
 
@@ -347,8 +345,8 @@ class CameraStreamFaultTest(r.ReliabilityCase):
 class CameraStartFaultTest(r.ReliabilityCase):
     def run_fake(self, mode, note, starts):
         cam = FakeCamera(mode)
-        pid = self.start_forking("1")
         try:
+            pid = self.start_forking("1")
             before = self.usage(pid)
             self.assertEqual(e2e.login().body, b"LOGIN_SUCCESS:1:\r\n")
             e2e.wait_for(lambda: cam.count() >= starts, "%d starts against the %s camera" % (starts, mode),
