@@ -10,6 +10,7 @@
 #include <sched.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <time.h>
@@ -175,6 +176,23 @@ inline std::vector<size_t> Cuts(const uint8_t* data, size_t size, int count)
         }
     }
     return cuts;
+}
+
+// What every response or part-head parse leaves, whatever its outcome: a
+// terminated error text, a position inside the input, and the protocol, the
+// first line's text and every header token inside [buf, buf + size).
+template <class Parser>
+void CheckHead(const Parser& p, const unsigned char* buf, size_t size)
+{
+    FUZZ_CHECK(strnlen(p.m_strError, sizeof p.m_strError) < sizeof p.m_strError);
+    FUZZ_CHECK(p.m_nPos >= 0 && p.m_nPos <= p.m_nSize);
+    FUZZ_CHECK(Inside(p.m_Protocol, buf, size));
+    FUZZ_CHECK(Inside(p.m_Text, buf, size));
+    FUZZ_CHECK(p.m_HeaderLines.GetCount() < Parser::HEADER_LINES_MAX);
+    for (int i = 0; i < p.m_HeaderLines.GetCount(); i++) {
+        FUZZ_CHECK(Inside(p.m_HeaderLines.Get(i)->m_Name, buf, size));
+        FUZZ_CHECK(Inside(p.m_HeaderLines.Get(i)->m_Val, buf, size));
+    }
 }
 
 // Takes the leading selector byte off the input. False (nothing to run)

@@ -21,18 +21,7 @@
 
 namespace {
 
-void CheckHead(const HTTPResponseParser_Class& p, const unsigned char* buf, size_t size)
-{
-    FUZZ_CHECK(strnlen(p.m_strError, sizeof p.m_strError) < sizeof p.m_strError);
-    FUZZ_CHECK(p.m_nPos >= 0 && p.m_nPos <= p.m_nSize);
-    FUZZ_CHECK(fuzz::Inside(p.m_Protocol, buf, size));
-    FUZZ_CHECK(fuzz::Inside(p.m_Text, buf, size));
-    FUZZ_CHECK(p.m_HeaderLines.GetCount() < HTTPMessageParser_Class::HEADER_LINES_MAX);
-    for (int i = 0; i < p.m_HeaderLines.GetCount(); i++) {
-        FUZZ_CHECK(fuzz::Inside(p.m_HeaderLines.Get(i)->m_Name, buf, size));
-        FUZZ_CHECK(fuzz::Inside(p.m_HeaderLines.Get(i)->m_Val, buf, size));
-    }
-}
+using fuzz::CheckHead;
 
 void ParseHead(const uint8_t* data, size_t size)
 {
