@@ -58,8 +58,9 @@ fi
 cmake --build "$build" --target Ostrel ostrel-camsim ostrel-schedsim ostrel-viewer \
     -j "${OSTREL_JOBS:-2}"
 
-rm -rf "$out"
+# Only what a run writes is removed: --out may name any directory.
 mkdir -p "$out"
+rm -f "$out"/*.log "$out"/*.netns "$out/results.jsonl" "$out/runs.txt"
 # Sanitizer reports: the daemon points its standard error at /dev/null, so
 # they go to files. The tests' harness moves log_path into each test's own
 # directory and fails the test on a report; reliability.py copies them here.
