@@ -130,19 +130,4 @@ TEST_F(StatesFileTest, ReadTable)
     }
 }
 
-TEST_F(StatesFileTest, PresenceAndRemoval)
-{
-    EXPECT_EQ(m_States.IsFile(), NOTFOUND_FILE);
-    EXPECT_EQ(m_States.StatesRead(), CANNOT_FILEOPEN);
-    ASSERT_EQ(m_States.StatesWrite("NormalOperating"), SUCCESS);
-    EXPECT_EQ(m_States.IsFile(), SUCCESS);
-    EXPECT_EQ(m_States.FileUnLink(), SUCCESS);
-    EXPECT_EQ(m_States.IsFile(), NOTFOUND_FILE);
-    EXPECT_EQ(m_States.FileUnLink(), SYS_FUNC_ERROR);
-
-    ASSERT_EQ(m_States.Init("cam01", (dir_ + "/missing/cam01.States").c_str()), SUCCESS);
-    EXPECT_EQ(m_States.StatesWrite("NormalOperating"), SYS_FUNC_ERROR);
-    EXPECT_EQ(m_States.StatesWrite_WithComment("ErrorExit", "For invalid argument"), SYS_FUNC_ERROR);
-}
-
 }  // namespace
