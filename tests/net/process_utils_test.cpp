@@ -2,19 +2,16 @@
 
 #include <errno.h>
 #include <gtest/gtest.h>
-#include <pthread.h>
 #include <sched.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <string>
-#include <thread>
 
 #include "common/debug_log.h"
 #include "common/return_codes.h"
@@ -37,44 +34,11 @@ namespace {
 using test_files::ReadFile;
 using test_files::WriteFile;
 
-std::string MakeTempDir()
+class ProcessTest : public test_files::ScratchDir {};
+
+TEST_F(ProcessTest, WrittenPidReadsBackAndLongFilesAreRefused)
 {
-    char tmpl[] = "/tmp/ostrel_proc_XXXXXX";
-    const char* dir = mkdtemp(tmpl);
-    EXPECT_NE(nullptr, dir);
-    return dir ? dir : "/tmp";
-}
-
-// Restores the dispositions a test changes, so later tests in the same
-// process see the defaults again.
-class SignalTest : public ::testing::Test {
-protected:
-    static constexpr int kSignals[] = {SIGINT, SIGTERM, SIGQUIT, SIGTSTP, SIGPIPE,
-                                       SIGUSR1, SIGUSR2, SIGCHLD, SIGTRAP, SIGHUP};
-    void SetUp() override
-    {
-        for (size_t i = 0; i < std::size(kSignals); i++) {
-            sigaction(kSignals[i], nullptr, &saved_[i]);
-        }
-    }
-    void TearDown() override
-    {
-        for (size_t i = 0; i < std::size(kSignals); i++) {
-            sigaction(kSignals[i], &saved_[i], nullptr);
-        }
-    }
-
-private:
-    struct sigaction saved_[std::size(kSignals)];
-};
-
-// ---------------------------------------------------------------------------
-// Pid file
-
-TEST(PidFile, WrittenPidReadsBackAndLongFilesAreRefused)
-{
-    const std::string dir = MakeTempDir();
-    const std::string path = dir + "/Ostrel_01.pid";
+    const std::string path = dir_ + "/Ostrel_01.pid";
     WriteFile(path, "999999999999");
     ASSERT_EQ(SUCCESS, gg_writePid(path.c_str()));
     EXPECT_EQ(std::to_string(getpid()), ReadFile(path)) << "truncated; decimal, no newline";
@@ -102,32 +66,16 @@ TEST(PidFile, WrittenPidReadsBackAndLongFilesAreRefused)
     }
     unlink(path.c_str());
     EXPECT_EQ(CANNOT_FILEOPEN, gg_readPid(path.c_str(), &pid)) << "missing file";
-    EXPECT_EQ(CANNOT_FILEOPEN, gg_writePid((dir + "/no/dir/pid").c_str()));
-    rmdir(dir.c_str());
-}
-
-// ---------------------------------------------------------------------------
-// Signals
-
-TEST_F(SignalTest, WriteToClosedSocketFailsInsteadOfKillingTheProcess)
-{
-    ASSERT_EQ(SUCCESS, Set_IgnoresSignals_ForThisProgram());
-    int sv[2];
-    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, sv));
-    close(sv[1]);
-    errno = 0;
-    // A plain write, without MSG_NOSIGNAL: SIGPIPE is raised and caught.
-    EXPECT_EQ(-1, write(sv[0], "x", 1));
-    EXPECT_EQ(EPIPE, errno);
-    close(sv[0]);
+    EXPECT_EQ(CANNOT_FILEOPEN, gg_writePid((dir_ + "/no/dir/pid").c_str()));
 }
 
 // Runs the daemon's signal set-up in a forked child with its own log, raises
 // the ignored signals (which must neither end the process nor ask for a
-// stop), then the terminate signal. Returns the wait status and the log.
-std::pair<int, std::string> RaiseInChild(int terminate)
+// stop), writes to a closed socket (which must fail with EPIPE instead of
+// killing it), then raises the terminate signal. Returns the wait status
+// and the log.
+std::pair<int, std::string> RaiseInChild(const std::string& dir, int terminate)
 {
-    const std::string dir = MakeTempDir();
     const std::string logPath = dir + "/log.txt";
     fflush(nullptr);
     pid_t pid = fork();
@@ -149,6 +97,11 @@ std::pair<int, std::string> RaiseInChild(int terminate)
         if (g_Program_Command.load() != 0) {
             _exit(30);
         }
+        int sv[2];
+        if (socketpair(AF_UNIX, SOCK_STREAM, 0, sv) != 0 || close(sv[1]) != 0 ||
+            write(sv[0], "x", 1) != -1 || errno != EPIPE) {  // a plain write, no MSG_NOSIGNAL
+            _exit(40);
+        }
         raise(terminate);
         for (long i = 0; i < 10000000 && g_Program_Command.load() != -1; i++) {
             sched_yield();
@@ -159,16 +112,15 @@ std::pair<int, std::string> RaiseInChild(int terminate)
     waitpid(pid, &status, 0);
     std::string log = ReadFile(logPath);
     unlink(logPath.c_str());
-    rmdir(dir.c_str());
     return {status, log};
 }
 
-TEST(TerminateSignal, SigtermAndSigintAskTheDaemonToStopAndAreLogged)
+TEST_F(ProcessTest, SigtermAndSigintAskTheDaemonToStopAndAreLogged)
 {
     const std::pair<int, std::string> rows[] = {{SIGTERM, "Signal:SIGTERM\n"},
                                                 {SIGINT, "Signal:SIGINT\n"}};
     for (const auto& [sig, line] : rows) {
-        auto [status, log] = RaiseInChild(sig);
+        auto [status, log] = RaiseInChild(dir_, sig);
         ASSERT_TRUE(WIFEXITED(status)) << line << " killed by " << WTERMSIG(status);
         EXPECT_EQ(0, WEXITSTATUS(status)) << line;
         // One time-stamped line: "[%Y/%m/%d %H:%M:%S] " then the text.

@@ -78,12 +78,8 @@ struct Pair {
         peer = accept(l, nullptr, nullptr);
         close(l);
     }
-    void close_peer(bool reset = false)
+    void close_peer()
     {
-        if (reset) {  // linger 0: the close sends a reset
-            linger lg{1, 0};
-            setsockopt(peer, SOL_SOCKET, SO_LINGER, &lg, sizeof(lg));
-        }
         close(peer);
         peer = -1;
     }
@@ -184,47 +180,27 @@ TEST(SockConnectTest, SocketIsNonBlockingAndBoundToTheMyselfAddress)
     EXPECT_EQ(SUCCESS, Sock_Close(fd));
 }
 
-TEST(SockRecvTest, PeerThatClosesOrResetsMidMessageGivesThePartialCount)
+// A byte every 20 ms keeps each pass short, but the passes add up: 150 ms
+// in, the read ends long before the 1000 bytes are there. (Assembling a
+// message from many segments is every camera part's read.)
+TEST(SockRecvTest, TrickleEndsWhenTheTimeSpentInPassesRunsOut)
 {
-    for (bool reset : {false, true}) {
-        Pair p;
-        put(p.peer, "hello");
-        p.close_peer(reset);
-        char buf[64];
-        int got = -1;
-        EXPECT_EQ(SUCCESS, Sock_Recv(p.ours, buf, sizeof(buf), &got, 5000, SOCK_FIXED_FLAGS, nullptr)) << reset;
-        EXPECT_EQ("hello", std::string(buf, static_cast<size_t>(got)));
-    }
-}
-
-TEST(SockRecvTest, TrickleIsAssembledUntilTheTimeSpentInPassesRunsOut)
-{
-    for (int gapMs : {5, 20}) {
-        Pair p;
-        std::atomic<bool> stop{false};
-        std::thread peer([&] {
-            for (int i = 0; i < 1000 && !stop; ++i) {
-                send(p.peer, "x", 1, MSG_NOSIGNAL);
-                std::this_thread::sleep_for(milliseconds(gapMs));
-            }
-        });
-        // Fast trickle, generous time-out: all 10 bytes. Slow trickle, 150 ms:
-        // the short passes add up long before the 1000 bytes are in.
-        const int len = gapMs == 5 ? 10 : 1000;
-        std::vector<char> buf(static_cast<size_t>(len));
-        int got = -1;
-        const int rc = Sock_Recv(p.ours, buf.data(), len, &got, gapMs == 5 ? 5000 : 150, 0, nullptr);
-        stop = true;
-        peer.join();
-        if (gapMs == 5) {
-            EXPECT_EQ(SUCCESS, rc);
-            EXPECT_EQ(10, got);
-        } else {
-            EXPECT_EQ(SOCK_TIMEOUT, rc);
-            EXPECT_GT(got, 0);
-            EXPECT_LT(got, len);
+    Pair p;
+    std::atomic<bool> stop{false};
+    std::thread peer([&] {
+        for (int i = 0; i < 1000 && !stop; ++i) {
+            send(p.peer, "x", 1, MSG_NOSIGNAL);
+            std::this_thread::sleep_for(milliseconds(20));
         }
-    }
+    });
+    std::vector<char> buf(1000);
+    int got = -1;
+    const int rc = Sock_Recv(p.ours, buf.data(), 1000, &got, 150, 0, nullptr);
+    stop = true;
+    peer.join();
+    EXPECT_EQ(SOCK_TIMEOUT, rc);
+    EXPECT_GT(got, 0);
+    EXPECT_LT(got, 1000);
 }
 
 TEST(SockRecvTest, SilentPeerWaitsUntilTheExitFlagIsMinusOne)
@@ -235,29 +211,15 @@ TEST(SockRecvTest, SilentPeerWaitsUntilTheExitFlagIsMinusOne)
     char buf[64];
     int got = -1;
     Worker w([&] { return Sock_Recv(p.ours, buf, sizeof(buf), &got, 50, SOCK_FIXED_FLAGS, &flag); });
-    // Many time-outs' worth of silence is no time-out; values other than -1
-    // change nothing.
+    // Many time-outs' worth of silence is no time-out; neither a signal nor
+    // a flag other than -1 ends the wait.
     EXPECT_FALSE(w.finished(400));
     flag = 1;
+    pthread_kill(w.tid, SIGUSR1);
     EXPECT_FALSE(w.finished(200));
     flag = -1;
-    ASSERT_TRUE(w.finished(10000));
-    EXPECT_EQ(LOOP_INTERRUPTED, w.result.get());
-    EXPECT_EQ(3, got);
-}
-
-TEST(SockRecvTest, SignalBreaksALongWaitOnlyWhenTheExitFlagIsSet)
-{
-    Pair p;
-    SockExitFlag flag{0};
-    char buf[64];
-    int got = -1;
-    Worker w([&] { return Sock_Recv(p.ours, buf, sizeof(buf), &got, 600000, 0, &flag); });
-    pthread_kill(w.tid, SIGUSR1);
-    EXPECT_FALSE(w.finished(100));
-    flag = -1;
     EXPECT_EQ(LOOP_INTERRUPTED, w.wake_until_done());
-    EXPECT_EQ(0, got);
+    EXPECT_EQ(3, got);
 }
 
 TEST(SockRecvTest, TextMessageEndsAtANulThatIsNotTheFirstByteOfABlock)
@@ -302,48 +264,15 @@ TEST(SockRecvTest, PeekWaitsForMoreThanNeedAndConsumesNothing)
     EXPECT_EQ("abcdef", std::string(buf, 6));
 }
 
-TEST(SockSendTest, LargeBufferArrivesWhole)
-{
-    Pair p;
-    std::vector<char> data(4 << 20), in(data.size());
-    for (size_t i = 0; i < data.size(); ++i) {
-        data[i] = static_cast<char>(i * 7 + i / 4096);
-    }
-    std::thread reader([&] {
-        for (size_t have = 0; have < in.size();) {
-            const ssize_t r = recv(p.peer, in.data() + have, in.size() - have, 0);
-            if (r <= 0) {
-                break;
-            }
-            have += static_cast<size_t>(r);
-        }
-    });
-    int sent = -1;
-    EXPECT_EQ(SUCCESS, Sock_Send(p.ours, data.data(), static_cast<int>(data.size()), &sent, 30000, nullptr));
-    reader.join();
-    EXPECT_EQ(static_cast<int>(data.size()), sent);
-    EXPECT_TRUE(data == in);
-}
-
-TEST(SockSendTest, PeerThatDoesNotReadEndsInTimeOutOrExitFlag)
+// The exit flag's break of a blocked send is the reliability tests' stop
+// while a thread sends to a stalled viewer.
+TEST(SockSendTest, PeerThatDoesNotReadEndsInTimeOut)
 {
     std::vector<char> data(16 << 20);
-    const int len = static_cast<int>(data.size());
-    {
-        Pair p;
-        int sent = -1;
-        EXPECT_EQ(SOCK_TIMEOUT, Sock_Send(p.ours, data.data(), len, &sent, 200, nullptr));
-        EXPECT_LT(sent, len);
-    }
     Pair p;
-    SockExitFlag flag{0};
     int sent = -1;
-    Worker w([&] { return Sock_Send(p.ours, data.data(), len, &sent, 600000, &flag); });
-    ASSERT_TRUE(eventually([&] { return queued(p.peer, FIONREAD) > 0; }));
-    EXPECT_FALSE(w.finished(100));
-    flag = -1;
-    EXPECT_EQ(LOOP_INTERRUPTED, w.wake_until_done());
-    EXPECT_LT(sent, len);  // a block whose wait was broken counts 0 bytes
+    EXPECT_EQ(SOCK_TIMEOUT, Sock_Send(p.ours, data.data(), static_cast<int>(data.size()), &sent, 200, nullptr));
+    EXPECT_LT(sent, static_cast<int>(data.size()));
 }
 
 TEST(SockSendTest, PeerThatHasGoneGivesSigpipeCodeWithoutTheSignal)
