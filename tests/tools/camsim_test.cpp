@@ -75,23 +75,23 @@ struct Part {
 
 struct Stream {
   int status = 0;
-  std::string head, boundary;
+  std::string boundary;
   std::vector<Part> parts;
   bool lost = false;  // bytes where a boundary line belongs
 };
 
 // Multipart stream as a camera client reads it: head, then per part the
 // boundary line, header lines, a blank line, Content-Length bytes of data
-// (or, without a length, everything up to the next boundary line) and CR LF.
+// and CR LF.
 Stream parse_stream(const std::string& s) {
   Stream st;
   const size_t headEnd = s.find("\r\n\r\n");
   if (headEnd == std::string::npos) return st;
-  st.head = s.substr(0, headEnd + 4);
-  if (std::sscanf(st.head.c_str(), "HTTP/1.%*d %d", &st.status) != 1) return st;
-  const size_t b = st.head.find("boundary=");
+  const std::string head = s.substr(0, headEnd + 4);
+  if (std::sscanf(head.c_str(), "HTTP/1.%*d %d", &st.status) != 1) return st;
+  const size_t b = head.find("boundary=");
   if (b == std::string::npos) return st;
-  st.boundary = st.head.substr(b + 9, st.head.find("\r\n", b) - b - 9);
+  st.boundary = head.substr(b + 9, head.find("\r\n", b) - b - 9);
   const std::string delim = "--" + st.boundary + "\r\n";
   size_t pos = headEnd + 4;
   while (pos < s.size()) {
@@ -116,19 +116,14 @@ Stream parse_stream(const std::string& s) {
       l = e + 2;
     }
     pos = hend + 4;
-    if (p.headers.count("Content-Length")) {
-      const size_t len = std::stoul(p.headers["Content-Length"]);
-      p.data = s.substr(pos, len);
-      p.complete = pos + len + 2 <= s.size() && s.compare(pos + len, 2, "\r\n") == 0;
-      pos += len + 2;
-    } else {
-      // Up to the next boundary line, or to the CR LF before the close.
-      size_t next = s.find("\r\n--" + st.boundary, pos);
-      p.complete = next != std::string::npos || s.compare(s.size() - 2, 2, "\r\n") == 0;
-      if (next == std::string::npos) next = p.complete ? s.size() - 2 : s.size();
-      p.data = s.substr(pos, next - pos);
-      pos = next + 2;
+    if (!p.headers.count("Content-Length")) {
+      st.lost = true;
+      break;
     }
+    const size_t len = std::stoul(p.headers["Content-Length"]);
+    p.data = s.substr(pos, len);
+    p.complete = pos + len + 2 <= s.size() && s.compare(pos + len, 2, "\r\n") == 0;
+    pos += len + 2;
     st.parts.push_back(p);
   }
   return st;
@@ -187,49 +182,36 @@ TEST(CamSimTest, RequestsOutsideTheStreamAreRefused) {
   }
 }
 
-size_t jpeg_end(const std::string& d) { return d.find("\xFF\xD9") + 2; }
-
+// The faults whose form the daemon's reaction cannot tell from a plain
+// close: each must hit the chosen part as described. The rest (a close
+// between parts, an empty part, a part without a length, an oversized
+// part, a garbage head, a 503) the reliability runs pin by how the daemon
+// goes on: a new connection at once, the part skipped on the same
+// connection, a back-off after a failed start, the largest part relayed whole.
 TEST(CamSimTest, FaultsHitTheChosenPart) {
   struct Row {
     CamFault fault;
     long long arg;
     bool argSet;
     const char* note;
-    std::function<void(const std::string& raw, const Stream& st, bool reset)> check;
+    std::function<void(const Stream& st, bool reset)> check;
   } rows[] = {
-      {CamFault::kDrop, 0, false, "closes after two parts",
-       [](const std::string&, const Stream& st, bool) {
-         ASSERT_EQ(st.parts.size(), 2u);
-         EXPECT_TRUE(st.parts[1].complete);
-       }},
       {CamFault::kTruncate, 0, false, "third part shorter than announced",
-       [](const std::string&, const Stream& st, bool) {
+       [](const Stream& st, bool) {
          ASSERT_EQ(st.parts.size(), 3u);
          EXPECT_FALSE(st.parts[2].complete);
          EXPECT_LT(st.parts[2].data.size(), std::stoul(st.parts[2].headers.at("Content-Length")));
        }},
       {CamFault::kReset, 0, false, "third part cut by a reset",
-       [](const std::string&, const Stream& st, bool reset) {
+       [](const Stream& st, bool reset) {
          EXPECT_TRUE(reset);
          ASSERT_GE(st.parts.size(), 2u);
          if (st.parts.size() == 3) {
            EXPECT_FALSE(st.parts[2].complete);
          }
        }},
-      {CamFault::kNoLength, 0, false, "third part without a length",
-       [](const std::string&, const Stream& st, bool) {
-         ASSERT_EQ(st.parts.size(), 4u);
-         EXPECT_EQ(st.parts[2].headers.count("Content-Length"), 0u);
-         EXPECT_EQ(st.parts[3].headers.count("Content-Length"), 1u);
-       }},
-      {CamFault::kZeroLength, 0, false, "third part empty",
-       [](const std::string&, const Stream& st, bool) {
-         ASSERT_EQ(st.parts.size(), 4u);
-         EXPECT_EQ(st.parts[2].headers.at("Content-Length"), "0");
-         EXPECT_TRUE(st.parts[2].data.empty());
-       }},
       {CamFault::kWrongLength, -100, true, "third part announces 100 bytes too few",
-       [](const std::string&, const Stream& st, bool) {
+       [](const Stream& st, bool) {
          ASSERT_GE(st.parts.size(), 3u);
          const std::string& d = st.parts[2].data;
          // The data were cut at the announced length, so no EOI in them.
@@ -237,21 +219,6 @@ TEST(CamSimTest, FaultsHitTheChosenPart) {
          EXPECT_EQ(std::stoul(st.parts[2].headers.at("Content-Length")), d.size());
          EXPECT_TRUE(st.lost);
        }},
-      {CamFault::kOversize, 900000, true, "third part is a 900000-byte picture",
-       [](const std::string&, const Stream& st, bool) {
-         ASSERT_EQ(st.parts.size(), 4u);
-         const std::string& d = st.parts[2].data;
-         EXPECT_EQ(d.size(), 900000u);
-         EXPECT_EQ(jpeg_end(d), d.size());
-         EXPECT_EQ(CheckJpegStructure(reinterpret_cast<const uint8_t*>(d.data()), d.size()), "");
-       }},
-      {CamFault::kGarbageHead, 0, false, "head that is not HTTP",
-       [](const std::string& raw, const Stream& st, bool) {
-         EXPECT_EQ(st.status, 0);
-         EXPECT_EQ(raw.compare(0, 4, "AXIS"), 0);
-       }},
-      {CamFault::kStatus, 0, false, "status 503",
-       [](const std::string&, const Stream& st, bool) { EXPECT_EQ(st.status, 503); }},
   };
   for (const Row& r : rows) {
     SCOPED_TRACE(r.note);
@@ -264,20 +231,9 @@ TEST(CamSimTest, FaultsHitTheChosenPart) {
     CamSim sim(cfg);
     std::string err;
     ASSERT_TRUE(sim.Start(&err)) << err;
-    if (r.fault == CamFault::kGarbageHead) {
-      // The simulator holds a garbage connection open: read the head only.
-      const int fd = connect_local(sim.Port());
-      ::send(fd, kStreamRequest, sizeof kStreamRequest - 1, MSG_NOSIGNAL);
-      char buf[256];
-      const ssize_t n = ::recv(fd, buf, sizeof buf, 0);
-      const std::string raw(buf, n > 0 ? static_cast<size_t>(n) : 0);
-      r.check(raw, parse_stream(raw), false);
-      ::close(fd);
-    } else {
-      bool reset = false;
-      const std::string raw = fetch(sim.Port(), kStreamRequest, &reset);
-      r.check(raw, parse_stream(raw), reset);
-    }
+    bool reset = false;
+    const std::string raw = fetch(sim.Port(), kStreamRequest, &reset);
+    r.check(parse_stream(raw), reset);
     // Only the first connection was to get the fault.
     const Stream clean = parse_stream(fetch(sim.Port(), kStreamRequest));
     EXPECT_EQ(clean.parts.size(), 4u);
