@@ -134,6 +134,13 @@ ViewerConfig config_for(const FakeControlPort& fake) {
   return cfg;
 }
 
+// good_relay, except that get_image request number `at` gets bad().
+FakeControlPort::Answer bad_get(int at, std::function<std::string()> bad) {
+  return [at, bad](const std::string& t, int gets) {
+    return t.find("get_image") != std::string::npos && gets == at ? bad() : good_relay(t, gets);
+  };
+}
+
 // Against the real daemon the viewer's pull is run by the soak test; here
 // each check of the viewer must turn a faulty answer into a failed pull.
 TEST(ViewerTest, FaultyAnswersFailThePull) {
@@ -143,42 +150,17 @@ TEST(ViewerTest, FaultyAnswersFailThePull) {
     int exitStatus;
   } rows[] = {
       {"a relay that makes the viewer wait once", good_relay, 0},
-      {"sequence goes backwards",
-       [](const std::string& t, int gets) {
-         return t.find("get_image") != std::string::npos
-                    ? image_answer(picture(gets == 2 ? 1 : static_cast<uint64_t>(10 - gets)))
-                    : good_relay(t, gets);
-       },
-       1},
+      {"sequence goes backwards", bad_get(4, [] { return image_answer(picture(1)); }), 1},
       {"Content-Length beyond the picture",
-       [](const std::string& t, int gets) {
-         return t.find("get_image") != std::string::npos && gets == 3
-                    ? image_answer(picture(2), kOption, 100000)
-                    : good_relay(t, gets);
-       },
-       1},
-      {"picture without EOI",
-       [](const std::string& t, int gets) {
-         if (t.find("get_image") == std::string::npos || gets != 3) return good_relay(t, gets);
+       bad_get(3, [] { return image_answer(picture(2), kOption, 100000); }), 1},
+      {"picture without EOI", bad_get(3, [] {
          std::string p = picture(2);
          p.resize(p.size() - 2);
          return image_answer(p);
-       },
-       1},
+       }), 1},
       {"option text with a short zero field",
-       [](const std::string& t, int gets) {
-         return t.find("get_image") != std::string::npos && gets == 2
-                    ? image_answer(picture(1), kOption.substr(1))
-                    : good_relay(t, gets);
-       },
-       1},
-      {"login dropped by the relay",
-       [](const std::string& t, int gets) {
-         return t.find("get_image") != std::string::npos && gets == 3
-                    ? text_answer("ERROR_USER_ID:")
-                    : good_relay(t, gets);
-       },
-       1},
+       bad_get(2, [] { return image_answer(picture(1), kOption.substr(1)); }), 1},
+      {"login dropped by the relay", bad_get(3, [] { return text_answer("ERROR_USER_ID:"); }), 1},
       {"foreign address refused at login",
        [](const std::string&, int) { return text_answer("ERROR_UNKNOWN_IP:"); }, 2},
       {"login preceded by a failure answer on the same connection",
