@@ -59,22 +59,18 @@ struct ReadRow {
     const char* note;
 };
 
+// The fuzz target compares every read with a plain reading of the file; its
+// corpus holds comments, indented lines, leading '='s, kept trailing blanks
+// and CR, an empty value, a bare name, the second piece of a long line and a
+// value longer than the field. Here the rest, and the lock after each read.
 TEST_F(CfgFileTest, ReadFollowsTheLineSyntax)
 {
-    const std::string longLine = "x=" + std::string(253, 'y') + "a=5\n";
     const ReadRow rows[] = {
-        {"a=1\n", "a", 256, SUCCESS, "1", "plain item"},
-        {"a=\n", "a", 256, SUCCESS, "", "empty value is not an error"},
         {"a=1\na=2\n", "a", 256, SUCCESS, "1", "first of two wins"},
         {"a=x=y\n", "a", 256, SUCCESS, "x=y", "value keeps further '='"},
-        {"==a=1\n", "a", 256, SUCCESS, "1", "leading '=' skipped like a tokenizer"},
-        {"a=1  \r\n", "a", 256, SUCCESS, "1  \r", "trailing blanks and CR kept"},
         {"a = 1\n", "a ", 256, SUCCESS, " 1", "name keeps its blank"},
         {"a = 1\n", "a", 256, NOTFOUND_ITEM, "", "no trimming of names"},
-        {"#a=1\n", "a", 256, NOTFOUND_ITEM, "", "comment line"},
-        {" a=1\n", "a", 256, NOTFOUND_ITEM, "", "indented line"},
         {"A=1\n", "a", 256, NOTFOUND_ITEM, "", "names are case-sensitive"},
-        {longLine.c_str(), "a", 256, SUCCESS, "5", "second piece of a long line"},
         {"a=123\n", "a", 4, SUCCESS, "123", "value fills the field"},
         {"a=1234\n", "a", 4, DATA_LARGE_THEN_BUF, "", "value longer than the field"},
     };
