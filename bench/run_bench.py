@@ -230,9 +230,11 @@ class Bench:
         proc = self.spawn([os.path.join(self.build, "Ostrel"), "-StartUp_NonDeamon", str(channel)],
                                 cwd=work, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         wait_for(lambda: listening(ctl), 20, "the daemon's control port")
-        # Each viewer its own block of local ports (it moves on past busy ones).
+        # Each viewer its own first local port; the viewer uses the 10,000
+        # ports from there on (so the first must stay at or below 55535) and
+        # moves on past busy ones.
         viewer = [os.path.join(self.tools, "ostrel-viewer"), "--control", "%s:%d" % (ADDR, ctl),
-                  "--bind", "%s:%d" % (ADDR, 30000 + (channel % 50) * 600), "--seconds", str(seconds),
+                  "--bind", "%s:%d" % (ADDR, 30000 + (channel % 50) * 500), "--seconds", str(seconds),
                   "--idle-ms", "30000"]
         return proc, viewer
 
@@ -424,7 +426,7 @@ class Bench:
         with open(os.path.join(work, "conf", "Config.txt")) as f:
             ctl = int(re.search(r"encoder_port_\d+=(\d+)", f.read()).group(1))
         return [os.path.join(self.tools, "ostrel-viewer"), "--control", "%s:%d" % (ADDR, ctl),
-                "--bind", "%s:%d" % (ADDR, 30000 + (ch % 50) * 600), "--seconds", str(seconds),
+                "--bind", "%s:%d" % (ADDR, 30000 + (ch % 50) * 500), "--seconds", str(seconds),
                 "--idle-ms", "30000"]
 
 
