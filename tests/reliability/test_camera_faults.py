@@ -51,14 +51,21 @@ class FakeCamera:
         self.thread = threading.Thread(target=self._serve, daemon=True)
         self.thread.start()
 
+    def _accept(self):
+        """The next connection and its count, or (None, 0) once closed."""
+        try:
+            conn, _ = self.listener.accept()
+        except OSError:
+            return None, 0
+        with self.lock:
+            self.accepts.append(time.monotonic())
+            return conn, len(self.accepts)
+
     def _serve(self):
         while True:
-            try:
-                conn, _ = self.listener.accept()
-            except OSError:
+            conn, _ = self._accept()
+            if conn is None:
                 return
-            with self.lock:
-                self.accepts.append(time.monotonic())
             if self.mode == "reset":
                 conn.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
                 conn.close()
@@ -138,13 +145,9 @@ class ScriptedCamera(FakeCamera):
 
     def _serve(self):
         while True:
-            try:
-                conn, _ = self.listener.accept()
-            except OSError:
+            conn, n = self._accept()
+            if conn is None:
                 return
-            with self.lock:
-                self.accepts.append(time.monotonic())
-                n = len(self.accepts)
             threading.Thread(target=self._stream, args=(conn, n <= self.faulty), daemon=True).start()
 
     def _stream(self, conn, faulty):
