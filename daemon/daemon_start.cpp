@@ -168,52 +168,17 @@ void close_pair(int pair[2])
     }
 }
 
-long long elapsed_ms(const timeval& start)
-{
-    timeval now;
-    gettimeofday(&now, nullptr);
-    return GetDifftime64(&start, &now) / 1000;
-}
-
-// Waits for the daemon's answer text on fd. Sock_Recv_TxtMsg alone would go
-// on waiting for a peer that stays silent (a wait that times out without
-// data does not count towards its limit), so the 2000 ms are first spent
-// here on the wall clock, waiting until the socket has data or is closed.
-// Signals (SIGCHLD of the intermediate process) do not shorten the wait.
-// SUCCESS with *got bytes (0: the daemon ended without answering),
-// SOCK_TIMEOUT, or the receive's failure.
-int receive_answer(int fd, char* buf, int len, int* got, DbPrintf_Class* pDB)
-{
-    timeval start;
-    gettimeofday(&start, nullptr);
-    for (;;) {
-        long long left = kAnswerTimeoutMs - elapsed_ms(start);
-        if (left <= 0)
-            return SOCK_TIMEOUT;
-        char peek;
-        int n = 0;
-        int rc = Sock_Recv_OneBlock(fd, &peek, 1, &n, static_cast<int>(left), MSG_PEEK | MSG_DONTWAIT, pDB);
-        if (rc == SUCCESS)
-            break;
-        if (rc != SOCK_INTERRUPT)
-            return rc;
-    }
-    return Sock_Recv_TxtMsg(fd, buf, len, got, kAnswerTimeoutMs, nullptr, pDB);
-}
-
 // The launcher-facing process after the fork: passes the daemon's answer
 // on, or tells the launcher that none came.
 int answer_launcher(int pair[2], pid_t child, DbPrintf_Class* pDB)
 {
-    // Only the daemon writes on the second socket; closing it here lets a
-    // daemon that ends without answering be noticed at once.
-    if (pair[1] >= 0)
-        Sock_Close(pair[1]);
-    pair[1] = -1;
-
+    // Both ends stay open until the wait is over: a daemon that fails after
+    // the fork sends nothing, and the launcher is told so after the whole
+    // 2-second wait, not as soon as the daemon's end closes. A silent wait
+    // of that length ends the receive with SOCK_TIMEOUT.
     char answer[kAnswerMaxBytes + 1] = {};
     int got = 0;
-    int rc = receive_answer(pair[0], answer, kAnswerMaxBytes, &got, pDB);
+    int rc = Sock_Recv_TxtMsg(pair[0], answer, kAnswerMaxBytes, &got, kAnswerTimeoutMs, nullptr, pDB);
     int textLen = (rc == SUCCESS && got > 0) ? static_cast<int>(strnlen(answer, static_cast<size_t>(got))) : 0;
     if (textLen > 0) {
         Answer_Text(answer, textLen, pDB);

@@ -11,15 +11,6 @@
 #include "common/tokens.h"
 #include "http/message_parser.h"
 
-namespace {
-
-bool exit_requested(const SockExitFlag* exitFlag)
-{
-    return exitFlag != nullptr && exitFlag->load(std::memory_order_relaxed) == -1;
-}
-
-} // namespace
-
 int http_head::Scan::Next(const unsigned char* buf, int filled)
 {
     if (leading) {
@@ -55,11 +46,9 @@ bool http_head::TimeUp(const timeval& before, int timeout_ms, long long* counted
 {
     timeval after{};
     gettimeofday(&after, nullptr);
-    long long spent = GetDifftime64(&before, &after);
-    if (spent / 1000 < timeout_ms) {
-        *countedUsec += spent;
-    }
-    return *countedUsec / 1000 >= timeout_ms;
+    // A silent wait has already ended the read with the wait's own
+    // SOCK_TIMEOUT; what reaches here is a pass that saw bytes (or a signal).
+    return Sock_RecvPassTimeUp(GetDifftime64(&before, &after), false, timeout_ms, countedUsec);
 }
 
 HTTPBaseBuffer_Class::HTTPBaseBuffer_Class()
@@ -189,7 +178,7 @@ int HTTPBaseBuffer_Class::ReadHead(int fd, int timeout_ms, SockExitFlag* exitFla
         if (m_nFilled >= m_nCapacity) {
             return DATA_LARGE_THEN_BUF;
         }
-        if (exit_requested(exitFlag)) {
+        if (Sock_ExitRequested(exitFlag)) {
             return LOOP_INTERRUPTED;
         }
 
@@ -202,7 +191,7 @@ int HTTPBaseBuffer_Class::ReadHead(int fd, int timeout_ms, SockExitFlag* exitFla
             if (rc == SOCK_INTERRUPT) {
                 // A signal broke the wait: stop if it was the stop request,
                 // otherwise carry on as after a pass without data.
-                if (exit_requested(exitFlag)) {
+                if (Sock_ExitRequested(exitFlag)) {
                     return LOOP_INTERRUPTED;
                 }
                 got = 0;

@@ -52,9 +52,9 @@ struct Scan {
     int Next(const unsigned char* buf, int filled);
 };
 
-// Adds a receive pass that began at before to *countedUsec, unless the pass
-// alone lasted timeout_ms or more (a silent peer ends a pass by the wait's
-// own time-out; a trickle adds up). True when the sum reaches timeout_ms.
+// The socket layer's receive-pass accounting (Sock_RecvPassTimeUp) for a
+// head-read pass that began at before and was not silent (a silent wait
+// ends a head read with its own SOCK_TIMEOUT). True when the time is up.
 bool TimeUp(const timeval& before, int timeout_ms, long long* countedUsec);
 
 } // namespace http_head
@@ -106,7 +106,8 @@ public:
     // (m_nFilled tells how much arrived); the missing bytes are zeroed, so
     // they never show an earlier message. DEBUG_WARNING for inconsistent
     // counters or a negative length, DATA_LARGE_THEN_BUF when the body cannot
-    // fit, HTTP_BODY_READ_FAILD for any receive failure (time-out included).
+    // fit, HTTP_BODY_READ_FAILD for any receive failure (a time-out, silent
+    // wait or trickle, included).
     int HttpRead_Body(int fd, int length, int timeout_ms, SockExitFlag* exitFlag, DbPrintf_Class* pDB = nullptr);
 
     // Read results and counters; callers read them, only this class and its

@@ -14,11 +14,6 @@
 
 namespace {
 
-bool exit_requested(const SockExitFlag* exitFlag)
-{
-    return exitFlag != nullptr && exitFlag->load(std::memory_order_relaxed) == -1;
-}
-
 // Completes the part head in b's buffer. Read-ahead is searched first; then
 // each pass peeks at what the socket holds and takes exactly the bytes up to
 // the head's end (all of them while the head is still incomplete). Codes
@@ -35,7 +30,7 @@ int read_part_head_exact(HTTPMultiPartResponseBuffer_Class& b, int fd, int timeo
         if (b.m_nFilled >= b.m_nCapacity) {
             return DATA_LARGE_THEN_BUF;
         }
-        if (exit_requested(exitFlag)) {
+        if (Sock_ExitRequested(exitFlag)) {
             return LOOP_INTERRUPTED;
         }
         timeval before{};
@@ -45,7 +40,7 @@ int read_part_head_exact(HTTPMultiPartResponseBuffer_Class& b, int fd, int timeo
         int rc = Sock_Recv_OneBlock(fd, b.m_pBuffer + b.m_nFilled, b.m_nCapacity - b.m_nFilled, &peeked, timeout_ms,
                                     SOCK_FIXED_FLAGS | MSG_PEEK, pDB);
         if (rc == SOCK_INTERRUPT) {
-            if (exit_requested(exitFlag)) {
+            if (Sock_ExitRequested(exitFlag)) {
                 return LOOP_INTERRUPTED;
             }
             peeked = 0;
@@ -149,9 +144,12 @@ int HTTPMultiPartResponseBuffer_Class::HttpReadMultiInto(int fd, int timeout_ms,
         rc = Sock_Recv(fd, trailer, 2 - trailerInBuffer, &got, timeout_ms, SOCK_FIXED_FLAGS, exitFlag, pDB);
     }
     if (rc != SUCCESS) {
-        // The buffered body read reports every receive failure, a time-out
-        // included, as HTTP_BODY_READ_FAILD, so its status is 400; the direct
-        // read answers the same way.
+        // The same two lines as the buffered body read: the receive's own
+        // code (SOCK_TIMEOUT for a camera gone silent inside a part), then
+        // the part read's. That read reports every receive failure, a
+        // time-out included, as HTTP_BODY_READ_FAILD, so its status is 400;
+        // the direct read answers the same way.
+        TimePrint(pDB, 1, "[HTTPBaseBuffer_Class::HttpRead_Body()] Sock_Recv(sockfd %d) failed ::%d\n", fd, rc);
         TimePrint(
             pDB, 1,
             "[HTTPMultiPartResponseBuffer_Class::HttpReadMulti()] HttpRead_Body(sockfd %d,ContentLength %d) failed ::%d\n",

@@ -26,11 +26,6 @@ constexpr int kSimplePassMs = 2000;
 constexpr long long kRecvPauseUsec = 10000;
 constexpr long long kPeekPauseUsec = 20000;
 
-bool exit_requested(const SockExitFlag* exitFlag)
-{
-    return exitFlag != nullptr && exitFlag->load(std::memory_order_relaxed) == -1;
-}
-
 // The one wait of this module: poll() on one descriptor. poll replaces the
 // fixed-size select() sets (no limit at descriptor 1024) with the same time-out
 // meaning; a negative time-out is taken as 0 rather than "for ever".
@@ -92,18 +87,6 @@ bool make_inet_addr(const char* text, unsigned short port, sockaddr_in* out)
     return text != nullptr && inet_pton(AF_INET, text, &out->sin_addr) > 0;
 }
 
-// Time accounting shared by the receive loops: a pass that took the whole
-// time-out or longer counts nothing (a silent peer never times the call out);
-// shorter passes accumulate. Returns true once the accumulated time reaches
-// the time-out.
-bool account_pass(long long passUsec, int timeout_ms, long long* counted)
-{
-    if (passUsec / 1000 < timeout_ms) {
-        *counted += passUsec;
-    }
-    return *counted / 1000 >= timeout_ms;
-}
-
 // The loop of Sock_Recv and Sock_Recv_TxtMsg. scanNul: end at a NUL in a
 // block (not at its first byte); pauseUsec: sleep between passes (0: none).
 int recv_loop(int fd, char* buf, int len, int* got, int timeout_ms, int flags,
@@ -116,7 +99,7 @@ int recv_loop(int fd, char* buf, int len, int* got, int timeout_ms, int flags,
             *got = total;
             return SUCCESS;
         }
-        if (exit_requested(exitFlag)) {
+        if (Sock_ExitRequested(exitFlag)) {
             *got = total;
             return LOOP_INTERRUPTED;
         }
@@ -125,9 +108,10 @@ int recv_loop(int fd, char* buf, int len, int* got, int timeout_ms, int flags,
         gettimeofday(&start, nullptr);
         const int rc = Sock_Recv_OneBlock(fd, buf + total, len - total, &n, timeout_ms, flags);
         const long long passUsec = elapsed_usec(start);
+        const bool silent = rc == SOCK_TIMEOUT;
 
         if (rc == SOCK_INTERRUPT) {
-            if (exit_requested(exitFlag)) {
+            if (Sock_ExitRequested(exitFlag)) {
                 *got = total;
                 return LOOP_INTERRUPTED;
             }
@@ -154,7 +138,7 @@ int recv_loop(int fd, char* buf, int len, int* got, int timeout_ms, int flags,
         }
         total += n;
 
-        if (account_pass(passUsec, timeout_ms, &counted)) {
+        if (Sock_RecvPassTimeUp(passUsec, silent, timeout_ms, &counted)) {
             *got = total;
             return SOCK_TIMEOUT;
         }
@@ -192,6 +176,26 @@ int get_inet_name(int fd, bool peer, in_addr* addr, unsigned short* port)
 }
 
 }  // namespace
+
+bool Sock_ExitRequested(const SockExitFlag* exitFlag)
+{
+    return exitFlag != nullptr && exitFlag->load(std::memory_order_relaxed) == -1;
+}
+
+bool Sock_RecvPassTimeUp(long long passUsec, bool silent, int timeout_ms, long long* countedUsec)
+{
+    // A pass that waited its whole time-out without a byte ends the call.
+    // Counting only the passes that brought data (so that a silent peer was
+    // waited for pass after pass) would let one half-sent request hold a
+    // control-port thread, or a hung camera freeze the channel, for ever.
+    if (silent) {
+        return true;
+    }
+    if (passUsec / 1000 < timeout_ms) {
+        *countedUsec += passUsec;
+    }
+    return *countedUsec / 1000 >= timeout_ms;
+}
 
 // ---- Opening and connecting ------------------------------------------------
 
@@ -394,7 +398,7 @@ int Sock_PeekRecv(int fd, void* buf, int len, int need, int* got, int timeout_ms
     }
     long long counted = 0;
     for (;;) {
-        if (exit_requested(exitFlag)) {
+        if (Sock_ExitRequested(exitFlag)) {
             *got = 0;
             return LOOP_INTERRUPTED;
         }
@@ -407,7 +411,7 @@ int Sock_PeekRecv(int fd, void* buf, int len, int need, int* got, int timeout_ms
             return SUCCESS;
         }
         if (rc == SOCK_INTERRUPT) {
-            if (exit_requested(exitFlag)) {
+            if (Sock_ExitRequested(exitFlag)) {
                 *got = 0;
                 return LOOP_INTERRUPTED;
             }
@@ -417,7 +421,8 @@ int Sock_PeekRecv(int fd, void* buf, int len, int need, int* got, int timeout_ms
         UsecSleep(kPeekPauseUsec);
         // Each poll here has a zero time-out, so the pause is counted as part
         // of the pass; otherwise the time-out would almost never be reached.
-        if (account_pass(elapsed_usec(start), timeout_ms, &counted)) {
+        // An empty poll is no silent wait: it did not wait at all.
+        if (Sock_RecvPassTimeUp(elapsed_usec(start), false, timeout_ms, &counted)) {
             *got = n;
             return SOCK_TIMEOUT;
         }
@@ -514,14 +519,14 @@ int send_loop(int fd, const void* buf, int len, int* sent, int timeout_ms, SockE
     gettimeofday(&start, nullptr);
     int total = 0;
     for (;;) {
-        if (exit_requested(exitFlag)) {
+        if (Sock_ExitRequested(exitFlag)) {
             *sent = total;
             return LOOP_INTERRUPTED;
         }
         int n = 0;
         const int rc = Sock_Send_OneBlock(fd, p + total, len - total, &n, timeout_ms,
                                           SOCK_FIXED_FLAGS | extraFlags);
-        if (rc == SOCK_INTERRUPT && exit_requested(exitFlag)) {
+        if (rc == SOCK_INTERRUPT && Sock_ExitRequested(exitFlag)) {
             *sent = total;
             return LOOP_INTERRUPTED;
         }

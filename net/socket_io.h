@@ -84,6 +84,23 @@ int Set_FcntlFlag(int fd, int flag, int on, DbPrintf_Class* pDB = nullptr);
 
 // ---- Receiving ---------------------------------------------------------------
 
+// True when the exit flag exists and holds exactly -1: the one test every
+// loop over a socket (here and in the HTTP readers) makes of it.
+bool Sock_ExitRequested(const SockExitFlag* exitFlag);
+
+// The time accounting of every receive loop (Sock_Recv, Sock_Recv_TxtMsg,
+// Sock_PeekRecv and the HTTP head readers), kept in this one place.
+// passUsec: how long the pass took; silent: its wait ran the whole time-out
+// and no byte came. Returns true when the loop must end with SOCK_TIMEOUT:
+// - a silent pass ends it at once. Every caller promises a bound built on
+//   its time-out (a request is read within 15 s, a camera read gives up
+//   after 2 s, the launcher waits 2 s for the daemon's answer); a peer that
+//   stays silent must not hold a thread, a channel or a launcher longer;
+// - a pass that received data adds its duration to *countedUsec when it
+//   is shorter than timeout_ms (a longer one adds nothing), and the loop
+//   ends once the sum reaches timeout_ms, so a slow trickle is bounded too.
+bool Sock_RecvPassTimeUp(long long passUsec, bool silent, int timeout_ms, long long* countedUsec);
+
 // One wait for readability (timeout_ms) and at most one recv(fd, buf, len,
 // flags). SUCCESS with *got = bytes (0: the peer closed or reset),
 // SOCK_TIMEOUT (*got untouched), SOCK_INTERRUPT (a signal broke the wait, or
@@ -95,18 +112,18 @@ int Sock_Recv_OneBlock(int fd, void* buf, int len, int* got, int timeout_ms, int
 // Fills buf with up to len bytes in passes of Sock_Recv_OneBlock.
 // SUCCESS with *got = total when len bytes arrived or the peer closed
 // (possibly short); LOOP_INTERRUPTED with the count so far when the exit
-// flag is -1; SOCK_TIMEOUT with the count so far when the time spent in
-// passes that received data reaches timeout_ms. A pass whose wait alone took
-// timeout_ms or longer adds nothing to that time, so a silent peer keeps the
-// call waiting (in passes) until data, a close, or the exit flag. With
-// MSG_DONTWAIT in flags, 10 ms pass between passes. Other failures are
-// returned as they are, *got not written. len 0: SUCCESS, *got = 0, the
-// socket is not touched.
+// flag is -1; SOCK_TIMEOUT with the count so far when a pass waited
+// timeout_ms without any data (a silent peer), or when the time spent in
+// passes that received data reaches timeout_ms (a trickle); see
+// Sock_RecvPassTimeUp. With MSG_DONTWAIT in flags, 10 ms pass between
+// passes. Other failures are returned as they are, *got not written. len 0:
+// SUCCESS, *got = 0, the socket is not touched.
 int Sock_Recv(int fd, void* buf, int len, int* got, int timeout_ms, int flags,
               SockExitFlag* exitFlag, DbPrintf_Class* pDB = nullptr);
 
 // Receives a NUL-terminated text message with the fixed flags, as Sock_Recv
-// but without the pause between passes. After each pass the new block is
+// (a silent wait of timeout_ms ends it with SOCK_TIMEOUT) but without the
+// pause between passes. After each pass the new block is
 // scanned from its last byte down to its second byte (its first byte is never
 // looked at); at a NUL the call ends with SUCCESS and *got counting the whole
 // block, bytes after the NUL included. A close or a full buffer also end it

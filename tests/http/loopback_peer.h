@@ -6,12 +6,12 @@
 #include <linux/sockios.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <sched.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <string>
 #include <thread>
@@ -69,10 +69,11 @@ public:
     // Returns once everything sent so far has been delivered to the reader's
     // socket (nothing left unacknowledged at the peer) and taken out of it by
     // the reader, or once *done says the reader has stopped reading. This is
-    // what makes each piece arrive in a receive of its own.
+    // what makes each piece arrive in a receive of its own. A bounded poll
+    // (100 us steps, 10 s at most) so that it never starves the reader.
     void WaitDrained(const std::atomic<bool>& done) const
     {
-        for (;;) {
+        for (int i = 0; i < 100000; i++) {
             int unacked = 0;
             int unread = 0;
             ioctl(m_peer, SIOCOUTQ, &unacked);
@@ -80,8 +81,9 @@ public:
             if ((unacked == 0 && unread == 0) || done.load()) {
                 return;
             }
-            sched_yield();
+            std::this_thread::sleep_for(std::chrono::microseconds(100));
         }
+        ADD_FAILURE() << "the reader did not take what was sent within 10 s";
     }
 
     void ClosePeer()

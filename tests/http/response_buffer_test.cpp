@@ -153,7 +153,7 @@ TEST(ResponseBuffer, SilentPeerTimesOutWith408)
     EXPECT_STREQ("HTTP header read faild.", buf.m_strError);
 }
 
-TEST(ResponseBuffer, ExitFlagStopsHeadAndBodyReads)
+TEST(ResponseBuffer, ExitFlagStopsAHeadReadAndSilenceABodyRead)
 {
     HTTPResponseBuffer_Class buf;
     ASSERT_EQ(SUCCESS, buf.Init(256));
@@ -163,21 +163,13 @@ TEST(ResponseBuffer, ExitFlagStopsHeadAndBodyReads)
         EXPECT_EQ(HTTP_HEADER_READ_FAILD, buf.HttpRead(pair.reader(), kTimeoutMs, &stop));
         EXPECT_EQ(400, buf.m_nStatus);
     }
-    // The head arrives, the body never does: a silent peer does not use up
-    // the time-out of a body read, only the exit flag ends it.
+    // The head arrives, the body stops after three bytes: one silent wait of
+    // the time-out ends the body read (a camera or schedule server that
+    // hangs mid-answer must not hold its client).
     stop.store(0);
     LoopbackPair pair;
     pair.Send("HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\nabc");
-    std::atomic<bool> done{false};
-    int rc = 0;
-    std::thread reader([&] {
-        rc = buf.HttpRead(pair.reader(), 20, &stop);
-        done.store(true);
-    });
-    pair.WaitDrained(done);
-    stop.store(-1);
-    reader.join();
-    EXPECT_EQ(HTTP_BODY_READ_FAILD, rc);
+    EXPECT_EQ(HTTP_BODY_READ_FAILD, buf.HttpRead(pair.reader(), 100, &stop));
     EXPECT_EQ(400, buf.m_nStatus);
     EXPECT_STREQ("HTTP body read faild.", buf.m_strError);
 }

@@ -203,20 +203,37 @@ TEST(SockRecvTest, TrickleEndsWhenTheTimeSpentInPassesRunsOut)
     EXPECT_LT(got, 1000);
 }
 
-TEST(SockRecvTest, SilentPeerWaitsUntilTheExitFlagIsMinusOne)
+// A peer that sends part of the data and then nothing: one wait of the whole
+// time-out ends the read with what came (it used to wait pass after pass, so
+// a half-sent request held a control-port thread for ever).
+TEST(SockRecvTest, SilentPeerEndsTheReadAfterOneWholeTimeOut)
+{
+    Pair p;
+    put(p.peer, "abc");
+    char buf[64];
+    int got = -1;
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(SOCK_TIMEOUT, Sock_Recv(p.ours, buf, sizeof(buf), &got, 300, SOCK_FIXED_FLAGS, nullptr));
+    EXPECT_GE(std::chrono::steady_clock::now() - start, milliseconds(250)) << "not before the wait ran out";
+    EXPECT_EQ(3, got);
+
+    got = -1;
+    EXPECT_EQ(SOCK_TIMEOUT, Sock_Recv_TxtMsg(p.ours, buf, sizeof(buf), &got, 100, nullptr));
+    EXPECT_EQ(0, got) << "the text reader, too";
+}
+
+TEST(SockRecvTest, OnlyAnExitFlagOfMinusOneEndsAWaitEarly)
 {
     Pair p;
     put(p.peer, "abc");
     SockExitFlag flag{0};
     char buf[64];
     int got = -1;
-    Worker w([&] { return Sock_Recv(p.ours, buf, sizeof(buf), &got, 50, SOCK_FIXED_FLAGS, &flag); });
-    // Many time-outs' worth of silence is no time-out; neither a signal nor
-    // a flag other than -1 ends the wait.
-    EXPECT_FALSE(w.finished(400));
+    Worker w([&] { return Sock_Recv(p.ours, buf, sizeof(buf), &got, 60000, SOCK_FIXED_FLAGS, &flag); });
+    wait_consumed(p.peer, p.ours);
     flag = 1;
     pthread_kill(w.tid, SIGUSR1);
-    EXPECT_FALSE(w.finished(200));
+    EXPECT_FALSE(w.finished(200)) << "a signal with another flag value is no stop";
     flag = -1;
     EXPECT_EQ(LOOP_INTERRUPTED, w.wake_until_done());
     EXPECT_EQ(3, got);
