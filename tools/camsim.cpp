@@ -30,8 +30,11 @@ constexpr FaultName kFaultNames[] = {
     {CamFault::kStall, "stall"},         {CamFault::kGarbageHead, "garbage-head"},
     {CamFault::kWrongLength, "wrong-length"}, {CamFault::kNoLength, "no-length"},
     {CamFault::kZeroLength, "zero-length"},   {CamFault::kReset, "reset"},
-    {CamFault::kStatus, "status"},
+    {CamFault::kStatus, "status"},       {CamFault::kHang, "hang"},
 };
+
+// How long a fault waits for the bytes before it to be acknowledged.
+constexpr int kFlushTimeoutMs = 5000;
 
 const char* reason_of(int status) {
   switch (status) {
@@ -219,6 +222,7 @@ void CamSim::serve(int fd, const std::string& peer, int connNo) {
   if (faulty && cfg_.fault == CamFault::kGarbageHead) {
     static const char kGarbage[] = "AXIS\x01\x02 garbage where the status line belongs\r\n\r\n";
     SendAll(fd, kGarbage, sizeof kGarbage - 1, cfg_.sendTimeoutMs, stop_);
+    FlushSendQueue(fd, kFlushTimeoutMs, stop_);
     hold_open(fd, stop_);
     ::close(fd);
     return;
@@ -257,10 +261,12 @@ void CamSim::stream(int fd, bool showLength, bool faulty, int connNo) {
 
     const CamFault f = faulty && part == cfg_.faultAt ? cfg_.fault : CamFault::kNone;
     if (f == CamFault::kDrop) {
+      FlushSendQueue(fd, kFlushTimeoutMs, stop_);
       why = "dropped before part " + std::to_string(part);
       break;
     }
     if (f == CamFault::kStall) {
+      FlushSendQueue(fd, kFlushTimeoutMs, stop_);
       log("connection " + std::to_string(connNo) + " stalls before part " + std::to_string(part));
       hold_open(fd, stop_);
       why = "stalled";
@@ -304,10 +310,12 @@ void CamSim::stream(int fd, bool showLength, bool faulty, int connNo) {
                   pic.data.size() - pic.stampAt};
     }
     iov[n++] = {const_cast<char*>(kCrLf), 2};
-    if (f == CamFault::kTruncate || f == CamFault::kReset) {
-      // Keep the head and half of the data: drop whole iovecs from the end,
-      // then shorten the last one.
+    if (f == CamFault::kTruncate || f == CamFault::kReset || f == CamFault::kHang) {
+      // Keep the head and half of the data (a hang: fault-arg bytes of the
+      // whole part): drop whole iovecs from the end, then shorten the last.
       size_t keep = partHead.size() + size / 2, total = 0;
+      if (f == CamFault::kHang && cfg_.faultArgSet)
+        keep = static_cast<size_t>(std::max<long long>(0, cfg_.faultArg));
       int m = 0;
       while (m < n && total + iov[m].iov_len <= keep) total += iov[m++].iov_len;
       if (m < n) iov[m++].iov_len = keep - total;
@@ -318,6 +326,11 @@ void CamSim::stream(int fd, bool showLength, bool faulty, int connNo) {
       why = std::string("send failed: ") + IoResultName(r);
       break;
     }
+    if (f == CamFault::kTruncate || f == CamFault::kReset || f == CamFault::kHang) {
+      // The kept bytes must reach the client before the close, the reset
+      // or the silence: a reset throws away whatever is still queued.
+      FlushSendQueue(fd, kFlushTimeoutMs, stop_);
+    }
     if (f == CamFault::kTruncate) {
       why = "part " + std::to_string(part) + " truncated";
       break;
@@ -325,6 +338,12 @@ void CamSim::stream(int fd, bool showLength, bool faulty, int connNo) {
     if (f == CamFault::kReset) {
       why = "part " + std::to_string(part) + " cut by reset";
       reset = true;
+      break;
+    }
+    if (f == CamFault::kHang) {
+      log("connection " + std::to_string(connNo) + " hangs inside part " + std::to_string(part));
+      hold_open(fd, stop_);
+      why = "hung";
       break;
     }
     ++sent;

@@ -41,6 +41,8 @@ enum class CamFault {
   kZeroLength,   // part N has Content-Length: 0 and no data
   kReset,        // part N is cut off half-way by a TCP reset
   kStatus,       // the response is an error status (fault-arg, default 503)
+  kHang,         // part N stops after fault-arg bytes (default half); the
+                 // connection stays open and silent
 };
 
 // Parses a fault name as used on the command line ("drop", "truncate", ...).

@@ -56,6 +56,10 @@ const char kUsage[] =
     "  zero-length   part N is empty with Content-Length: 0\n"
     "  reset         part N is cut half-way by a TCP reset\n"
     "  status        answer with the status fault-arg (default 503)\n"
+    "  hang          part N stops after fault-arg bytes, counted from its boundary\n"
+    "                line (default: half of the part), and the connection stays\n"
+    "                open and silent\n"
+    "Every fault acts only once the bytes sent before it have reached the client.\n"
     "\n"
     "Stops on SIGINT or SIGTERM. Exit status 0, or 2 for bad options or set-up.\n";
 

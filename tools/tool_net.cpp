@@ -5,9 +5,11 @@
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
+#include <linux/sockios.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <thread>
 #include <time.h>
@@ -314,6 +316,19 @@ bool SleepUntil(std::chrono::steady_clock::time_point deadline, const std::atomi
     if (now >= deadline) return true;
     const auto step = std::chrono::milliseconds(kPollStepMs);
     std::this_thread::sleep_for(deadline - now < step ? deadline - now : step);
+  }
+}
+
+bool FlushSendQueue(int fd, int timeoutMs, const std::atomic<bool>& stop) {
+  const int one = 1;
+  ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+  for (;;) {
+    int unacked = 0;
+    if (::ioctl(fd, SIOCOUTQ, &unacked) != 0 || unacked == 0) return true;
+    if (stop.load(std::memory_order_relaxed) || std::chrono::steady_clock::now() >= deadline)
+      return false;
+    std::this_thread::sleep_for(std::chrono::microseconds(200));
   }
 }
 

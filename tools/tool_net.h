@@ -76,7 +76,15 @@ IoResult ReadExact(int fd, size_t len, int timeoutMs, const std::atomic<bool>& s
 // Sleeps until `deadline`, returning false early when *stop became true.
 bool SleepUntil(std::chrono::steady_clock::time_point deadline, const std::atomic<bool>& stop);
 
-// Closes with an RST instead of a FIN (SO_LINGER with zero time).
+// Pushes out what the socket still holds (no Nagle delay from here on) and
+// waits until the peer has acknowledged every byte (the send queue is
+// empty), at most timeoutMs or until *stop. A fault that acts next (a
+// reset, a silence) then hits exactly after the bytes sent before it.
+// Returns false when the queue did not empty in time.
+bool FlushSendQueue(int fd, int timeoutMs, const std::atomic<bool>& stop);
+
+// Closes with an RST instead of a FIN (SO_LINGER with zero time). Bytes
+// still queued are thrown away: call FlushSendQueue first to deliver them.
 void CloseWithReset(int fd);
 
 }  // namespace otools

@@ -91,9 +91,7 @@ std::pair<int, std::string> RaiseInChild(const std::string& dir, int terminate)
         }
         // Sanitizer runtimes may handle a raised signal at their next safe
         // point rather than inside raise(): give them generous room.
-        for (int i = 0; i < 1000; i++) {
-            sched_yield();
-        }
+        usleep(50000);
         if (g_Program_Command.load() != 0) {
             _exit(30);
         }
@@ -103,8 +101,8 @@ std::pair<int, std::string> RaiseInChild(const std::string& dir, int terminate)
             _exit(40);
         }
         raise(terminate);
-        for (long i = 0; i < 10000000 && g_Program_Command.load() != -1; i++) {
-            sched_yield();
+        for (int i = 0; i < 10000 && g_Program_Command.load() != -1; i++) {
+            usleep(1000);
         }
         _exit(g_Program_Command.load() == -1 ? 0 : 20);
     }

@@ -1,6 +1,9 @@
 #include "net/thread_control.h"
 
 #include <gtest/gtest.h>
+
+#include <chrono>
+#include <thread>
 #include <pthread.h>
 #include <sched.h>
 #include <signal.h>
@@ -62,9 +65,11 @@ public:
             probe->detached++;
         }
         probe->started++;
+        // Busy, but not spinning: the other threads of a 2-core machine
+        // (and other tests running beside this one) keep their share.
         while (m_nCommand.load() != -1) {
             probe->work++;
-            sched_yield();
+            std::this_thread::sleep_for(std::chrono::microseconds(200));
         }
         probe->stoppedOnCommand++;
         m_nExitMark.store(-1);
@@ -105,11 +110,14 @@ public:
     Probe* probe;
 };
 
+// A bounded poll (1 ms steps, 10 s at most) for what the pool does on its
+// own threads.
 void WaitUntil(const std::function<bool()>& cond)
 {
-    while (!cond()) {
-        sched_yield();
+    for (int i = 0; i < 10000 && !cond(); i++) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
+    ASSERT_TRUE(cond()) << "not reached within 10 s";
 }
 
 bool Finished(ThreadControlElement* e)
