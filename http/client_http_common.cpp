@@ -190,24 +190,30 @@ int CClient_HTTP_Common::SetAuthString(const char* pUserName, const char* pPassw
     if (m_nAuth != 1) {
         return SUCCESS;
     }
-    // A cut credential would only be refused by the server: refuse it here.
+    // Each step cuts its text to its limit, as every text of the system is
+    // cut: "user:password" to 127 characters, and the finished line to 127
+    // characters. The encoded text is not cut by its own area: that area
+    // holds the encoding of the longest "user:password" whole, and the
+    // line's limit then decides what is sent.
     char plain[AUTH_LINE_SIZE];
-    const int plainLen = snprintf(plain, sizeof(plain), "%s:%s", pUserName, pPassword);
-    char encoded[AUTH_LINE_SIZE];
-    int ret = DATA_LARGE_THEN_BUF;
-    if (plainLen >= 0 && plainLen < static_cast<int>(sizeof(plain))) {
-        ret = Base64Encode(plain, plainLen, encoded, sizeof(encoded), nullptr);
+    int plainLen = snprintf(plain, sizeof(plain), "%s:%s", pUserName, pPassword);
+    if (plainLen < 0) {
+        plainLen = 0;
+        plain[0] = '\0';
+    } else if (plainLen >= static_cast<int>(sizeof(plain))) {
+        plainLen = static_cast<int>(sizeof(plain)) - 1;
     }
-    if (ret == SUCCESS) {
-        const int lineLen = snprintf(m_strAuth, sizeof(m_strAuth), "Authorization: Basic %s", encoded);
-        if (lineLen < 0 || lineLen >= static_cast<int>(sizeof(m_strAuth))) {
-            ret = DATA_LARGE_THEN_BUF;
-        }
-    }
+    char encoded[(AUTH_LINE_SIZE + 2) / 3 * 4 + 1];
+    const int ret = Base64Encode(plain, plainLen, encoded, sizeof(encoded), nullptr);
     if (ret != SUCCESS) {
         memset(m_strAuth, 0, sizeof(m_strAuth));
-        TimePrint(m_pDB, m_nLogLevel, "[%s::SetAuthString()] credentials too long ::%d\n", m_pClassName, ret);
+        TimePrint(m_pDB, m_nLogLevel, "[%s::SetAuthString()] Base64Encode failed ::%d\n", m_pClassName, ret);
         return ret;
+    }
+    const int lineLen = snprintf(m_strAuth, sizeof(m_strAuth), "Authorization: Basic %s", encoded);
+    if (lineLen >= static_cast<int>(sizeof(m_strAuth))) {
+        // Cut to the line's limit; the camera judges the credentials.
+        m_strAuth[sizeof(m_strAuth) - 1] = '\0';
     }
     return SUCCESS;
 }

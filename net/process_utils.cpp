@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <signal.h>
 #include <stdio.h>
+#include <sys/stat.h>
 #include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
@@ -42,6 +43,10 @@ int gg_writePid(const char* sFileName, DbPrintf_Class* pDB)
         TimePrint(pDB, 1, "[gg_writePid] fopen(sFileName %s) failed\n", sFileName);
         return CANNOT_FILEOPEN;
     }
+    // Like every file the system writes, 0666 by an explicit change of mode,
+    // whatever the file-creation mask (a foreground start keeps the
+    // caller's, usually 022).
+    fchmod(fileno(fp), 0666);
     fprintf(fp, "%d", static_cast<int>(getpid()));
     fclose(fp);
     return SUCCESS;

@@ -105,8 +105,6 @@ class DaemonLifeTest(RelayCase):
         self.assertRegex(states["PPD_VersionTime"], r"^\d\d:\d\d:\d\d \w{3} [ \d]\d \d{4}$")
         with open(self.path("mem", "Ostrel_01.pid")) as f:
             self.assertEqual(f.read(), str(pid))
-        self.assertEqual(stat.S_IMODE(os.stat(self.path("mem", "Ostrel_01.pid")).st_mode), 0o666,
-                         "the daemon clears its file-creation mask")
         # Detached: its own session without being its leader, standard
         # descriptors on /dev/null.
         self.assertNotEqual(os.getsid(pid), os.getsid(0))
@@ -127,6 +125,32 @@ class DaemonLifeTest(RelayCase):
         log = self.log_text()
         self.assertIn("-StartUp 1 \n", log)
         self.assertIn("] End\n", log)
+
+    def test_both_starts_write_every_file_with_mode_0666(self):
+        # Under the usual mask 022 too: the mode is set explicitly, not left
+        # to the mask (the forking start clears it, the foreground one not).
+        files = (("pid file", ("mem", "Ostrel_01.pid")), ("log", ("log", "Ostrel_01_log0.txt")),
+                 ("states file", ("tmp.1.States",)))
+        old_mask = os.umask(0o022)
+        try:
+            for how in ("forking", "foreground"):
+                for _, parts in files[:2]:
+                    if os.path.exists(self.path(*parts)):
+                        os.unlink(self.path(*parts))
+                if how == "forking":
+                    pid = self.start_forking("1")
+                else:
+                    proc = self.start_foreground("1")
+                for what, parts in files:
+                    with self.subTest(start=how, file=what):
+                        self.assertEqual(stat.S_IMODE(os.stat(self.path(*parts)).st_mode), 0o666)
+                if how == "forking":
+                    self.stop_daemon(pid)
+                else:
+                    proc.send_signal(signal.SIGTERM)
+                    proc.communicate(timeout=30)
+        finally:
+            os.umask(old_mask)
 
     def test_foreground_start_stops_when_its_states_file_is_deleted(self):
         proc = self.start_foreground("1")
