@@ -228,10 +228,10 @@ class ReliabilityCase(e2e.RelayCase):
                              "%s: resident memory %d kB before, %d kB after" % (what, before[1], after[1]))
         return after
 
-    def check_files(self, pid=None, states_expected=True, stopped=False):
+    def check_files(self, pid=None, states_expected=True, stopped=False, name="1"):
         """Nothing the daemon writes is truncated or malformed."""
         if states_expected:
-            with open(self.states_path()) as f:
+            with open(self.states_path(name)) as f:
                 text = f.read()
             root = ET.fromstring(text)
             self.assertEqual(root.tag, "PPD.States", text)
@@ -262,12 +262,12 @@ class ReliabilityCase(e2e.RelayCase):
                 self.assertIsNone(LOG_STAMP_INSIDE_RE.search(line),
                                   "%s:%d: a stamp inside a line: %r" % (path, i + 1, line))
 
-    def finish(self, pid, what, count, outcome, before, note=""):
+    def finish(self, pid, what, count, outcome, before, note="", name="1"):
         """Common tail of a load: daemon alive, resources back, files whole,
         one report row."""
         self.assertTrue(alive(pid), "%s: the daemon ended" % what)
         after = self.settle(pid, before, what)
-        self.check_files(pid)
+        self.check_files(pid, name=name)
         record(what, count, outcome, before, after, note)
 
 

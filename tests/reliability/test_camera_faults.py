@@ -286,6 +286,22 @@ class CameraStreamFaultTest(r.ReliabilityCase):
             with self.subTest(fault, note=note):
                 self.run_fault(fault, extra, read_fails, note)
 
+    def test_camera_gone_silent(self):
+        # A camera that hangs (a pulled cable, a crashed web server) keeps
+        # its connection open and sends nothing more. Wherever the silence
+        # begins, the read ends after the clients' 2 s limit and the daemon
+        # connects again at once.
+        rows = [
+            ("stall", ["--fault-at", "1"], "camera silent after the response head"),
+            ("hang", ["--fault-arg", "10"], "camera silent inside a part head"),
+            ("hang", ["--fault-arg", "100"], "camera silent 100 bytes into a part"),
+            ("hang", ["--fault-arg", "1000"], "camera silent 1000 bytes into a part"),
+            ("hang", ["--fault-arg", "1900"], "camera silent 1900 bytes into a part"),
+        ]
+        for fault, extra, note in rows:
+            with self.subTest(fault, note=note):
+                self.run_fault(fault, extra, True, note)
+
     def run_fault(self, fault, extra, read_fails, note):
         name = "cam-%s%s" % (fault, "".join(extra).replace("--fault-arg", ""))
         _, rec = self.start_camsim("--fps", "25", "--fault", fault, "--fault-at", "4",
@@ -305,9 +321,21 @@ class CameraStreamFaultTest(r.ReliabilityCase):
             self.assertGreater(seqs[-1], 4)
             times = request_times(rec)[:REPEATS + 1]
             gaps = [b - a for a, b in zip(times, times[1:])]
-            if read_fails is True and fault != "stall":
+            silent = fault in ("stall", "hang")
+            if read_fails is True and not silent:
                 self.assertTrue(all(g < IMMEDIATE for g in gaps),
                                 "%s: reconnect gaps %s (a back-off where none belongs)" % (fault, gaps))
+            if silent:
+                # The pictures before the silence, then the 2 s read limit,
+                # then a new connection at once (no back-off on top).
+                self.assertTrue(all(1.8 <= g < 2.0 + 4.0 for g in gaps),
+                                "%s: reconnect gaps %s (the read limit is 2 s)" % (fault, gaps))
+            if fault == "hang":
+                # The camera numbers its parts across connections: the parts
+                # cut by the silence (the fourth of each faulty connection)
+                # are never relayed, the pictures already taken are.
+                cut = {4 * k for k in range(1, REPEATS + 1)}
+                self.assertFalse(cut & set(seqs), "a cut part was relayed: %s" % seqs)
             if read_fails is None:
                 self.assertTrue(all(g >= 0.9 for g in gaps),
                                 "%s: reconnect gaps %s (no back-off after a failed start)" % (fault, gaps))
@@ -317,7 +345,7 @@ class CameraStreamFaultTest(r.ReliabilityCase):
                 what = "part skipped, same connection"
             elif all(g < IMMEDIATE for g in gaps):
                 what = "reconnected at once"
-            elif fault == "stall":
+            elif silent:
                 what = "reconnected after the read limit"
             else:
                 what = "reconnected after back-off"

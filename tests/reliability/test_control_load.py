@@ -126,6 +126,64 @@ class ControlPortLoadTest(r.ReliabilityCase):
                     "closed without answer after the read limit", before,
                     note="closed after %s s" % "/".join("%.0f" % c for c in closed))
 
+    def test_half_sent_requests_do_not_lock_the_viewer_out(self):
+        # One half-sent request per control-port thread, then silence: each
+        # read ends after its 15 s limit, and the viewer, queued behind them,
+        # is served then. A CGI start has one thread, the command line two.
+        rows = [
+            # start, threads, what the silent clients send, what they get
+            ("command line", "2", b"POST /trcom.cgi HTTP/1.0\r\nContent-Length: 10\r\n\r\nabc",
+             b"HTTP body read faild."),
+            ("command line", "2", b"GET /ptippreimg.cgi?get_image=1 HTTP/1.0\r\nX-Pad: pp", None),
+            ("CGI", "1", b"POST /trcom.cgi HTTP/1.0\r\nContent-Length: 10\r\n\r\nabc",
+             b"HTTP body read faild."),
+            ("CGI", "1", b"GET /ptippreimg.cgi?get_image=1 HTTP/1.0\r\nX-Pad: pp", None),
+        ]
+        self.start_camsim("--fps", "50")
+        for start, threads, partial, answer in rows:
+            with self.subTest(start=start, partial=partial[:20]):
+                # A CGI Name has at least two characters.
+                name = "01" if start == "CGI" else "1"
+                if start == "CGI":
+                    out, err = self.run_ostrel("cgi", "01", env={
+                        "REQUEST_METHOD": "GET", "QUERY_STRING": "Command=StartUp&Name=01"})
+                    self.assertIn(b"<States>Success</States>", out, err)
+                    pid = int(self.wait_states("NormalOperating", name)["ProcessId"])
+                    self.daemon_pids.append(pid)
+                    self.wait_pid_file(pid, 1)
+                else:
+                    pid = self.start_forking(name)
+                self.assertEqual(e2e.login().body, b"LOGIN_SUCCESS:1:\r\n")
+                self.wait_picture()
+                before = self.usage(pid)
+                start_t = time.monotonic()
+                silent = []
+                for _ in range(int(threads)):
+                    s = e2e.connect(timeout=60)
+                    s.sendall(partial)
+                    silent.append(s)
+                # Queued behind the silent clients: answered once they are.
+                a, = e2e.parse_answers(e2e.exchange(
+                    b"GET /ptippreimg.cgi?img_logout=1&img_user_id=1 HTTP/1.0\r\n\r\n", timeout=60))
+                waited = time.monotonic() - start_t
+                self.assertEqual(a.body, b"LOGOUT_SUCCESS:1:IMAGE\r\n")
+                self.assertGreaterEqual(waited, 14.0, "the silent clients held no thread")
+                self.assertLess(waited, 15.0 + 15.0)
+                for s in silent:
+                    data = e2e.read_until_close(s, 60)
+                    s.close()
+                    if answer is None:
+                        self.assertEqual(data, b"", "a cut-off head got an answer")
+                    else:
+                        self.assertEqual(r.status_of(data), 400)
+                        self.assertTrue(data.endswith(answer), data)
+                self.assertEqual(e2e.login().body, b"LOGIN_SUCCESS:1:\r\n")
+                self.wait_picture()
+                self.finish(pid, "control: %s silent half-sent %s, %s start" % (
+                    threads, "body" if answer else "head", start), int(threads),
+                    "viewer served after %.1f s" % waited, before, name=name)
+                self.stop_daemons()
+
     def test_trickling_client_is_cut_off(self):
         # The 15 s read limit counts the whole head, not each wait: a client
         # sending a byte every half second cannot hold a thread for longer.
