@@ -171,6 +171,10 @@ TEST_F(PreImageTest, TextAnswers)
         {get("/a/../ptippreimg.cgi"), kOwnIp, "400 Bad Request", "Syntax error in URI"},
         {"POST /ptippreimg.cgi HTTP/1.1\r\n\r\n", kOwnIp, "411 Length Required", "'Content-Length:' Not found."},
         {"GET /ptippreimg.cgi HTTP/1.1\r\nNo colon\r\n\r\n", kOwnIp, "400 Bad Request", ""},
+        // Exactly the buffer's 65536 bytes, so that all of it is read when
+        // the answer goes (unread bytes would turn the close into a reset).
+        {"GET /" + std::string(65536 - 16, 'a') + " HTTP/1.0\r\n", kOwnIp, "413 Request Entity Too Large",
+         "HTTP header read faild."},
     };
     for (const auto& row : rows) {
         for (size_t split : {size_t(0), row.request.size() / 2}) {
@@ -181,14 +185,6 @@ TEST_F(PreImageTest, TextAnswers)
         }
     }
     EXPECT_EQ(ask("GET /x.cgi HTTP/1.0\r\n\r\n").head.substr(0, 24), "HTTP/1.0 404 Not Found\r\n");
-}
-
-TEST_F(PreImageTest, SilentClientIsDroppedWithoutAnAnswerAfterTheReadLimit)
-{
-    int fd = connect_from(kOwnIp, port_);
-    ASSERT_TRUE(send_all(fd, "GET /ptippreimg.cgi?img_logout=1&img_user_id=1 HTTP/1.1\r\n"));
-    EXPECT_EQ(read_to_close(fd), "");  // after 15 s; the client waits up to 60 s
-    EXPECT_EQ(g_flagLoginUserExist.load(), 1);
 }
 
 }  // namespace

@@ -154,6 +154,9 @@ TEST_F(LauncherAnswerTest, AnswersEveryRequestExactly)
         EXPECT_EQ(r.status, 0);
         EXPECT_EQ(r.out, row.out);
         EXPECT_EQ(r.err, row.err);
+        glob_t states{};
+        EXPECT_NE(glob((dir_ + "/*States*").c_str(), 0, nullptr, &states), 0) << "nothing is started";
+        globfree(&states);
     }
 }
 

@@ -1,6 +1,8 @@
 """Starting and stopping the daemon as a launcher or an operator does: the
-launcher answers, the states and pid files, the thread count, the ways a
-start fails, and the three ways a running daemon is stopped."""
+answers of starts, the states and pid files, the thread count, the ways a
+start fails, and the three ways a running daemon is stopped. The answers to
+requests that start nothing are checked byte for byte by the daemon's own
+launcher-answer test."""
 
 import os
 import signal
@@ -11,16 +13,6 @@ import unittest
 
 from ostrel_e2e import (CONTROL_PORT, MYIP, RelayCase, is_listening, launcher_answer,
                         setup_namespace, start_failed_answer, success_answer, wait_for)
-
-USAGE = (b"\t-StartUp Name : PP Start (for Debug).\n"
-         b"\t-StartUp_NonDeamon Name : PP Start (for Debug).\n"
-         b"\t-GetConfigTemplate\n")
-
-
-def invalid(comment):
-    return launcher_answer(b"<Response>\n  <States>Err_InvalidArgument</States>\n"
-                           b"  <Comment>%s</Comment>\n</Response>\n" % comment)
-
 
 ALREADY = launcher_answer(b"<Response>\n  <States>Err_AlreadyWorking</States>\n</Response>\n")
 TIMEOUT = start_failed_answer(b"Fork response time out")
@@ -40,45 +32,6 @@ def cgi(method, query=None, length=None):
 
 
 class LauncherAnswerTest(RelayCase):
-    def test_answers_that_start_nothing(self):
-        rows = [
-            # argv after the program, environment, stdin, stdout, stderr, note
-            (["-StartUp"], {}, b"", USAGE, b"", "two arguments print the usage only"),
-            (["-StartUp", "123"], {}, b"", USAGE, b"Invalid argument\n", "three digits"),
-            (["-StartUp", "5x"], {}, b"", USAGE, b"Invalid argument\n",
-             "the digit check comes before the name check"),
-            (["-Bogus", "1"], {}, b"", b"[-Bogus] Unkown.\n" + USAGE, b"", "unknown switch"),
-            (["-GetConfigTemplate", "1"], {}, b"",
-             launcher_answer(b"<L2Config_Template>\n\t<Sample />\n</L2Config_Template>\n"), b"",
-             "template, 53 bytes"),
-            (["cgi", "01"], cgi("HEAD", "Command=StartUp&Name=01"), b"",
-             b"Content-type: text/plain\n\n", b"", "HEAD writes one header line only"),
-            (["cgi", "01"], cgi("put"), b"", b"[put] Unkown Command.", b"", "unknown method"),
-            (["cgi", "01"], cgi("GET"), b"", invalid(b"Not found CGI Argument"), b"",
-             "GET without a query"),
-            (["cgi", "01"], cgi("GET", "Command=StartUp&Name=5"), b"",
-             invalid(b"'Name' Length too short"), b"", "one-character name"),
-            (["cgi", "01"], cgi("GET", "Command=StartUp&Name=a-b"), b"",
-             invalid(b"'Name' have invalid charactor"), b"", "'-' is not a name character"),
-            (["cgi", "01"], cgi("GET", "Command=Foo"), b"",
-             invalid(b"Unkown Command 'Foo'"), b"", "unknown command, as received"),
-            (["cgi", "01"], cgi("GET", "Name=01"), b"",
-             invalid(b"Not found 'Command' CGI Argument "), b"", "no command"),
-            (["cgi", "01"], cgi("POST", length=0), b"",
-             invalid(b"Invalid value 'Content-Length':0"), b"", "empty POST"),
-            (["cgi", "01"], cgi("POST", length=65536), b"x" * 10,
-             invalid(b"CGI parametar too large."), b"", "POST too large"),
-            (["cgi", "01"], cgi("POST"), b"", invalid(b"Not found 'Content-Length' in HTTP Header"),
-             b"", "POST without a length"),
-        ]
-        for args, env, stdin, out, err, note in rows:
-            with self.subTest(note):
-                got_out, got_err = self.run_ostrel(*args, env=env, stdin=stdin)
-                self.assertEqual(got_out, out)
-                self.assertEqual(got_err, err)
-                self.assertEqual([f for f in os.listdir(self.work) if "States" in f], [])
-                self.assertFalse(is_listening(MYIP, CONTROL_PORT))
-
     def test_program_name_ending_in_slash_is_refused(self):
         out, _ = self.run_ostrel("-StartUp", "1", argv0="/usr/bin/")
         self.assertEqual(out, start_failed_answer(b"Illegal file name in arg[0]."))
