@@ -133,6 +133,7 @@ int ProgramMain(int argc, char** argv)
 
     delete g_HTTPD_ResponseBuf;
     g_HTTPD_ResponseBuf = nullptr;
+    LogTerminateSignals(g_pDB);
     TimePrint(g_pDB, 1, "End\n");
     return 0;
 }

@@ -63,6 +63,7 @@ int Server_Construct(int numOfControlPortThread, DbPrintf_Class* pDB)
 int MainWaitLoop(DbPrintf_Class* pDB)
 {
     for (;;) {
+        LogTerminateSignals(pDB);
         if (g_Program_Command.load(std::memory_order_relaxed) == -1)
             return SUCCESS;
         if (g_PPDStatesFile.IsFile(pDB) == NOTFOUND_FILE) {

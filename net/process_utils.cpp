@@ -8,6 +8,8 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <atomic>
+
 #include "common/debug_log.h"
 #include "common/return_codes.h"
 
@@ -110,18 +112,40 @@ int Set_IgnoresSignals_ForThisProgram(DbPrintf_Class* pDB)
     return SUCCESS;
 }
 
+namespace {
+
+// Stop signals taken by the handler whose log line is still to be written:
+// bit 0 SIGINT, bit 1 SIGTERM. A lock-free word, so the handler may set it.
+std::atomic<int> g_pendingSignalLines{0};
+static_assert(std::atomic<int>::is_always_lock_free, "set from a signal handler");
+
+}  // namespace
+
 void ProgramTarminateSignal_Func(int sig)
 {
-    const int saved_errno = errno;
+    // Only lock-free stores here. The log takes its mutex for every line,
+    // and a signal may land on the thread that holds it (a web server sends
+    // SIGTERM to its CGI program while that writes its log): writing the
+    // line from here would deadlock. The line follows as soon as the
+    // interrupted thread looks (LogTerminateSignals).
     if (sig == SIGINT) {
         g_Program_Command.store(-1, std::memory_order_relaxed);
-        TimePrint(g_pDB, 1, "Signal:SIGINT\n");
+        g_pendingSignalLines.fetch_or(1, std::memory_order_relaxed);
     } else if (sig == SIGTERM) {
         g_Program_Command.store(-1, std::memory_order_relaxed);
-        TimePrint(g_pDB, 1, "Signal:SIGTERM\n");
+        g_pendingSignalLines.fetch_or(2, std::memory_order_relaxed);
     }
-    // The interrupted code may be about to look at errno (EINTR handling).
-    errno = saved_errno;
+}
+
+void LogTerminateSignals(DbPrintf_Class* pDB)
+{
+    const int pending = g_pendingSignalLines.exchange(0, std::memory_order_relaxed);
+    if (pending & 1) {
+        TimePrint(pDB, 1, "Signal:SIGINT\n");
+    }
+    if (pending & 2) {
+        TimePrint(pDB, 1, "Signal:SIGTERM\n");
+    }
 }
 
 int Set_ProgramTarminateSignal(DbPrintf_Class* pDB)

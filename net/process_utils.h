@@ -39,12 +39,17 @@ int SIGUSER1_Ignores(DbPrintf_Class* pDB = nullptr);
 int Set_IgnoresSignals_ForThisProgram(DbPrintf_Class* pDB = nullptr);
 
 // Terminate handler: for SIGINT and SIGTERM sets g_Program_Command to -1 and
-// logs "Signal:SIGINT\n" / "Signal:SIGTERM\n" to g_pDB at level 1. Other
-// signals: nothing. The log line is written from inside the handler and so
-// takes the log's mutex there: a signal that lands on a thread which is in
-// the middle of writing to g_pDB blocks that thread. Workers block SIGINT,
-// so SIGINT always lands on the main thread.
+// notes the signal for its log line, "Signal:SIGINT\n" / "Signal:SIGTERM\n".
+// Other signals: nothing. It takes no lock and writes no file (a signal may
+// land on a thread that is in the middle of writing the log, whose mutex it
+// holds); LogTerminateSignals writes the line.
 void ProgramTarminateSignal_Func(int sig);
+
+// Writes, at level 1, the line of each stop signal the handler has taken
+// since the last call ("Signal:SIGINT\n" before "Signal:SIGTERM\n"), once.
+// The main thread calls it when the signal has woken it (the wait loop) and
+// before the program ends, so the line appears as the handler's would.
+void LogTerminateSignals(DbPrintf_Class* pDB);
 
 // Installs ProgramTarminateSignal_Func for SIGINT, then SIGTERM (empty mask,
 // no flags). SYS_FUNC_ERROR (logged) if either sigaction fails, else SUCCESS.

@@ -57,7 +57,7 @@ protected:
         WriteFile(dir_ + "/stdin.txt", in);
         const std::string san = "log_path=" + dir_ + "/sanitizer";
         env.insert(env.end(), {"ASAN_OPTIONS=" + san, "UBSAN_OPTIONS=print_stacktrace=1:" + san,
-                               "TSAN_OPTIONS=report_signal_unsafe=0:" + san});
+                               "TSAN_OPTIONS=" + san});
         args.insert(args.begin(), "Ostrel");
         pid_t pid = fork();
         if (pid == 0) {

@@ -353,10 +353,6 @@ class RelayCase(unittest.TestCase):
             saved[var] = os.environ.get(var)
             opts = [o for o in (saved[var] or "").split(":") if o and not o.startswith("log_path=")]
             opts.append("log_path=" + os.path.join(self.sanitizer_dir, var.split("_")[0].lower()))
-            if var == "TSAN_OPTIONS":
-                # The stop-signal handler writes a log line by design; the
-                # data-race checks stay on.
-                opts.append("report_signal_unsafe=0")
             os.environ[var] = ":".join(opts)
 
         def restore():
