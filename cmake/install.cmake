@@ -28,6 +28,7 @@ set(CPACK_PACKAGE_VERSION 0.2)
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "single-channel camera relay daemon for a network video recorder")
 set(CPACK_PACKAGE_CONTACT "Ostrel Relay developers <root@localhost>")
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_INSTALL_PREFIX /usr)
 # The install script needs the real prefix (/usr) to put /etc and /var.
 set(CPACK_SET_DESTDIR ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
