@@ -4,6 +4,7 @@ refuse and describe a channel. The tree is laid out as an install would be:
 the daemon and its CGI entry side by side, the working directory made by
 ostrel-ctl init (mode 0750, owned by www-data)."""
 
+import glob
 import os
 import pwd
 import shutil
@@ -104,7 +105,10 @@ class LighttpdTest(RelayCase):
                     'server.bind = "%s"\nserver.port = %d\n'
                     'server.username = "www-data"\nserver.groupname = "www-data"\n%s'
                     % (web, web, web, MYIP, WEB_PORT, snippet))
-        self.lighttpd = self.spawn([LIGHTTPD, "-D", "-f", self.path("lighttpd.conf")])
+        # Its output goes nowhere: a process that inherited it must not hold
+        # the test runner's pipe.
+        self.lighttpd = self.spawn([LIGHTTPD, "-D", "-f", self.path("lighttpd.conf")],
+                                   stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         wait_for(lambda: self.lighttpd.poll() is not None or is_listening(MYIP, WEB_PORT),
                  "lighttpd to listen")
         self.assertIsNone(self.lighttpd.poll(), self.web_log())
@@ -177,10 +181,36 @@ class LighttpdTest(RelayCase):
         self.assertEqual(self.owner(pid), self.www.pw_uid)
         self.assertTrue(is_listening(MYIP, 8080))
 
+        # lighttpd ends a CGI process still running once its answer is
+        # complete (SIGTERM): that reaches the CGI entry, never the program,
+        # whose stop handler would hang in the middle of a log line.
+        self.assertEqual(self.ostrel_pids(), [pid])
+        for log in glob.glob(os.path.join(self.site, "log", "*.txt")):
+            with open(log) as f:
+                self.assertNotIn("Signal:SIGTERM", f.read(), log)
+
         # Deleting the states file stops it.
         os.unlink(os.path.join(self.site, "states", "01.States"))
         self.wait_gone(pid)
         self.assertFalse(is_listening(MYIP, 8080))
+
+    def ostrel_pids(self):
+        """Live processes of this test's Ostrel binary."""
+        exe = os.path.realpath(self.path("lib", "ostrel", "Ostrel"))
+        pids = []
+        for entry in os.listdir("/proc"):
+            try:
+                if entry.isdigit() and os.readlink("/proc/%s/exe" % entry) == exe and \
+                        self.process_state(int(entry)) not in ("Z", "X"):
+                    pids.append(int(entry))
+            except OSError:
+                pass
+        return pids
+
+    @staticmethod
+    def process_state(pid):
+        with open("/proc/%d/stat" % pid) as f:
+            return f.read().rsplit(")", 1)[-1].split()[0]
 
     @staticmethod
     def owner(pid):
