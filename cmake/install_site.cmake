@@ -25,9 +25,11 @@ endforeach()
 if(dest STREQUAL "")
   # A real install: the working directory gets its owner now.
   set(args init ${workdir})
-  execute_process(COMMAND id -u OUTPUT_VARIABLE uid OUTPUT_STRIP_TRAILING_WHITESPACE)
+  # As root of the machine (not the mapped root of a user namespace), and
+  # where the web server's user exists, the tree goes to that user.
+  file(READ /proc/self/uid_map uid_map)
   execute_process(COMMAND id -u www-data RESULT_VARIABLE no_user OUTPUT_QUIET ERROR_QUIET)
-  if(uid STREQUAL "0" AND NOT no_user)
+  if(uid_map MATCHES "^ *0 +0 +4294967295" AND NOT no_user)
     list(APPEND args --user www-data)
   endif()
   execute_process(COMMAND ${CMAKE_INSTALL_PREFIX}/bin/ostrel-ctl ${args} RESULT_VARIABLE failed)
