@@ -31,9 +31,10 @@ if [ "${1:-}" != "--inside" ]; then
     cmake --build "$build" --target Ostrel ostrel-camsim ostrel-schedsim ostrel-viewer \
         -j "$(nproc)"
 
-    # A fresh working directory laid out as the daemon expects it.
+    # A fresh working directory laid out as the daemon expects it, closed
+    # to other users (the daemon's files are mode 0666).
     rm -rf "$run"
-    mkdir -p "$run/conf" "$run/log" "$run/mem"
+    tools/ostrel-ctl init "$run" >/dev/null
     cat > "$run/conf/Config.txt" <<EOF
 # Channel 1: the camera (encoder) address and port are also where the
 # control port listens; eth0 of the namespace is 192.0.2.1.
@@ -46,9 +47,6 @@ translator_connect_camerano_0001=1
 channel_authentic_switch_0001=0
 translator_calarm_rec_postterm_0001=${DEMO_POSTTERM:-3}
 EOF
-    mkdir -p "$run/states"
-    printf '<Directory.Conf>\n <StatesDir>%s/states</StatesDir>\n</Directory.Conf>\n' "$run" \
-        > "$run/Directory.Conf"
     exec tools/ostrel-netns /bin/sh "$root/scripts/demo.sh" --inside
 fi
 
@@ -112,6 +110,9 @@ if [ -s schedule.rec ]; then
 else
     echo "(none)"
 fi
+
+say "operator's view: tools/ostrel-ctl -C $run status"
+"$root/tools/ostrel-ctl" -C "$run" status || true
 
 say "stop: delete the states file; the daemon notices within 5 s"
 rm -f "$states"

@@ -3,8 +3,9 @@
 # the machine lacks. Safe to run again: it installs nothing that is present.
 set -eu
 
-# g++-multilib and googletest (its sources) are for the 32-bit build.
-pkgs="cmake g++ g++-multilib clang libclang-rt-14-dev make ninja-build libgtest-dev googletest iproute2 nftables python3 util-linux"
+# g++-multilib and googletest (its sources) are for the 32-bit build;
+# lighttpd is the web server the end-to-end tests start the daemon through.
+pkgs="cmake g++ g++-multilib clang libclang-rt-14-dev make ninja-build libgtest-dev googletest iproute2 nftables python3 util-linux lighttpd"
 missing=""
 for p in $pkgs; do
     dpkg -s "$p" >/dev/null 2>&1 || missing="$missing $p"

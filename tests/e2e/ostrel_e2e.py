@@ -59,6 +59,14 @@ def setup_namespace():
                     MYIP, str(CAMERA_PORT)], check=True, env=env)
 
 
+def is_real_root():
+    """Root of the machine, not the mapped root of a user namespace (where
+    tools/ostrel-netns puts an unprivileged user): only real root can act as
+    other users such as www-data or nobody."""
+    with open("/proc/self/uid_map") as f:
+        return os.geteuid() == 0 and f.read().split()[:3] == ["0", "0", "4294967295"]
+
+
 def wait_for(predicate, what, limit=START_LIMIT, interval=0.02):
     """Polls predicate until it returns a true value, which is returned."""
     deadline = time.monotonic() + limit
