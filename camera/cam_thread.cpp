@@ -26,6 +26,12 @@ constexpr int kStateDisconnected = 12;
 // A FIFO that fails its writer operations is unusable: the process ends.
 // _exit, not exit: the other threads are still running, and static
 // destructors (the FIFO, the pools) must not pull memory from under them.
+//
+// The printf lines of this loop (failures, the camera target) are the
+// thread's console report beside the log, kept on purpose: a foreground run
+// (-StartUp_NonDeamon) shows them; a forked daemon's standard output is
+// /dev/null. The flush makes the last of them reach the console before the
+// process ends without running stdio's own exit flush.
 [[noreturn]] void end_process()
 {
     fflush(nullptr);

@@ -63,6 +63,42 @@ int file_lock_give(const char* tag, int semid, int result, DbPrintf_Class* pDB)
     return result;
 }
 
+// The file-name tests every semaphore-guarded function opens with; tag
+// names the function in the log lines.
+bool file_name_ok(const char* tag, const char* filename, DbPrintf_Class* pDB)
+{
+    if (filename == nullptr) {
+        TimePrint(pDB, 1, "[%s] filename == NULL\n", tag);
+        return false;
+    }
+    if (std::strlen(filename) > FNAME_MAXSIZE) {
+        TimePrint(pDB, 1, "[%s] strlen(filename %s) > FNAME_MAXSIZE\n", tag, filename);
+        return false;
+    }
+    return true;
+}
+
+// The frame of every semaphore-guarded function: takes the semaphore of
+// key, opens filename for reading, runs work(fp) for the function's result,
+// closes the file and gives the semaphore back (a failed release replaces
+// the result). tag names the function in the log lines.
+template <typename Work>
+int with_locked_file(const char* tag, int key, const char* filename, DbPrintf_Class* pDB, Work work)
+{
+    int semid = -1;
+    int rc = file_lock_take(tag, key, &semid, pDB);
+    if (rc != SUCCESS)
+        return rc;
+    FILE* fp = std::fopen(filename, "r");
+    if (fp == nullptr) {
+        TimePrint(pDB, 1, "[%s] fopen(filename %s) failed\n", tag, filename);
+        return file_lock_give(tag, semid, CANNOT_FILEOPEN, pDB);
+    }
+    const int result = work(fp);
+    std::fclose(fp);
+    return file_lock_give(tag, semid, result, pDB);
+}
+
 // Comment lines and lines starting with white space are never items.
 bool is_skipped_line(const char* line)
 {
@@ -78,6 +114,101 @@ size_t to_line_end(const char* text)
 bool name_equals(const char* name, size_t len, const char* wanted)
 {
     return std::strlen(wanted) == len && std::memcmp(name, wanted, len) == 0;
+}
+
+// co_CfgFile_Read's search: the value of the first line named itemname.
+int read_item(FILE* fp, const char* itemname, char* output, int outputSize, DbPrintf_Class* pDB)
+{
+    char line[LINE_MAXSIZE];
+    while (std::fgets(line, sizeof line, fp) != nullptr) {
+        if (is_skipped_line(line))
+            continue;
+        // The name is the first '='-delimited token: leading '=' are skipped.
+        const char* name = line;
+        while (*name == '=')
+            ++name;
+        if (*name == '\0')
+            continue;
+        const char* eq = std::strchr(name, '=');
+        size_t nameLen = eq != nullptr ? static_cast<size_t>(eq - name) : std::strlen(name);
+        if (!name_equals(name, nameLen, itemname))
+            continue;
+
+        const char* value = eq != nullptr ? eq + 1 : "";
+        size_t valueLen = to_line_end(value);
+        if (valueLen > static_cast<size_t>(outputSize - 1)) {
+            TimePrint(pDB, 1, "[co_CfgFile_Read] value of itemname %s longer than %d\n", itemname,
+                      outputSize - 1);
+            output[0] = '\0';
+            return DATA_LARGE_THEN_BUF;
+        }
+        std::memcpy(output, value, valueLen);
+        output[valueLen] = '\0';
+        return SUCCESS;
+    }
+    TimePrint(pDB, 1, "[co_CfgFile_Read] not found itemname %s\n", itemname);
+    return NOTFOUND_ITEM;
+}
+
+// co_CfgFile_Write's rewrite of fp into ft: every line named itemname gets
+// input as its value. True when such a line was found.
+bool rewrite_item(FILE* fp, FILE* ft, const char* itemname, const char* input)
+{
+    bool found = false;
+    char line[LINE_MAXSIZE];
+    while (std::fgets(line, sizeof line, fp) != nullptr) {
+        if (is_skipped_line(line)) {
+            std::fputs(line, ft);
+            continue;
+        }
+        // Split at the first '='. Without one the whole piece, newline
+        // included, is the name, so such a line is followed by a "=" line.
+        const char* eq = std::strchr(line, '=');
+        size_t nameLen = eq != nullptr ? static_cast<size_t>(eq - line) : std::strlen(line);
+        std::fwrite(line, 1, nameLen, ft);
+        std::fputs("=", ft);
+        if (name_equals(line, nameLen, itemname)) {
+            std::fputs(input, ft);
+            found = true;
+        } else if (eq != nullptr) {
+            std::fwrite(eq + 1, 1, to_line_end(eq + 1), ft);
+        }
+        std::fputs("\n", ft);
+    }
+    return found;
+}
+
+// co_CfgFile_UserName_Read's search: output receives the number of the
+// "u_user_name" line whose value is username.
+int read_user_number(FILE* fp, const char* username, char* output)
+{
+    static const char kPrefix[] = "u_user_name";
+    char line[LINE_MAXSIZE];
+    while (std::fgets(line, sizeof line, fp) != nullptr) {
+        if (is_skipped_line(line) || std::strncmp(line, kPrefix, sizeof kPrefix - 1) != 0)
+            continue;
+        const char* eq = std::strchr(line, '=');
+        const char* value = eq != nullptr ? eq + 1 : "";
+        if (!name_equals(value, to_line_end(value), username)) {
+            std::strcpy(output, "-1");
+            continue;
+        }
+        // The number is what follows the third '_' of the name: u, user,
+        // name, then the rest up to the '='.
+        const char* nameEnd = eq != nullptr ? eq : line + std::strlen(line);
+        const char* p = line;
+        for (int i = 0; i < 3 && p != nullptr; ++i) {
+            p = static_cast<const char*>(std::memchr(p, '_', static_cast<size_t>(nameEnd - p)));
+            if (p != nullptr)
+                ++p;
+        }
+        size_t len = p != nullptr ? static_cast<size_t>(nameEnd - p) : 0;
+        if (p != nullptr)
+            std::memcpy(output, p, len);
+        output[len] = '\0';
+        return SUCCESS;
+    }
+    return NOT_REGSTERED;
 }
 
 }  // namespace
@@ -130,14 +261,8 @@ int co_semaphore_v(int semid, DbPrintf_Class* pDB)
 int co_CfgFile_Read(const char* filename, int sem_key, const char* itemname, char* output,
                     int outputSize, DbPrintf_Class* pDB)
 {
-    if (filename == nullptr) {
-        TimePrint(pDB, 1, "[co_CfgFile_Read] filename == NULL\n");
+    if (!file_name_ok("co_CfgFile_Read", filename, pDB))
         return INVALID_ARGUMENT;
-    }
-    if (std::strlen(filename) > FNAME_MAXSIZE) {
-        TimePrint(pDB, 1, "[co_CfgFile_Read] strlen(filename %s) > FNAME_MAXSIZE\n", filename);
-        return INVALID_ARGUMENT;
-    }
     if (itemname == nullptr) {
         TimePrint(pDB, 1, "[co_CfgFile_Read] itemname == NULL\n");
         return INVALID_ARGUMENT;
@@ -151,65 +276,15 @@ int co_CfgFile_Read(const char* filename, int sem_key, const char* itemname, cha
         return INVALID_ARGUMENT;
     }
 
-    int semid = -1;
-    int rc = file_lock_take("co_CfgFile_Read", sem_key, &semid, pDB);
-    if (rc != SUCCESS)
-        return rc;
-
-    FILE* fp = std::fopen(filename, "r");
-    if (fp == nullptr) {
-        TimePrint(pDB, 1, "[co_CfgFile_Read] fopen(filename %s) failed\n", filename);
-        return file_lock_give("co_CfgFile_Read", semid, CANNOT_FILEOPEN, pDB);
-    }
-
-    int result = NOTFOUND_ITEM;
-    char line[LINE_MAXSIZE];
-    while (std::fgets(line, sizeof line, fp) != nullptr) {
-        if (is_skipped_line(line))
-            continue;
-        // The name is the first '='-delimited token: leading '=' are skipped.
-        const char* name = line;
-        while (*name == '=')
-            ++name;
-        if (*name == '\0')
-            continue;
-        const char* eq = std::strchr(name, '=');
-        size_t nameLen = eq != nullptr ? static_cast<size_t>(eq - name) : std::strlen(name);
-        if (!name_equals(name, nameLen, itemname))
-            continue;
-
-        const char* value = eq != nullptr ? eq + 1 : "";
-        size_t valueLen = to_line_end(value);
-        if (valueLen > static_cast<size_t>(outputSize - 1)) {
-            TimePrint(pDB, 1, "[co_CfgFile_Read] value of itemname %s longer than %d\n", itemname,
-                      outputSize - 1);
-            output[0] = '\0';
-            result = DATA_LARGE_THEN_BUF;
-        } else {
-            std::memcpy(output, value, valueLen);
-            output[valueLen] = '\0';
-            result = SUCCESS;
-        }
-        break;
-    }
-    std::fclose(fp);
-
-    if (result == NOTFOUND_ITEM)
-        TimePrint(pDB, 1, "[co_CfgFile_Read] not found itemname %s\n", itemname);
-    return file_lock_give("co_CfgFile_Read", semid, result, pDB);
+    return with_locked_file("co_CfgFile_Read", sem_key, filename, pDB,
+                            [&](FILE* fp) { return read_item(fp, itemname, output, outputSize, pDB); });
 }
 
 int co_CfgFile_Write(const char* filename, int sem_key, const char* itemname, const char* input,
                      DbPrintf_Class* pDB)
 {
-    if (filename == nullptr) {
-        TimePrint(pDB, 1, "[co_CfgFile_Write] filename == NULL\n");
+    if (!file_name_ok("co_CfgFile_Write", filename, pDB))
         return INVALID_ARGUMENT;
-    }
-    if (std::strlen(filename) > FNAME_MAXSIZE) {
-        TimePrint(pDB, 1, "[co_CfgFile_Write] strlen(filename %s) > FNAME_MAXSIZE\n", filename);
-        return INVALID_ARGUMENT;
-    }
     if (itemname == nullptr) {
         TimePrint(pDB, 1, "[co_CfgFile_Write] itemname == NULL\n");
         return INVALID_ARGUMENT;
@@ -229,68 +304,35 @@ int co_CfgFile_Write(const char* filename, int sem_key, const char* itemname, co
     std::snprintf(filename_b, sizeof filename_b, "%s_", filename);
     std::snprintf(filename_t, sizeof filename_t, "%s__", filename);
 
-    int semid = -1;
-    int rc = file_lock_take("co_CfgFile_Write", sem_key, &semid, pDB);
-    if (rc != SUCCESS)
-        return rc;
-
-    FILE* fp = std::fopen(filename, "r");
-    if (fp == nullptr) {
-        TimePrint(pDB, 1, "[co_CfgFile_Write] fopen(filename %s) failed\n", filename);
-        return file_lock_give("co_CfgFile_Write", semid, CANNOT_FILEOPEN, pDB);
-    }
-    FILE* ft = std::fopen(filename_t, "w");
-    if (ft == nullptr) {
-        TimePrint(pDB, 1, "[co_CfgFile_Write] fopen(filename_t %s) failed\n", filename_t);
-        std::fclose(fp);
-        return file_lock_give("co_CfgFile_Write", semid, CANNOT_FILEOPEN, pDB);
-    }
-
-    bool found = false;
-    char line[LINE_MAXSIZE];
-    while (std::fgets(line, sizeof line, fp) != nullptr) {
-        if (is_skipped_line(line)) {
-            std::fputs(line, ft);
-            continue;
+    return with_locked_file("co_CfgFile_Write", sem_key, filename, pDB, [&](FILE* fp) {
+        FILE* ft = std::fopen(filename_t, "w");
+        if (ft == nullptr) {
+            TimePrint(pDB, 1, "[co_CfgFile_Write] fopen(filename_t %s) failed\n", filename_t);
+            return CANNOT_FILEOPEN;
         }
-        // Split at the first '='. Without one the whole piece, newline
-        // included, is the name, so such a line is followed by a "=" line.
-        const char* eq = std::strchr(line, '=');
-        size_t nameLen = eq != nullptr ? static_cast<size_t>(eq - line) : std::strlen(line);
-        std::fwrite(line, 1, nameLen, ft);
-        std::fputs("=", ft);
-        if (name_equals(line, nameLen, itemname)) {
-            std::fputs(input, ft);
-            found = true;
-        } else if (eq != nullptr) {
-            std::fwrite(eq + 1, 1, to_line_end(eq + 1), ft);
+        const bool found = rewrite_item(fp, ft, itemname, input);
+        std::fclose(ft);
+
+        // The temporary stays in place; the backup receives the new content too.
+        int rc = co_CfgFile_Copy(filename_t, filename, pDB);
+        if (rc != SUCCESS) {
+            TimePrint(pDB, 1, "[co_CfgFile_Write] co_CfgFile_Copy(filename_t %s,filename %s) failed ::%d\n",
+                      filename_t, filename, rc);
+            return rc;
         }
-        std::fputs("\n", ft);
-    }
-    std::fclose(fp);
-    std::fclose(ft);
-
-    // The temporary stays in place; the backup receives the new content too.
-    rc = co_CfgFile_Copy(filename_t, filename, pDB);
-    if (rc != SUCCESS) {
-        TimePrint(pDB, 1, "[co_CfgFile_Write] co_CfgFile_Copy(filename_t %s,filename %s) failed ::%d\n",
-                  filename_t, filename, rc);
-        return file_lock_give("co_CfgFile_Write", semid, rc, pDB);
-    }
-    rc = co_CfgFile_Copy(filename_t, filename_b, pDB);
-    if (rc != SUCCESS) {
-        TimePrint(pDB, 1,
-                  "[co_CfgFile_Write] co_CfgFile_Copy(filename_t %s,filename_b %s) failed ::%d\n",
-                  filename_t, filename_b, rc);
-        return file_lock_give("co_CfgFile_Write", semid, rc, pDB);
-    }
-
-    int result = SUCCESS;
-    if (!found) {
-        TimePrint(pDB, 1, "[co_CfgFile_Write] not found itemname %s\n", itemname);
-        result = NOTFOUND_ITEM;
-    }
-    return file_lock_give("co_CfgFile_Write", semid, result, pDB);
+        rc = co_CfgFile_Copy(filename_t, filename_b, pDB);
+        if (rc != SUCCESS) {
+            TimePrint(pDB, 1,
+                      "[co_CfgFile_Write] co_CfgFile_Copy(filename_t %s,filename_b %s) failed ::%d\n",
+                      filename_t, filename_b, rc);
+            return rc;
+        }
+        if (!found) {
+            TimePrint(pDB, 1, "[co_CfgFile_Write] not found itemname %s\n", itemname);
+            return NOTFOUND_ITEM;
+        }
+        return SUCCESS;
+    });
 }
 
 int co_CfgFile_Copy(const char* fromfile, const char* tofile, DbPrintf_Class* pDB)
@@ -345,88 +387,50 @@ int co_CfgFile_Copy(const char* fromfile, const char* tofile, DbPrintf_Class* pD
 
 int co_CfgFile_GetSize(const char* filename, int sem_key, int* size, DbPrintf_Class* pDB)
 {
-    if (filename == nullptr) {
-        TimePrint(pDB, 1, "[co_CfgFile_GetSize] filename == NULL\n");
+    if (!file_name_ok("co_CfgFile_GetSize", filename, pDB))
         return INVALID_ARGUMENT;
-    }
-    if (std::strlen(filename) > FNAME_MAXSIZE) {
-        TimePrint(pDB, 1, "[co_CfgFile_GetSize] strlen(filename %s) > FNAME_MAXSIZE\n", filename);
-        return INVALID_ARGUMENT;
-    }
     if (size == nullptr) {
         TimePrint(pDB, 1, "[co_CfgFile_GetSize] size == NULL\n");
         return INVALID_ARGUMENT;
     }
 
-    int semid = -1;
-    int rc = file_lock_take("co_CfgFile_GetSize", sem_key, &semid, pDB);
-    if (rc != SUCCESS)
-        return rc;
-
-    FILE* fp = std::fopen(filename, "r");
-    if (fp == nullptr) {
-        TimePrint(pDB, 1, "[co_CfgFile_GetSize] fopen(filename %s) failed\n", filename);
-        return file_lock_give("co_CfgFile_GetSize", semid, CANNOT_FILEOPEN, pDB);
-    }
-    // Every attempt counts, the one that meets the end included: the
-    // reported size is the length plus one.
-    int count = 0;
-    while (!std::feof(fp)) {
-        std::fgetc(fp);
-        ++count;
-        if (std::ferror(fp))
-            break;
-    }
-    std::fclose(fp);
-    *size = count;
-    return file_lock_give("co_CfgFile_GetSize", semid, SUCCESS, pDB);
+    return with_locked_file("co_CfgFile_GetSize", sem_key, filename, pDB, [&](FILE* fp) {
+        // Every attempt counts, the one that meets the end included: the
+        // reported size is the length plus one.
+        int count = 0;
+        while (!std::feof(fp)) {
+            std::fgetc(fp);
+            ++count;
+            if (std::ferror(fp))
+                break;
+        }
+        *size = count;
+        return SUCCESS;
+    });
 }
 
 int co_CfgFile_GetAllContent(const char* filename, int sem_key, int n, char* buf,
                              DbPrintf_Class* pDB)
 {
-    if (filename == nullptr) {
-        TimePrint(pDB, 1, "[co_CfgFile_GetAllContent] filename == NULL\n");
+    if (!file_name_ok("co_CfgFile_GetAllContent", filename, pDB))
         return INVALID_ARGUMENT;
-    }
-    if (std::strlen(filename) > FNAME_MAXSIZE) {
-        TimePrint(pDB, 1, "[co_CfgFile_GetAllContent] strlen(filename %s) > FNAME_MAXSIZE\n",
-                  filename);
-        return INVALID_ARGUMENT;
-    }
     if (buf == nullptr) {
         TimePrint(pDB, 1, "[co_CfgFile_GetAllContent] Output == NULL\n");
         return INVALID_ARGUMENT;
     }
 
-    int semid = -1;
-    int rc = file_lock_take("co_CfgFile_GetAllContent", sem_key, &semid, pDB);
-    if (rc != SUCCESS)
-        return rc;
-
-    FILE* fp = std::fopen(filename, "r");
-    if (fp == nullptr) {
-        TimePrint(pDB, 1, "[co_CfgFile_GetAllContent] fopen(filename %s) failed\n", filename);
-        return file_lock_give("co_CfgFile_GetAllContent", semid, CANNOT_FILEOPEN, pDB);
-    }
-    if (n > 0)
-        std::fread(buf, 1, static_cast<size_t>(n), fp);
-    std::fclose(fp);
-    return file_lock_give("co_CfgFile_GetAllContent", semid, SUCCESS, pDB);
+    return with_locked_file("co_CfgFile_GetAllContent", sem_key, filename, pDB, [&](FILE* fp) {
+        if (n > 0)
+            std::fread(buf, 1, static_cast<size_t>(n), fp);
+        return SUCCESS;
+    });
 }
 
 int co_CfgFile_UserName_Read(const char* filename, int sem_key, const char* username, char* output,
                              DbPrintf_Class* pDB)
 {
-    if (filename == nullptr) {
-        TimePrint(pDB, 1, "[co_CfgFile_UserName_Read] filename == NULL\n");
+    if (!file_name_ok("co_CfgFile_UserName_Read", filename, pDB))
         return INVALID_ARGUMENT;
-    }
-    if (std::strlen(filename) > FNAME_MAXSIZE) {
-        TimePrint(pDB, 1, "[co_CfgFile_UserName_Read] strlen(filename %s) > FNAME_MAXSIZE\n",
-                  filename);
-        return INVALID_ARGUMENT;
-    }
     if (username == nullptr) {
         TimePrint(pDB, 1, "[co_CfgFile_UserName_Read] itemname == NULL\n");
         return INVALID_ARGUMENT;
@@ -436,50 +440,12 @@ int co_CfgFile_UserName_Read(const char* filename, int sem_key, const char* user
         return INVALID_ARGUMENT;
     }
 
-    int semid = -1;
-    int rc = file_lock_take("co_CfgFile_UserName_Read", sem_key, &semid, pDB);
-    if (rc != SUCCESS)
+    return with_locked_file("co_CfgFile_UserName_Read", sem_key, filename, pDB, [&](FILE* fp) {
+        const int rc = read_user_number(fp, username, output);
+        if (rc != SUCCESS)
+            TimePrint(pDB, 1, "[co_CfgFile_UserName_Read] not found itemname %s\n", username);
         return rc;
-
-    FILE* fp = std::fopen(filename, "r");
-    if (fp == nullptr) {
-        TimePrint(pDB, 1, "[co_CfgFile_UserName_Read] fopen(filename %s) failed\n", filename);
-        return file_lock_give("co_CfgFile_UserName_Read", semid, CANNOT_FILEOPEN, pDB);
-    }
-
-    static const char kPrefix[] = "u_user_name";
-    int result = NOT_REGSTERED;
-    char line[LINE_MAXSIZE];
-    while (std::fgets(line, sizeof line, fp) != nullptr) {
-        if (is_skipped_line(line) || std::strncmp(line, kPrefix, sizeof kPrefix - 1) != 0)
-            continue;
-        const char* eq = std::strchr(line, '=');
-        const char* value = eq != nullptr ? eq + 1 : "";
-        if (!name_equals(value, to_line_end(value), username)) {
-            std::strcpy(output, "-1");
-            continue;
-        }
-        // The number is what follows the third '_' of the name: u, user,
-        // name, then the rest up to the '='.
-        const char* nameEnd = eq != nullptr ? eq : line + std::strlen(line);
-        const char* p = line;
-        for (int i = 0; i < 3 && p != nullptr; ++i) {
-            p = static_cast<const char*>(std::memchr(p, '_', static_cast<size_t>(nameEnd - p)));
-            if (p != nullptr)
-                ++p;
-        }
-        size_t len = p != nullptr ? static_cast<size_t>(nameEnd - p) : 0;
-        if (p != nullptr)
-            std::memcpy(output, p, len);
-        output[len] = '\0';
-        result = SUCCESS;
-        break;
-    }
-    std::fclose(fp);
-
-    if (result != SUCCESS)
-        TimePrint(pDB, 1, "[co_CfgFile_UserName_Read] not found itemname %s\n", username);
-    return file_lock_give("co_CfgFile_UserName_Read", semid, result, pDB);
+    });
 }
 
 int GetFileSize(const char* path, long long* size, DbPrintf_Class* pDB)

@@ -127,6 +127,10 @@ void ControlPort_ServerThread::ServeConnection(DbPrintf_Class* pDB)
             AnswerReadFailure(pDB);
             return;
         }
+        // Every command answers with "Connection: close" and DoCommand_Root
+        // returns HTTP_CONNECTIONCLOSE, so a connection carries one request
+        // and this loop never comes round twice. It is the keep-alive path
+        // of the protocol, kept for a command that answers SUCCESS.
         rc = DoCommand_Root(pDB);
         if (rc != SUCCESS)
             return;

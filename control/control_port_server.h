@@ -7,6 +7,8 @@
 #include "http/request_buffer.h"
 #include "net/thread_control.h"
 
+struct _StrOutInfo;
+
 class DbPrintf_Class;
 class ControlPort_ServerThread_ControlClass;
 
@@ -30,7 +32,7 @@ class ControlPort_ServerThread_ControlClass;
 // the reads and the sends); a request being served is then abandoned.
 //
 // Shared state: the pre-image login and frame cursor and the post-alarm
-// words of control/shared_state.h, g_Fifo (borrowed pictures), the channel
+// words of camera/shared_state.h, g_Fifo (borrowed pictures), the channel
 // configuration g_configInfoIOClass (copied under its lock) and
 // g_Program_Command (set to -1 when a re-read configuration is unusable).
 class ControlPort_ServerThread : public ThreadControlElement {
@@ -110,6 +112,11 @@ private:
     bool IsHeadRequest() const;
     bool PeerIsMyIp(const char* myip) const;
     bool StopRequested() const;
+    // The steps of DoCommand_Ptipimg__get_image; the first two answer and
+    // return false when the request ends there.
+    bool ImageRequestValid(DbPrintf_Class* pDB);
+    bool BorrowNextFrame(char** ppVideo, char* option, _StrOutInfo* pInfo, DbPrintf_Class* pDB);
+    void SendImage(const char* pVideo, const char* option, const _StrOutInfo& info, DbPrintf_Class* pDB);
 
     HTTPRequestBuffer_Class m_Request;
     char* m_pHeaderMem = nullptr;

@@ -9,12 +9,12 @@
 #include <chrono>
 
 #include "camera/cam_wakeup.h"
+#include "camera/shared_state.h"
 #include "common/debug_log.h"
 #include "common/return_codes.h"
 #include "common/time_utils.h"
 #include "control/control_port_server.h"
 #include "control/request_view.h"
-#include "control/shared_state.h"
 #include "fifo/frame_fifo.h"
 #include "http/response_writer.h"
 
@@ -74,29 +74,50 @@ int ControlPort_ServerThread::DoCommand_Ptipimg__img_login(DbPrintf_Class* pDB)
 
 int ControlPort_ServerThread::DoCommand_Ptipimg__get_image(DbPrintf_Class* pDB)
 {
+    if (!ImageRequestValid(pDB))
+        return HTTP_CONNECTIONCLOSE;
+    char* pVideo = nullptr;
+    char option[kOptionSize + 1] = {};
+    _StrOutInfo info{};
+    if (!BorrowNextFrame(&pVideo, option, &info, pDB))
+        return HTTP_CONNECTIONCLOSE;
+    // The FIFO may deliver a later frame than asked for when the asked one
+    // has already been overwritten.
+    g_NextDataID.store(info.lnDataNo + 1, std::memory_order_relaxed);
+    SendImage(pVideo, option, info, pDB);
+    return HTTP_CONNECTIONCLOSE;
+}
+
+// The logged-in viewer's id, and a camera that delivers.
+bool ControlPort_ServerThread::ImageRequestValid(DbPrintf_Class* pDB)
+{
     int userId = 0;
     if (!request_param_int(m_Request, "img_user_id=", &userId)) {
         TimePrint(pDB, 1, "ControlPort_ServerThread:ptippreimg.cgi get_image Error.Not found img_user_id=[200]\n");
         AnswerText("ERROR_SYSTEM:", pDB);
-        return HTTP_CONNECTIONCLOSE;
+        return false;
     }
     if (userId != kUserId || g_flagLoginUserExist.load(std::memory_order_relaxed) != 1) {
         TimePrint(pDB, 1, "ControlPort_ServerThread:ptippreimg.cgi get_image Error.This img_user_id is not login:[200]\n");
         AnswerText("ERROR_USER_ID:", pDB);
-        return HTTP_CONNECTIONCLOSE;
+        return false;
     }
     if (g_ConnectState.load(std::memory_order_relaxed) != 1) {
         TimePrint(pDB, 1, "ControlPort_ServerThread:ptippreimg.cgi get_image Error.ERROR_TRANSLATOR_RECEIVE:[200]\n");
         AnswerText("ERROR_TRANSLATOR_RECEIVE:", pDB);
-        return HTTP_CONNECTIONCLOSE;
+        return false;
     }
+    return true;
+}
 
-    char* pVideo = nullptr;
+// Borrows frame g_NextDataID (or the nearest one the FIFO still holds),
+// waiting for the camera's commit within the frame wait. The option buffer
+// holds kOptionSize + 1 bytes.
+bool ControlPort_ServerThread::BorrowNextFrame(char** ppVideo, char* option, _StrOutInfo* pInfo,
+                                               DbPrintf_Class* pDB)
+{
     int videoCapacity = 0;
-    char option[kOptionSize + 1] = {};
-    _StrOutInfo info{};
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::microseconds(kFrameWaitUsec);
-    bool fifoEmpty = false;
     for (;;) {
         // A FIFO failure is answered and tried again at once, without
         // counting an attempt. That retry ends when the answer cannot be
@@ -105,22 +126,22 @@ int ControlPort_ServerThread::DoCommand_Ptipimg__get_image(DbPrintf_Class* pDB)
         long long top = 0;
         long long tail = 0;
         int rc = g_Fifo.GetTopTailDataNo(&top, &tail);
-        fifoEmpty = (rc == CHANNEL_NO_DATA);
+        const bool fifoEmpty = (rc == CHANNEL_NO_DATA);
         if (rc != SUCCESS && rc != CHANNEL_NO_DATA) {
             TimePrint(pDB, 1, "ControlPort_ServerThread:ptippreimg.cgi get_image Error.failed at g_Fifo.GetTopTailDataNo[200]\n");
             if (AnswerText("ERROR_SYSTEM:", pDB) != SUCCESS || StopRequested())
-                return HTTP_CONNECTIONCLOSE;
+                return false;
             continue;
         }
-        long long next = g_NextDataID.load(std::memory_order_relaxed);
+        const long long next = g_NextDataID.load(std::memory_order_relaxed);
         if (rc == SUCCESS && next <= tail) {
-            memset(option, 0, sizeof(option));
-            rc = g_Fifo.GetData2(next, &pVideo, &videoCapacity, option, kOptionSize, &info);
+            memset(option, 0, kOptionSize + 1);
+            rc = g_Fifo.GetData2(next, ppVideo, &videoCapacity, option, kOptionSize, pInfo);
             if (rc == SUCCESS)
-                break;
+                return true;
             TimePrint(pDB, 1, "ControlPort_ServerThread:ptippreimg.cgi get_image Error.failed at g_Fifo.GetData2[200]\n");
             if (AnswerText("ERROR_SYSTEM:", pDB) != SUCCESS || StopRequested())
-                return HTTP_CONNECTIONCLOSE;
+                return false;
             continue;
         }
 
@@ -130,20 +151,21 @@ int ControlPort_ServerThread::DoCommand_Ptipimg__get_image(DbPrintf_Class* pDB)
         if (StopRequested()) {
             AnswerText("ERROR_USER_ID:", pDB);
             m_nExitMark.store(-1, std::memory_order_relaxed);
-            return HTTP_CONNECTIONCLOSE;
+            return false;
         }
         if (!arrived) {
             if (fifoEmpty)
                 TimePrint(pDB, 1, "ControlPort_ServerThread:ptippreimg.cgi get_image Error.ERROR_TRANSLATOR_RECEIVE for timeout:[200]\n");
             AnswerText("ERROR_TRANSLATOR_RECEIVE:", pDB);
-            return HTTP_CONNECTIONCLOSE;
+            return false;
         }
     }
+}
 
-    // The FIFO may deliver a later frame than asked for when the asked one
-    // has already been overwritten.
-    g_NextDataID.store(info.lnDataNo + 1, std::memory_order_relaxed);
-
+// Sends the borrowed picture with its option text in the extra headers.
+void ControlPort_ServerThread::SendImage(const char* pVideo, const char* option, const _StrOutInfo& info,
+                                         DbPrintf_Class* pDB)
+{
     char extra[kExtraHeadersMax + 1];
     compose_image_headers(option, extra, sizeof(extra));
 
@@ -154,7 +176,7 @@ int ControlPort_ServerThread::DoCommand_Ptipimg__get_image(DbPrintf_Class* pDB)
                                              info.nDataSize_Video, pDB);
     if (rc != SUCCESS) {
         TimePrint(pDB, 1, "[ControlPort_ServerThread::DoCommand_Ptipimg__get_image] HttpResponse_MakeMessage_Header failed ::%d\n", rc);
-        return HTTP_CONNECTIONCLOSE;
+        return;
     }
     int bodyLength = IsHeadRequest() ? 0 : info.nDataSize_Video;
     HttpResponse_SendMessage(m_nConnectFd, m_Header.c_str(), m_Header.length(), pVideo, bodyLength,
@@ -164,7 +186,6 @@ int ControlPort_ServerThread::DoCommand_Ptipimg__get_image(DbPrintf_Class* pDB)
     // the slot, even when no further request comes (a paused viewer).
     long long top = 0, tail = 0;
     g_Fifo.GetTopTailDataNo(&top, &tail);
-    return HTTP_CONNECTIONCLOSE;
 }
 
 int ControlPort_ServerThread::DoCommand_Ptipimg__img_logout(DbPrintf_Class* pDB)

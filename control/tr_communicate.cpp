@@ -8,11 +8,11 @@
 #include <string.h>
 
 #include "camera/channel_config.h"
+#include "camera/shared_state.h"
 #include "common/debug_log.h"
 #include "common/return_codes.h"
 #include "control/control_port_server.h"
 #include "control/request_view.h"
-#include "control/shared_state.h"
 #include "net/process_utils.h"
 
 namespace {

@@ -59,101 +59,137 @@ void write_error_exit(const char* comment, DbPrintf_Class* pDB)
     g_PPDStatesFile.StatesWrite_WithComment(kStateError, comment, pDB);
 }
 
-// The daemon's own checks, configuration and control port (shared by both
-// starts; the log texts name the start they belong to). On failure the
-// states file says "ErrorExit" with the reason and STARTUP_FAILD is
-// returned; on SUCCESS the states file names the port.
-int prepare_daemon(const char* name, bool forking, DbPrintf_Class* pDB)
+// The step at which prepare_daemon stopped.
+enum class PrepareFailure { kNone, kName, kConfigType, kConfigRead, kParams, kListenPort };
+
+// The daemon's own checks, configuration and control port, shared by both
+// starts. On success the states file names the port. On failure the code of
+// the failed step is left in *pRc and nothing is logged: each start logs the
+// failure in its own words (fail_preparation_*), then writes "ErrorExit".
+PrepareFailure prepare_daemon(const char* name, int* pRc, DbPrintf_Class* pDB)
 {
     // digit_check may cut its text in place: check a copy.
     char number[256];
     snprintf(number, sizeof number, "%s", name);
-    int rc = digit_check(number, 3, 0, 99, 0, pDB);
-    if (rc != SUCCESS) {
-        if (forking)
-            TimePrint(pDB, 1, "[PPDMain_ForkStart] digit_check() failed (for invalid argument) ::%d\n", rc);
-        else
-            TimePrint(pDB, 1, "[PPDMain_NonForkStart] digit_check() failed (for invalid argument)::%d\n", rc);
-        write_error_exit("For invalid argument", pDB);
-        return STARTUP_FAILD;
-    }
+    *pRc = digit_check(number, 3, 0, 99, 0, pDB);
+    if (*pRc != SUCCESS)
+        return PrepareFailure::kName;
 
     const int channel = atoi(number);
     g_channelNum.store(channel, std::memory_order_relaxed);
-    rc = g_configInfoIOClass.ReadParamFromFileAndTimeUpdate_WithChNum(channel, pDB);
-    if (rc == CHANNEL_CONFIG_TYPE_MISMATCH) {
-        if (forking)
-            TimePrint(pDB, 1,
-                      "[PPDMain_ForkStart] g_configInfoIOClass.ReadParamFromFileAndTimeUpdate_WithChNum() failed "
-                      "for translator_tarndatatype matching::%d\n",
-                      rc);
-        else
-            TimePrint(pDB, 1,
-                      "[PPDMain_NonForkStart] g_configInfoIOClass.ReadParamFromFileAndTimeUpdate_WithChNum() "
-                      "failed for translator_tarndatatype matching\n");
-        write_error_exit("For translator_tarndatatype matching failed", pDB);
-        return STARTUP_FAILD;
-    }
-    if (rc != SUCCESS) {
-        if (forking)
-            TimePrint(pDB, 1,
-                      "[PPDMain_ForkStart] g_configInfoIOClass.ReadParamFromFileAndTimeUpdate_WithChNum() failed "
-                      "for config file reading::%d\n",
-                      rc);
-        else
-            TimePrint(pDB, 1,
-                      "[PPDMain_NonForkStart] g_configInfoIOClass.ReadParamFromFileAndTimeUpdate_WithChNum() "
-                      "failed at config file reading::%d\n",
-                      rc);
-        write_error_exit("For failed at config file reading", pDB);
-        return STARTUP_FAILD;
-    }
+    *pRc = g_configInfoIOClass.ReadParamFromFileAndTimeUpdate_WithChNum(channel, pDB);
+    if (*pRc == CHANNEL_CONFIG_TYPE_MISMATCH)
+        return PrepareFailure::kConfigType;
+    if (*pRc != SUCCESS)
+        return PrepareFailure::kConfigRead;
 
     configParam_Struct param;
-    rc = g_configInfoIOClass.GetParamsFromMem(&param, pDB);
-    if (rc != SUCCESS) {
-        if (forking) {
-            TimePrint(pDB, 1, "[PPDMain_ForkStart] g_configInfoIOClass.GetParamsFromMem() failed ::%d\n", rc);
-            write_error_exit("Debug Warning. [PPDMain_ForkStart()]g_configInfoIOClass.GetParamsFromMem() failed",
-                             pDB);
-        } else {
-            TimePrint(pDB, 1, "[PPDMain_NonForkStart] g_configInfoIOClass.GetParamsFromMem() failed ::%d\n", rc);
-            write_error_exit(
-                "Debug Warning. [PPDMain_NonForkStart()]g_configInfoIOClass.GetParamsFromMem() failed", pDB);
-        }
-        return STARTUP_FAILD;
-    }
+    *pRc = g_configInfoIOClass.GetParamsFromMem(&param, pDB);
+    if (*pRc != SUCCESS)
+        return PrepareFailure::kParams;
 
-    rc = g_ControlListenPort.ListenPort_SetUp(param.encoder_ip, static_cast<short>(param.encoder_port), pDB);
-    if (rc != SUCCESS) {
-        if (forking)
-            TimePrint(pDB, 1, "[PPDMain_ForkStart] g_ControlListenPort.ListenPort_SetUp() failed ::%d\n", rc);
-        else
-            TimePrint(pDB, 1, "[PPDMain_NonForkStart] g_ControlListenPort.ListenPort_SetUp() failed ::%d\n", rc);
-        write_error_exit("Control Listen Port , can not open.", pDB);
-        return STARTUP_FAILD;
-    }
+    *pRc = g_ControlListenPort.ListenPort_SetUp(param.encoder_ip, static_cast<short>(param.encoder_port), pDB);
+    if (*pRc != SUCCESS)
+        return PrepareFailure::kListenPort;
 
     g_PPDStatesFile.SetPort(static_cast<short>(g_ControlListenPort.GetPort()));
     g_PPDStatesFile.StatesWrite(kStateRunning, pDB);
-    return SUCCESS;
+    return PrepareFailure::kNone;
 }
 
-// Runs the daemon until it is asked to stop, then takes it down and removes
-// the states file.
-int run_daemon(int numOfControlPortThread, bool forking, DbPrintf_Class* pDB)
+// Leaves "ErrorExit" with the reason for a failed preparation. The
+// GetParamsFromMem comment names the start, so each start passes its own.
+void write_preparation_error(PrepareFailure failure, const char* paramsComment, DbPrintf_Class* pDB)
 {
-    int rc = Server_Construct(numOfControlPortThread, pDB);
-    if (rc != SUCCESS) {
-        if (forking)
-            TimePrint(pDB, 1, "[PPDMain_ForkStart] Server_Construct(numOfControlPortThread %d) failed ::%d\n",
-                      numOfControlPortThread, rc);
-        else
-            TimePrint(pDB, 1, "[PPDMain_NonForkStart] Server_Construct(numOfControlPortThread %d) failed ::%d\n",
-                      numOfControlPortThread, rc);
-    } else {
-        MainWaitLoop(pDB);
+    switch (failure) {
+    case PrepareFailure::kNone:
+        return;
+    case PrepareFailure::kName:
+        write_error_exit("For invalid argument", pDB);
+        return;
+    case PrepareFailure::kConfigType:
+        write_error_exit("For translator_tarndatatype matching failed", pDB);
+        return;
+    case PrepareFailure::kConfigRead:
+        write_error_exit("For failed at config file reading", pDB);
+        return;
+    case PrepareFailure::kParams:
+        write_error_exit(paramsComment, pDB);
+        return;
+    case PrepareFailure::kListenPort:
+        write_error_exit("Control Listen Port , can not open.", pDB);
+        return;
     }
+}
+
+// The forking start's account of a failed preparation. The two starts'
+// texts differ on purpose (blanks before "::", "for"/"at", a missing code).
+void fail_preparation_forked(PrepareFailure failure, int rc, DbPrintf_Class* pDB)
+{
+    switch (failure) {
+    case PrepareFailure::kNone:
+        return;
+    case PrepareFailure::kName:
+        TimePrint(pDB, 1, "[PPDMain_ForkStart] digit_check() failed (for invalid argument) ::%d\n", rc);
+        break;
+    case PrepareFailure::kConfigType:
+        TimePrint(pDB, 1,
+                  "[PPDMain_ForkStart] g_configInfoIOClass.ReadParamFromFileAndTimeUpdate_WithChNum() failed "
+                  "for translator_tarndatatype matching::%d\n",
+                  rc);
+        break;
+    case PrepareFailure::kConfigRead:
+        TimePrint(pDB, 1,
+                  "[PPDMain_ForkStart] g_configInfoIOClass.ReadParamFromFileAndTimeUpdate_WithChNum() failed "
+                  "for config file reading::%d\n",
+                  rc);
+        break;
+    case PrepareFailure::kParams:
+        TimePrint(pDB, 1, "[PPDMain_ForkStart] g_configInfoIOClass.GetParamsFromMem() failed ::%d\n", rc);
+        break;
+    case PrepareFailure::kListenPort:
+        TimePrint(pDB, 1, "[PPDMain_ForkStart] g_ControlListenPort.ListenPort_SetUp() failed ::%d\n", rc);
+        break;
+    }
+    write_preparation_error(
+        failure, "Debug Warning. [PPDMain_ForkStart()]g_configInfoIOClass.GetParamsFromMem() failed", pDB);
+}
+
+// The foreground start's account of a failed preparation.
+void fail_preparation_foreground(PrepareFailure failure, int rc, DbPrintf_Class* pDB)
+{
+    switch (failure) {
+    case PrepareFailure::kNone:
+        return;
+    case PrepareFailure::kName:
+        TimePrint(pDB, 1, "[PPDMain_NonForkStart] digit_check() failed (for invalid argument)::%d\n", rc);
+        break;
+    case PrepareFailure::kConfigType:
+        TimePrint(pDB, 1,
+                  "[PPDMain_NonForkStart] g_configInfoIOClass.ReadParamFromFileAndTimeUpdate_WithChNum() "
+                  "failed for translator_tarndatatype matching\n");
+        break;
+    case PrepareFailure::kConfigRead:
+        TimePrint(pDB, 1,
+                  "[PPDMain_NonForkStart] g_configInfoIOClass.ReadParamFromFileAndTimeUpdate_WithChNum() "
+                  "failed at config file reading::%d\n",
+                  rc);
+        break;
+    case PrepareFailure::kParams:
+        TimePrint(pDB, 1, "[PPDMain_NonForkStart] g_configInfoIOClass.GetParamsFromMem() failed ::%d\n", rc);
+        break;
+    case PrepareFailure::kListenPort:
+        TimePrint(pDB, 1, "[PPDMain_NonForkStart] g_ControlListenPort.ListenPort_SetUp() failed ::%d\n", rc);
+        break;
+    }
+    write_preparation_error(
+        failure, "Debug Warning. [PPDMain_NonForkStart()]g_configInfoIOClass.GetParamsFromMem() failed", pDB);
+}
+
+// Takes the daemon down after MainWaitLoop (or a failed Server_Construct)
+// and removes the states file.
+int take_down(DbPrintf_Class* pDB)
+{
     Server_Destruct(pDB);
     g_PPDStatesFile.FileUnLink(pDB);
     return SUCCESS;
@@ -207,6 +243,81 @@ void send_success(int fd, DbPrintf_Class* pDB)
     Sock_Send(fd, answer, len + 1, &sent, kAnswerTimeoutMs, nullptr, pDB);
 }
 
+// The launcher's answer when the launcher-facing process cannot write the
+// states file.
+void answer_states_unwritable(DbPrintf_Class* pDB)
+{
+    char comment[512];
+    const char* dir = g_PPDDirConfig_Base.GetStatesDir();
+    if (dir == nullptr)
+        snprintf(comment, sizeof comment, "%s",
+                 "States file does not create. Prease check a permission PPD's bin directory.");
+    else
+        snprintf(comment, sizeof comment, "States file does not create. Prease check a permission '%s'", dir);
+    Answer_StartFailed(comment, pDB);
+    TimePrint(pDB, 1, "[PPDMain_ForkStart] %s\n", comment);
+}
+
+int fork_failed(int pair[2], DbPrintf_Class* pDB)
+{
+    TimePrint(pDB, 1, "Fork faild.\n");
+    close_pair(pair);
+    return SYS_FUNC_ERROR;
+}
+
+// The daemon process: quiet descriptors, its own checks and port, the
+// answer to the launcher, then the daemon's life.
+int run_forked_daemon(char* name, int numOfControlPortThread, int pair[2], DbPrintf_Class* pDB)
+{
+    umask(0);
+    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
+        if (g_NullFD >= 0 && g_NullFD != fd)
+            dup2(g_NullFD, fd);
+    }
+    if (pair[0] >= 0)
+        Sock_Close(pair[0]);
+    pair[0] = -1;
+    g_PPDStatesFile.SetProcessId(getpid());
+
+    // A failure here leaves "ErrorExit" in the states file and sends nothing:
+    // the launcher reports the time-out and reads the reason from the file.
+    int rc = SUCCESS;
+    const PrepareFailure failure = prepare_daemon(name, &rc, pDB);
+    if (failure != PrepareFailure::kNone) {
+        fail_preparation_forked(failure, rc, pDB);
+        close_pair(pair);
+        return STARTUP_FAILD;
+    }
+    if (pair[1] >= 0)
+        send_success(pair[1], pDB);
+    close_pair(pair);
+
+    rc = Server_Construct(numOfControlPortThread, pDB);
+    if (rc != SUCCESS)
+        TimePrint(pDB, 1, "[PPDMain_ForkStart] Server_Construct(numOfControlPortThread %d) failed ::%d\n",
+                  numOfControlPortThread, rc);
+    else
+        MainWaitLoop(pDB);
+    return take_down(pDB);
+}
+
+// The first child: leaves the launcher's session and forks the daemon, which
+// init then adopts; the first child itself ends at once.
+int fork_daemon(char* name, int numOfControlPortThread, int pair[2], DbPrintf_Class* pDB)
+{
+    setsid();
+    signal(SIGHUP, SIG_IGN);
+    signal(SIGCHLD, SIG_IGN);
+    const pid_t pid = fork();
+    if (pid < 0)
+        return fork_failed(pair, pDB);
+    if (pid > 0) {
+        close_pair(pair);
+        return SUCCESS;
+    }
+    return run_forked_daemon(name, numOfControlPortThread, pair, pDB);
+}
+
 }  // namespace
 
 int PPDMain_ForkStart(char* name, int numOfControlPortThread, DbPrintf_Class* pDB)
@@ -223,15 +334,7 @@ int PPDMain_ForkStart(char* name, int numOfControlPortThread, DbPrintf_Class* pD
 
     g_PPDStatesFile.SetProcessId(getpid());
     if (g_PPDStatesFile.StatesWrite(kStateRunning, pDB) != SUCCESS) {
-        char comment[512];
-        const char* dir = g_PPDDirConfig_Base.GetStatesDir();
-        if (dir == nullptr)
-            snprintf(comment, sizeof comment, "%s",
-                     "States file does not create. Prease check a permission PPD's bin directory.");
-        else
-            snprintf(comment, sizeof comment, "States file does not create. Prease check a permission '%s'", dir);
-        Answer_StartFailed(comment, pDB);
-        TimePrint(pDB, 1, "[PPDMain_ForkStart] %s\n", comment);
+        answer_states_unwritable(pDB);
         return STARTUP_FAILD;
     }
 
@@ -246,53 +349,12 @@ int PPDMain_ForkStart(char* name, int numOfControlPortThread, DbPrintf_Class* pD
     // Nothing may sit in a stdio buffer when the process is copied.
     fflush(stdout);
     fflush(stderr);
-    pid_t pid = fork();
-    if (pid < 0) {
-        TimePrint(pDB, 1, "Fork faild.\n");
-        close_pair(pair);
-        return SYS_FUNC_ERROR;
-    }
+    const pid_t pid = fork();
+    if (pid < 0)
+        return fork_failed(pair, pDB);
     if (pid > 0)
         return answer_launcher(pair, pid, pDB);
-
-    // First child: leave the launcher's session and let the daemon be
-    // adopted by init.
-    setsid();
-    signal(SIGHUP, SIG_IGN);
-    signal(SIGCHLD, SIG_IGN);
-    pid = fork();
-    if (pid < 0) {
-        TimePrint(pDB, 1, "Fork faild.\n");
-        close_pair(pair);
-        return SYS_FUNC_ERROR;
-    }
-    if (pid > 0) {
-        close_pair(pair);
-        return SUCCESS;
-    }
-
-    // The daemon.
-    umask(0);
-    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
-        if (g_NullFD >= 0 && g_NullFD != fd)
-            dup2(g_NullFD, fd);
-    }
-    if (pair[0] >= 0)
-        Sock_Close(pair[0]);
-    pair[0] = -1;
-    g_PPDStatesFile.SetProcessId(getpid());
-
-    // A failure here leaves "ErrorExit" in the states file and sends nothing:
-    // the launcher reports the time-out and reads the reason from the file.
-    if (prepare_daemon(name, true, pDB) != SUCCESS) {
-        close_pair(pair);
-        return STARTUP_FAILD;
-    }
-    if (pair[1] >= 0)
-        send_success(pair[1], pDB);
-    close_pair(pair);
-
-    return run_daemon(numOfControlPortThread, true, pDB);
+    return fork_daemon(name, numOfControlPortThread, pair, pDB);
 }
 
 int PPDMain_NonForkStart(char* name, int numOfControlPortThread, DbPrintf_Class* pDB)
@@ -315,7 +377,17 @@ int PPDMain_NonForkStart(char* name, int numOfControlPortThread, DbPrintf_Class*
         return STARTUP_FAILD;
     }
 
-    if (prepare_daemon(name, false, pDB) != SUCCESS)
+    const PrepareFailure failure = prepare_daemon(name, &rc, pDB);
+    if (failure != PrepareFailure::kNone) {
+        fail_preparation_foreground(failure, rc, pDB);
         return STARTUP_FAILD;
-    return run_daemon(numOfControlPortThread, false, pDB);
+    }
+
+    rc = Server_Construct(numOfControlPortThread, pDB);
+    if (rc != SUCCESS)
+        TimePrint(pDB, 1, "[PPDMain_NonForkStart] Server_Construct(numOfControlPortThread %d) failed ::%d\n",
+                  numOfControlPortThread, rc);
+    else
+        MainWaitLoop(pDB);
+    return take_down(pDB);
 }

@@ -6,22 +6,14 @@
 
 #include "common/debug_log.h"
 #include "common/return_codes.h"
-#include "common/time_utils.h"
 
 CMFifo g_Fifo;
-
-namespace {
-
-constexpr long long kChangePollUsec = 1000;
-
-}  // namespace
 
 CMFifo::CMFifo() = default;
 
 CMFifo::~CMFifo()
 {
-    // Also frees what a failed Setup or ChangeFifoLength left behind, which
-    // leave m_nSetup at 0.
+    // Also frees what a failed Setup left behind, which leaves m_nSetup at 0.
     Cleanup();
 }
 
@@ -32,25 +24,15 @@ int CMFifo::SetLog(DbPrintf_Class* pDB, int nLevel)
     return SUCCESS;
 }
 
-// The in-use count and the changing flag form the drain barrier of
-// ChangeFifoLength. An operation first counts itself in and only then looks
-// at the flag, while ChangeFifoLength raises the flag and only then waits
-// for the count: with sequentially consistent atomics one of the two always
-// sees the other, so no operation can slip into the ring while it is being
-// rebuilt (testing the flag alone before counting in leaves that window).
-bool CMFifo::EnterSlots()
+// The opening test of every slot operation: false, after logging the
+// operation's own line, when the FIFO is not set up.
+bool CMFifo::SetUpOrLog(const char* pszNotSetUpLine)
 {
-    m_nInUse.fetch_add(1);
-    if (m_nChanging.load() != 0) {
-        m_nInUse.fetch_sub(1);
-        return false;
+    if (m_nSetup.load(std::memory_order_relaxed) != 0) {
+        return true;
     }
-    return true;
-}
-
-void CMFifo::LeaveSlots()
-{
-    m_nInUse.fetch_sub(1);
+    TimePrint(m_pDB, m_nLogLevel, "%s", pszNotSetUpLine);
+    return false;
 }
 
 int CMFifo::Setup(int nLengthFifo, int nLengthWriteOnlyZone, int nBufferSizeVideo,
@@ -88,8 +70,6 @@ int CMFifo::Setup(int nLengthFifo, int nLengthWriteOnlyZone, int nBufferSizeVide
         SetLog(pDB, nLevel);
     }
 
-    m_nChanging.store(0);
-    m_nInUse.store(0);
     nLength_Fifo = nLengthFifo;
     nLength_WriteOnlyZone = nLengthWriteOnlyZone;
     m_nBufferSize_Video = nBufferSizeVideo;
@@ -232,12 +212,8 @@ int CMFifo::ClearOption()
 
 int CMFifo::InputDataStart()
 {
-    if (m_nSetup.load(std::memory_order_relaxed) == 0) {
-        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::InputDataStart] m_nSetup == 0\n");
+    if (!SetUpOrLog("[CMFifo::InputDataStart] m_nSetup == 0\n")) {
         return NOT_INITIALIZE;
-    }
-    if (!EnterSlots()) {
-        return kFifoChanging;
     }
     int ret = ClearVideo();
     if (ret != SUCCESS) {
@@ -249,18 +225,13 @@ int CMFifo::InputDataStart()
                       ret);
         }
     }
-    LeaveSlots();
     return ret;
 }
 
 int CMFifo::InputDataCancel()
 {
-    if (m_nSetup.load(std::memory_order_relaxed) == 0) {
-        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::InputDataCancel] m_nSetup == 0\n");
+    if (!SetUpOrLog("[CMFifo::InputDataCancel] m_nSetup == 0\n")) {
         return NOT_INITIALIZE;
-    }
-    if (!EnterSlots()) {
-        return kFifoChanging;
     }
     int ret = ClearVideo();
     if (ret != SUCCESS) {
@@ -271,18 +242,13 @@ int CMFifo::InputDataCancel()
             TimePrint(m_pDB, m_nLogLevel, "[CMFifo::InputDataCancel] ClearOption failed\n");
         }
     }
-    LeaveSlots();
     return ret;
 }
 
 int CMFifo::InputDataGet(char** pBuf, int* nBufSize, int* nDataSize)
 {
-    if (m_nSetup.load(std::memory_order_relaxed) == 0) {
-        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::InputDataGet] m_nSetup == 0\n");
+    if (!SetUpOrLog("[CMFifo::InputDataGet] m_nSetup == 0\n")) {
         return NOT_INITIALIZE;
-    }
-    if (m_nChanging.load() != 0) {
-        return kFifoChanging;
     }
     if (pBuf == nullptr) {
         TimePrint(m_pDB, m_nLogLevel, "[CMFifo::InputDataGet] pBuf == NULL\n");
@@ -293,23 +259,15 @@ int CMFifo::InputDataGet(char** pBuf, int* nBufSize, int* nDataSize)
                   "[CMFifo::InputDataGet] nBufSize == NULL || nDataSize == NULL\n");
         return INVALID_ARGUMENT;
     }
-    // Counted in like the others (although it only reads the slot table) so
-    // that a concurrent ChangeFifoLength cannot swap the table under it.
-    if (!EnterSlots()) {
-        return kFifoChanging;
-    }
-    int ret = SUCCESS;
     const int i = CalcBufferNo(m_lnDataNo_Input.load(std::memory_order_relaxed));
     if (m_ppFifo[i] == nullptr) {
         TimePrint(m_pDB, m_nLogLevel, "[CMFifo::InputDataGet] m_ppFifo[%d] == NULL\n", i);
-        ret = DEBUG_WARNING;
-    } else {
-        *pBuf = m_ppFifo[i]->pBuffer_Video;
-        *nBufSize = m_nBufferSize_Video;
-        *nDataSize = m_ppFifo[i]->nDataSize_Video;
+        return DEBUG_WARNING;
     }
-    LeaveSlots();
-    return ret;
+    *pBuf = m_ppFifo[i]->pBuffer_Video;
+    *nBufSize = m_nBufferSize_Video;
+    *nDataSize = m_ppFifo[i]->nDataSize_Video;
+    return SUCCESS;
 }
 
 int CMFifo::InputVideo(char* pInData_Video, int nInDataSize_Video)
@@ -332,6 +290,9 @@ int CMFifo::InputVideo(char* pInData_Video, int nInDataSize_Video)
     // Compared in 64 bits: the sum of two ints may not fit in one.
     const long long lnSum = static_cast<long long>(pSlot->nDataSize_Video) + nInDataSize_Video;
     if (lnSum > m_nBufferSize_Video) {
+        // The console line is the ring's own alarm beside the log: a
+        // foreground run (-StartUp_NonDeamon) shows it, a forked daemon's
+        // standard output is /dev/null. Kept on purpose.
         printf("%lld > %d\n", lnSum, m_nBufferSize_Video);
         TimePrint(m_pDB, m_nLogLevel,
                   "[CMFifo::InputVideo] m_ppFifo[%d]->nDataSize_Video(%d) + nInDataSize_Video(%d) > "
@@ -352,12 +313,8 @@ int CMFifo::InputVideo(char* pInData_Video, int nInDataSize_Video)
 
 int CMFifo::InputData(char* pInData_Video, int nInDataSize_Video)
 {
-    if (m_nSetup.load(std::memory_order_relaxed) == 0) {
-        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::InputData] m_nSetup == 0\n");
+    if (!SetUpOrLog("[CMFifo::InputData] m_nSetup == 0\n")) {
         return NOT_INITIALIZE;
-    }
-    if (m_nChanging.load() != 0) {
-        return kFifoChanging;
     }
     if (pInData_Video == nullptr) {
         TimePrint(m_pDB, m_nLogLevel, "[CMFifo::InputData] pInData_Video == NULL\n");
@@ -368,14 +325,10 @@ int CMFifo::InputData(char* pInData_Video, int nInDataSize_Video)
                   nInDataSize_Video);
         return INVALID_ARGUMENT;
     }
-    if (!EnterSlots()) {
-        return kFifoChanging;
-    }
-    int ret = InputVideo(pInData_Video, nInDataSize_Video);
+    const int ret = InputVideo(pInData_Video, nInDataSize_Video);
     if (ret != SUCCESS) {
         TimePrint(m_pDB, m_nLogLevel, "[CMFifo::InputData] InputVideo failed ::%d\n", ret);
     }
-    LeaveSlots();
     return ret;
 }
 
@@ -393,6 +346,7 @@ int CMFifo::DeleteVideo(int nInDeleteSize_Video)
         return DEBUG_WARNING;
     }
     if (pSlot->nDataSize_Video <= nInDeleteSize_Video) {
+        // Console line beside the log, as in InputVideo.
         printf("%d <= %d\n", pSlot->nDataSize_Video, nInDeleteSize_Video);
         TimePrint(m_pDB, m_nLogLevel,
                   "[CMFifo::DeleteVideo] m_ppFifo[%d]->nDataSize_Video(%d) <= "
@@ -406,28 +360,20 @@ int CMFifo::DeleteVideo(int nInDeleteSize_Video)
 
 int CMFifo::InputDataDelete(int nDeleteSize)
 {
-    if (m_nSetup.load(std::memory_order_relaxed) == 0) {
-        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::InputDataDelete] m_nSetup == 0\n");
+    if (!SetUpOrLog("[CMFifo::InputDataDelete] m_nSetup == 0\n")) {
         return NOT_INITIALIZE;
-    }
-    if (m_nChanging.load() != 0) {
-        return kFifoChanging;
     }
     if (nDeleteSize <= 0) {
         TimePrint(m_pDB, m_nLogLevel, "[CMFifo::InputDataDelete] nDeleteSize(%d) <= 0\n",
                   nDeleteSize);
         return INVALID_ARGUMENT;
     }
-    if (!EnterSlots()) {
-        return kFifoChanging;
-    }
-    int ret = DeleteVideo(nDeleteSize);
+    const int ret = DeleteVideo(nDeleteSize);
     if (ret != SUCCESS) {
         TimePrint(m_pDB, m_nLogLevel,
                   "[CMFifo::InputDataDelete] DeleteVideo(nDeleteSize %d) failed ::%d\n",
                   nDeleteSize, ret);
     }
-    LeaveSlots();
     return ret;
 }
 
@@ -463,12 +409,8 @@ int CMFifo::InputOption(char* pInData_Option, int nInDataSize_Option)
 
 int CMFifo::InputDataFinish(char* pInData_Option, int nInDataSize_Option)
 {
-    if (m_nSetup.load(std::memory_order_relaxed) == 0) {
-        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::InputDataFinish] m_nSetup == 0\n");
+    if (!SetUpOrLog("[CMFifo::InputDataFinish] m_nSetup == 0\n")) {
         return NOT_INITIALIZE;
-    }
-    if (m_nChanging.load() != 0) {
-        return kFifoChanging;
     }
     if (pInData_Option == nullptr) {
         TimePrint(m_pDB, m_nLogLevel, "[CMFifo::InputDataFinish] pInData_Option == NULL\n");
@@ -479,13 +421,12 @@ int CMFifo::InputDataFinish(char* pInData_Option, int nInDataSize_Option)
                   nInDataSize_Option);
         return INVALID_ARGUMENT;
     }
-    if (!EnterSlots()) {
-        return kFifoChanging;
-    }
-    int ret = InputOption(pInData_Option, nInDataSize_Option);
+    const int ret = InputOption(pInData_Option, nInDataSize_Option);
     if (ret != SUCCESS) {
         TimePrint(m_pDB, m_nLogLevel, "[CMFifo::InputDataFinish] InputOption failed\n");
-    } else {
+        return ret;
+    }
+    {
         // Publishing under the mutex is what orders the frame bytes written
         // above before any reader that sees the new Tail.
         std::lock_guard<std::mutex> lock(m_Mutex);
@@ -496,13 +437,10 @@ int CMFifo::InputDataFinish(char* pInData_Option, int nInDataSize_Option)
             m_lnDataNo_PublicTop.store(lnTail - nLength_Fifo + 1, std::memory_order_relaxed);
         }
     }
-    if (ret == SUCCESS) {
-        // Without waiters this is a check of the condition's own word, no
-        // system call.
-        m_Committed.notify_all();
-    }
-    LeaveSlots();
-    return ret;
+    // Without waiters this is a check of the condition's own word, no
+    // system call.
+    m_Committed.notify_all();
+    return SUCCESS;
 }
 
 // ---------------------------------------------------------------------------
@@ -536,32 +474,69 @@ int CMFifo::GetTopTailDataNo(long long* pDataNo_PublicTop, long long* pDataNo_Pu
     return SUCCESS;
 }
 
-// Picks the frame to deliver for nDataNo. The caller has counted itself in.
-int CMFifo::ChooseFrame(long long nDataNo, long long* pDelivered, long long* pTop,
-                        long long* pTail)
+// The body GetData and GetData2 share: chooses the frame nearest to nDataNo
+// and hands it out. A given pOutMem_Video gets a copy of the picture
+// (GetData); otherwise *ppOutMem_Video lends the slot's buffer (GetData2).
+// The option record is copied either way. On a refusal *pFault says why,
+// for the caller's log line.
+int CMFifo::Deliver(long long nDataNo, char* pOutMem_Video, int nOutMemSize_Video,
+                    char** ppOutMem_Video, int* pOutMemSize_Video, char* pOutMem_Option,
+                    int nOutMemSize_Option, _StrOutInfo* pOutInfo, DeliveryFault* pFault)
 {
-    std::lock_guard<std::mutex> lock(m_Mutex);
-    *pTop = m_lnDataNo_PublicTop.load(std::memory_order_relaxed);
-    *pTail = m_lnDataNo_PublicTail.load(std::memory_order_relaxed);
-    if (nDataNo < *pTop) {
-        *pDelivered = *pTop;
-    } else if (nDataNo > *pTail) {
-        *pDelivered = *pTail;
-    } else {
-        *pDelivered = nDataNo;
+    if (m_lnDataNo_PublicTail.load(std::memory_order_relaxed) < 0) {
+        return CHANNEL_NO_DATA;
     }
-    return CalcBufferNo(*pDelivered);
+    long long lnDelivered = 0, lnTop = 0, lnTail = 0;
+    {
+        std::lock_guard<std::mutex> lock(m_Mutex);
+        lnTop = m_lnDataNo_PublicTop.load(std::memory_order_relaxed);
+        lnTail = m_lnDataNo_PublicTail.load(std::memory_order_relaxed);
+        if (nDataNo < lnTop) {
+            lnDelivered = lnTop;
+        } else if (nDataNo > lnTail) {
+            lnDelivered = lnTail;
+        } else {
+            lnDelivered = nDataNo;
+        }
+    }
+    // The bytes are read outside the mutex: the write-only zone keeps the
+    // writer away from this slot.
+    pFault->nSlot = CalcBufferNo(lnDelivered);
+    const _StrBuffer* pSlot = m_ppFifo[pFault->nSlot];
+    if (pSlot == nullptr) {
+        pFault->eKind = DeliveryFault::kSlotMissing;
+        return DEBUG_WARNING;
+    }
+    if (pOutMem_Video != nullptr && pSlot->nDataSize_Video > nOutMemSize_Video) {
+        pFault->eKind = DeliveryFault::kVideoTooLarge;
+        pFault->nDataSize = pSlot->nDataSize_Video;
+        return DATA_LARGE_THEN_BUF;
+    }
+    if (pSlot->nDataSize_Option > nOutMemSize_Option) {
+        pFault->eKind = DeliveryFault::kOptionTooLarge;
+        pFault->nDataSize = pSlot->nDataSize_Option;
+        return DATA_LARGE_THEN_BUF;
+    }
+    if (pOutMem_Video != nullptr) {
+        memcpy(pOutMem_Video, pSlot->pBuffer_Video, pSlot->nDataSize_Video);
+    } else {
+        *ppOutMem_Video = pSlot->pBuffer_Video;
+        *pOutMemSize_Video = m_nBufferSize_Video;
+    }
+    memcpy(pOutMem_Option, pSlot->pBuffer_Option, pSlot->nDataSize_Option);
+    pOutInfo->lnDataNo = lnDelivered;
+    pOutInfo->lnDataNo_PublicTop = lnTop;
+    pOutInfo->lnDataNo_PublicTail = lnTail;
+    pOutInfo->nDataSize_Video = pSlot->nDataSize_Video;
+    pOutInfo->nDataSize_Option = pSlot->nDataSize_Option;
+    return SUCCESS;
 }
 
 int CMFifo::GetData(long long nDataNo, char* pOutMem_Video, int nOutMemSize_Video,
                     char* pOutMem_Option, int nOutMemSize_Option, _StrOutInfo* pOutInfo)
 {
-    if (m_nSetup.load(std::memory_order_relaxed) == 0) {
-        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::GetData] m_nSetup == 0\n");
+    if (!SetUpOrLog("[CMFifo::GetData] m_nSetup == 0\n")) {
         return NOT_INITIALIZE;
-    }
-    if (m_nChanging.load() != 0) {
-        return kFifoChanging;
     }
     if (pOutMem_Video == nullptr) {
         TimePrint(m_pDB, m_nLogLevel, "[CMFifo::GetData] pOutMem_Video == NULL\n");
@@ -585,52 +560,34 @@ int CMFifo::GetData(long long nDataNo, char* pOutMem_Video, int nOutMemSize_Vide
         TimePrint(m_pDB, m_nLogLevel, "[CMFifo::GetData] pOutInfo == NULL\n");
         return INVALID_ARGUMENT;
     }
-    if (m_lnDataNo_PublicTail.load(std::memory_order_relaxed) < 0) {
-        return CHANNEL_NO_DATA;
-    }
-    if (!EnterSlots()) {
-        return kFifoChanging;
-    }
-
-    int ret = SUCCESS;
-    long long lnDelivered = 0, lnTop = 0, lnTail = 0;
-    const int i = ChooseFrame(nDataNo, &lnDelivered, &lnTop, &lnTail);
-    const _StrBuffer* pSlot = m_ppFifo[i];
-    if (pSlot == nullptr) {
-        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::GetData] m_ppFifo[%d] == NULL\n", i);
-        ret = DEBUG_WARNING;
-    } else if (pSlot->nDataSize_Video > nOutMemSize_Video) {
+    DeliveryFault f;
+    const int ret = Deliver(nDataNo, pOutMem_Video, nOutMemSize_Video, nullptr, nullptr,
+                            pOutMem_Option, nOutMemSize_Option, pOutInfo, &f);
+    switch (f.eKind) {
+    case DeliveryFault::kNone:
+        break;
+    case DeliveryFault::kSlotMissing:
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::GetData] m_ppFifo[%d] == NULL\n", f.nSlot);
+        break;
+    case DeliveryFault::kVideoTooLarge:
         TimePrint(m_pDB, m_nLogLevel,
                   "[CMFifo::GetData] m_ppFifo[%d]->nDataSize_Video(%d) > nOutMemSize_Video(%d)\n",
-                  i, pSlot->nDataSize_Video, nOutMemSize_Video);
-        ret = DATA_LARGE_THEN_BUF;
-    } else if (pSlot->nDataSize_Option > nOutMemSize_Option) {
+                  f.nSlot, f.nDataSize, nOutMemSize_Video);
+        break;
+    case DeliveryFault::kOptionTooLarge:
         TimePrint(m_pDB, m_nLogLevel,
                   "[CMFifo::GetData] m_ppFifo[%d]->nDataSize_Option(%d) > nOutMemSize_Option(%d)\n",
-                  i, pSlot->nDataSize_Option, nOutMemSize_Option);
-        ret = DATA_LARGE_THEN_BUF;
-    } else {
-        memcpy(pOutMem_Video, pSlot->pBuffer_Video, pSlot->nDataSize_Video);
-        memcpy(pOutMem_Option, pSlot->pBuffer_Option, pSlot->nDataSize_Option);
-        pOutInfo->lnDataNo = lnDelivered;
-        pOutInfo->lnDataNo_PublicTop = lnTop;
-        pOutInfo->lnDataNo_PublicTail = lnTail;
-        pOutInfo->nDataSize_Video = pSlot->nDataSize_Video;
-        pOutInfo->nDataSize_Option = pSlot->nDataSize_Option;
+                  f.nSlot, f.nDataSize, nOutMemSize_Option);
+        break;
     }
-    LeaveSlots();
     return ret;
 }
 
 int CMFifo::GetData2(long long nDataNo, char** ppOutMem_Video, int* pOutMemSize_Video,
                      char* pOutMem_Option, int nOutMemSize_Option, _StrOutInfo* pOutInfo)
 {
-    if (m_nSetup.load(std::memory_order_relaxed) == 0) {
-        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::GetData2] m_nSetup == 0\n");
+    if (!SetUpOrLog("[CMFifo::GetData2] m_nSetup == 0\n")) {
         return NOT_INITIALIZE;
-    }
-    if (m_nChanging.load() != 0) {
-        return kFifoChanging;
     }
     if (ppOutMem_Video == nullptr) {
         TimePrint(m_pDB, m_nLogLevel, "[CMFifo::GetData2] ppOutMem_Video == NULL\n");
@@ -653,126 +610,21 @@ int CMFifo::GetData2(long long nDataNo, char** ppOutMem_Video, int* pOutMemSize_
         TimePrint(m_pDB, m_nLogLevel, "[CMFifo::GetData2] pOutInfo == NULL\n");
         return INVALID_ARGUMENT;
     }
-    if (m_lnDataNo_PublicTail.load(std::memory_order_relaxed) < 0) {
-        return CHANNEL_NO_DATA;
-    }
-    if (!EnterSlots()) {
-        return kFifoChanging;
-    }
-
-    int ret = SUCCESS;
-    long long lnDelivered = 0, lnTop = 0, lnTail = 0;
-    const int i = ChooseFrame(nDataNo, &lnDelivered, &lnTop, &lnTail);
-    _StrBuffer* pSlot = m_ppFifo[i];
-    if (pSlot == nullptr) {
-        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::GetData2] m_ppFifo[%d] == NULL\n", i);
-        ret = DEBUG_WARNING;
-    } else if (pSlot->nDataSize_Option > nOutMemSize_Option) {
+    DeliveryFault f;
+    const int ret = Deliver(nDataNo, nullptr, 0, ppOutMem_Video, pOutMemSize_Video,
+                            pOutMem_Option, nOutMemSize_Option, pOutInfo, &f);
+    switch (f.eKind) {
+    case DeliveryFault::kNone:
+    case DeliveryFault::kVideoTooLarge:  // nothing is copied, so never
+        break;
+    case DeliveryFault::kSlotMissing:
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::GetData2] m_ppFifo[%d] == NULL\n", f.nSlot);
+        break;
+    case DeliveryFault::kOptionTooLarge:
         TimePrint(m_pDB, m_nLogLevel,
                   "[CMFifo::GetData2] m_ppFifo[%d]->nDataSize_Option(%d) > nOutMemSize_Option(%d)\n",
-                  i, pSlot->nDataSize_Option, nOutMemSize_Option);
-        ret = DATA_LARGE_THEN_BUF;
-    } else {
-        *ppOutMem_Video = pSlot->pBuffer_Video;
-        *pOutMemSize_Video = m_nBufferSize_Video;
-        memcpy(pOutMem_Option, pSlot->pBuffer_Option, pSlot->nDataSize_Option);
-        pOutInfo->lnDataNo = lnDelivered;
-        pOutInfo->lnDataNo_PublicTop = lnTop;
-        pOutInfo->lnDataNo_PublicTail = lnTail;
-        pOutInfo->nDataSize_Video = pSlot->nDataSize_Video;
-        pOutInfo->nDataSize_Option = pSlot->nDataSize_Option;
+                  f.nSlot, f.nDataSize, nOutMemSize_Option);
+        break;
     }
-    LeaveSlots();
-    return ret;
-}
-
-// ---------------------------------------------------------------------------
-// Maintenance
-
-// The rebuilt ring keeps the slot objects of the newest frames, the one being
-// written included, at their new positions: readable frames survive, and the
-// writer's InputDataGet pointer stays valid, so a writer that is filling its
-// slot in place loses nothing. Older slots are freed and empty positions get
-// fresh slots. The new length is recorded, and Top moves up when the range
-// shrinks so that at most the new length of frames stays readable.
-int CMFifo::ChangeFifoLength(int nNewLength_Fifo)
-{
-    if (m_nSetup.load(std::memory_order_relaxed) == 0) {
-        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::ChangeFifoLength] m_nSetup == 0\n");
-        return NOT_INITIALIZE;
-    }
-    // Raising the flag first also keeps a second, concurrent call out.
-    int nExpected = 0;
-    if (!m_nChanging.compare_exchange_strong(nExpected, 1)) {
-        return kFifoChanging;
-    }
-    if (nNewLength_Fifo <= 1) {
-        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::ChangeFifoLength] nNewLength_Fifo(%d) <= 1\n",
-                  nNewLength_Fifo);
-        m_nChanging.store(0);
-        return INVALID_ARGUMENT;
-    }
-    if (nNewLength_Fifo == nLength_Fifo) {
-        m_nChanging.store(0);
-        return SUCCESS;
-    }
-
-    const int nOldSlots = nLength_Fifo + nLength_WriteOnlyZone;
-    const int nNewSlots = nNewLength_Fifo + nLength_WriteOnlyZone;
-    const int nArrayBytes = static_cast<int>(sizeof(_StrBuffer*)) * nNewSlots;
-    _StrBuffer** ppNew = static_cast<_StrBuffer**>(calloc(1, nArrayBytes));
-    if (ppNew == nullptr) {
-        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::ChangeFifoLength] calloc(1,%d) failed\n",
-                  nArrayBytes);
-        m_nChanging.store(0);
-        return SYS_FUNC_ERROR;
-    }
-    while (m_nInUse.load() != 0) {
-        UsecSleep(kChangePollUsec);
-    }
-
-    // The newest min(old, new) numbers up to Input have distinct positions
-    // in both rings.
-    const long long lnInput = m_lnDataNo_Input.load(std::memory_order_relaxed);
-    const int nKeep = nOldSlots < nNewSlots ? nOldSlots : nNewSlots;
-    long long lnFirst = lnInput - nKeep + 1;
-    if (lnFirst < 0) {
-        lnFirst = 0;
-    }
-    for (long long n = lnFirst; n <= lnInput; n++) {
-        const int iOld = static_cast<int>(n % nOldSlots);
-        ppNew[n % nNewSlots] = m_ppFifo[iOld];
-        m_ppFifo[iOld] = nullptr;
-    }
-    for (int i = 0; i < nOldSlots; i++) {
-        if (m_ppFifo[i] != nullptr) {
-            FreeStrBuffer(&m_ppFifo[i]);
-        }
-    }
-
-    int ret = SUCCESS;
-    for (int i = 0; i < nNewSlots && ret == SUCCESS; i++) {
-        if (ppNew[i] == nullptr) {
-            ret = AllocStrBuffer(&ppNew[i], m_nBufferSize_Video, nBufferSize_Option);
-        }
-    }
-
-    {
-        std::lock_guard<std::mutex> lock(m_Mutex);
-        free(m_ppFifo);
-        m_ppFifo = ppNew;
-        nLength_Fifo = nNewLength_Fifo;
-        const long long lnTail = m_lnDataNo_PublicTail.load(std::memory_order_relaxed);
-        if (lnTail - m_lnDataNo_PublicTop.load(std::memory_order_relaxed) + 1 > nLength_Fifo) {
-            m_lnDataNo_PublicTop.store(lnTail - nLength_Fifo + 1, std::memory_order_relaxed);
-        }
-    }
-    if (ret != SUCCESS) {
-        // The ring has holes: the FIFO stays unusable until Cleanup.
-        m_nSetup.store(0, std::memory_order_relaxed);
-        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::ChangeFifoLength] AllocStrBuffer failed ::%d\n",
-                  ret);
-    }
-    m_nChanging.store(0);
     return ret;
 }

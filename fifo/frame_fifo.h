@@ -48,12 +48,9 @@ struct _StrOutInfo {
 //
 // Every operation returns a return code (common/return_codes.h). All except
 // SetLog, Setup, Cleanup and GetTopTailDataNo return NOT_INITIALIZE before
-// Setup and kFifoChanging while ChangeFifoLength rebuilds the ring.
+// Setup. The ring's length is fixed from Setup to Cleanup.
 class CMFifo {
 public:
-    // Returned while ChangeFifoLength is rebuilding the ring (no name).
-    static constexpr int kFifoChanging = 9995;
-
     CMFifo();
     virtual ~CMFifo();
 
@@ -71,7 +68,7 @@ public:
     int Setup(int nLength_Fifo, int nLength_WriteOnlyZone, int nBufferSize_Video,
               int nBufferSize_Option, int nChannel);
     // Frees everything; safe to call twice and after a failed Setup.
-    // Borrowed pictures become invalid. Returns 1.
+    // Returns 1.
     int Cleanup();
 
     // --- writer side (one thread) -----------------------------------------
@@ -117,15 +114,6 @@ public:
     // frame wait here: every commit wakes them. Call only while set up.
     bool WaitForDataNo(long long lnDataNo, std::chrono::steady_clock::time_point deadline);
 
-    // --- maintenance (not used by the daemon) -----------------------------
-    // Changes the readable length to nNewLength_Fifo (>= 2). Waits until no
-    // other operation is inside the FIFO; meanwhile they return
-    // kFifoChanging. Held frames and the slot being written are kept (the
-    // writer's InputDataGet pointer stays valid); when the range shrinks,
-    // Top moves up and pictures borrowed from older frames become invalid.
-    // A failed slot allocation leaves the FIFO not set up (call Cleanup).
-    int ChangeFifoLength(int nNewLength_Fifo);
-
 private:
     int AllocStrBuffer(_StrBuffer** pStrbuf, int nBufferSize_Video, int nBufferSize_Option);
     int FreeStrBuffer(_StrBuffer** pStrbuf);
@@ -135,19 +123,26 @@ private:
     int InputOption(char* pInData_Option, int nInDataSize_Option);
     int ClearVideo();
     int ClearOption();
-    int ChooseFrame(long long nDataNo, long long* pDelivered, long long* pTop, long long* pTail);
-    bool EnterSlots();
-    void LeaveSlots();
+    bool SetUpOrLog(const char* pszNotSetUpLine);
 
-    // m_nSetup and the in-use/changing pair are read by every thread; the
-    // data numbers are changed under m_Mutex but Tail is also tested
-    // before the lock, so they are atomics (relaxed: the mutex orders them).
+    // Why Deliver refused a frame, with the figures the caller's log line
+    // names; the caller logs it in its own words.
+    struct DeliveryFault {
+        enum Kind { kNone, kSlotMissing, kVideoTooLarge, kOptionTooLarge } eKind = kNone;
+        int nSlot = 0;
+        int nDataSize = 0;  // the slot's picture or option bytes
+    };
+    int Deliver(long long nDataNo, char* pOutMem_Video, int nOutMemSize_Video,
+                char** ppOutMem_Video, int* pOutMemSize_Video, char* pOutMem_Option,
+                int nOutMemSize_Option, _StrOutInfo* pOutInfo, DeliveryFault* pFault);
+
+    // m_nSetup is read by every thread; the data numbers are changed under
+    // m_Mutex but Tail is also tested before the lock, so they are atomics
+    // (relaxed: the mutex orders them).
     std::atomic<int> m_nSetup{0};
     std::mutex m_Mutex;
     // Signalled after every commit (InputDataFinish), for WaitForDataNo.
     std::condition_variable m_Committed;
-    std::atomic<int> m_nChanging{0};
-    std::atomic<int> m_nInUse{0};
     int nLength_Fifo = 0;
     int nLength_WriteOnlyZone = 0;
     int m_nBufferSize_Video = 0;

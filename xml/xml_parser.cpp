@@ -20,6 +20,10 @@ namespace {
 // Names quoted in messages are cut to this many bytes.
 constexpr int MESSAGE_NAME_MAX = 255;
 
+// The two ways a document can end inside a start tag.
+constexpr char kTagEnd[] = "Parser Error. File end in start tag parsing.";
+constexpr char kAttrEnd[] = "Parser Error. File end in start tag attribute.";
+
 int cut_name_length(int len)
 {
     return len < MESSAGE_NAME_MAX ? len : MESSAGE_NAME_MAX;
@@ -281,9 +285,6 @@ int XmlParser_Class::Read_Markup()
 
 int XmlParser_Class::Read_StartTag()
 {
-    static const char kTagEnd[] = "Parser Error. File end in start tag parsing.";
-    static const char kAttrEnd[] = "Parser Error. File end in start tag attribute.";
-
     std::unique_ptr<XmlElement_Class> elem(new (std::nothrow) XmlElement_Class);
     if (!elem) {
         return MALLOC_ERROR;
@@ -298,10 +299,30 @@ int XmlParser_Class::Read_StartTag()
     if (rc != SUCCESS) {
         return rc;
     }
-
     bool selfClosing = false;
+    rc = Read_Attributes(elem.get(), &selfClosing);
+    if (rc != SUCCESS) {
+        return rc;
+    }
+    elem->Set_StartTag_Start(&m_TagStart);
+    elem->Set_StartTag_End(&m_CurAddr);
+    m_LastEnd = m_CurAddr;
+    if (selfClosing) {
+        elem->Set_ContentKind(XMLELEMENT_EMPTY);
+    }
+    rc = Place_Element(elem.get(), selfClosing);
+    if (rc == SUCCESS) {
+        elem.release();
+    }
+    return rc;
+}
+
+// Reads the attributes after the element name up to the '>' that ends the
+// start tag, or its "/>" (*pSelfClosing).
+int XmlParser_Class::Read_Attributes(XmlElement_Class* elem, bool* pSelfClosing)
+{
     for (;;) {
-        rc = SkipBlanks();
+        int rc = SkipBlanks();
         if (rc != SUCCESS) {
             return FileEnd(rc, kTagEnd);
         }
@@ -314,109 +335,130 @@ int XmlParser_Class::Read_StartTag()
                 SetMessage("Parser Error. Found Syntax error character [/] in start tag.");
                 return XMLPARSER_PARSER_ERROR;
             }
-            selfClosing = true;
-            break;
+            *pSelfClosing = true;
+            return SUCCESS;
         }
         if (m_nCurChar == '>') {
-            break;
+            return SUCCESS;
         }
         if (!NameTokenChar1[m_nCurChar]) {
             SetMessage("Parser Error. Found Syntax error character [%c](0x%02x) in start tag.", m_nCurChar,
                        m_nCurChar);
             return XMLPARSER_PARSER_ERROR;
         }
-
-        const unsigned char* attrName = nullptr;
-        int attrLen = 0;
-        rc = GetToken(&attrName, &attrLen);
+        rc = Read_Attribute(elem);
         if (rc != SUCCESS) {
             return rc;
         }
-        if (m_nCurChar != '=') {
-            SetMessage("Parser Error. Found Syntax error character [%c](0x%02x) in start tag attribute.", m_nCurChar,
-                       m_nCurChar);
-            return XMLPARSER_PARSER_ERROR;
-        }
+    }
+}
+
+// One name="value" (or name='value') attribute, added to elem. The parser
+// stands on the character after the closing quote.
+int XmlParser_Class::Read_Attribute(XmlElement_Class* elem)
+{
+    const unsigned char* attrName = nullptr;
+    int attrLen = 0;
+    int rc = GetToken(&attrName, &attrLen);
+    if (rc != SUCCESS) {
+        return rc;
+    }
+    if (m_nCurChar != '=') {
+        SetMessage("Parser Error. Found Syntax error character [%c](0x%02x) in start tag attribute.", m_nCurChar,
+                   m_nCurChar);
+        return XMLPARSER_PARSER_ERROR;
+    }
+    int valStart = 0;
+    int valLen = 0;
+    rc = Read_AttributeValue(&valStart, &valLen);
+    if (rc != SUCCESS) {
+        return rc;
+    }
+    rc = Move_NextChar();
+    if (rc != SUCCESS) {
+        return FileEnd(rc, kTagEnd);
+    }
+    if (m_nCurChar != ' ' && m_nCurChar != '/' && m_nCurChar != '>') {
+        SetMessage("Parser Error. Found Syntax error character [%c](0x%02x) after attribute values string.",
+                   m_nCurChar, m_nCurChar);
+        return XMLPARSER_PARSER_ERROR;
+    }
+    NameValToken_Class* existing = nullptr;
+    if (elem->SearchGet_Attribute(reinterpret_cast<const char*>(attrName), attrLen, &existing) == SUCCESS) {
+        SetMessage("Parser Error. The same attribute name exists.[%.*s].", cut_name_length(attrLen),
+                   reinterpret_cast<const char*>(attrName));
+        return XMLPARSER_PARSER_ERROR;
+    }
+    std::unique_ptr<NameValToken_Class> pair(new (std::nothrow) NameValToken_Class);
+    if (!pair) {
+        return MALLOC_ERROR;
+    }
+    rc = pair->m_Name.Copy_OnlyPointer(attrName, attrLen);
+    if (rc == SUCCESS) {
+        rc = pair->m_Val.Copy_OnlyPointer(m_pBuf + valStart, valLen);
+    }
+    if (rc == SUCCESS) {
+        rc = elem->Add_Attribute(pair.get());
+    }
+    if (rc != SUCCESS) {
+        return rc;
+    }
+    pair.release();
+    return SUCCESS;
+}
+
+// The quoted value after an attribute's '=': *pStart and *pLen span it from
+// the opening quote to the closing one, both included, and the parser stands
+// on the closing quote.
+int XmlParser_Class::Read_AttributeValue(int* pStart, int* pLen)
+{
+    int rc = Move_NextChar();
+    if (rc != SUCCESS) {
+        return FileEnd(rc, kAttrEnd);
+    }
+    const int quote = m_nCurChar;
+    if (quote != '"' && quote != '\'') {
+        SetMessage("Parser Error. Not found quote character in start tag attribute.");
+        return XMLPARSER_PARSER_ERROR;
+    }
+    const int other = (quote == '"') ? '\'' : '"';
+    *pStart = m_CurAddr.GetOffset();
+    for (;;) {
         rc = Move_NextChar();
         if (rc != SUCCESS) {
             return FileEnd(rc, kAttrEnd);
         }
-        const int quote = m_nCurChar;
-        if (quote != '"' && quote != '\'') {
-            SetMessage("Parser Error. Not found quote character in start tag attribute.");
-            return XMLPARSER_PARSER_ERROR;
+        if (m_nCurChar == quote) {
+            break;
         }
-        const int other = (quote == '"') ? '\'' : '"';
-        const int valStart = m_CurAddr.GetOffset();
-        for (;;) {
-            rc = Move_NextChar();
-            if (rc != SUCCESS) {
-                return FileEnd(rc, kAttrEnd);
-            }
-            if (m_nCurChar == quote) {
-                break;
-            }
-            if (m_nCurChar == '<' || m_nCurChar == '>' || m_nCurChar == other) {
-                SetMessage("Parser Error.found Syntax error character [%c](0x%02x) in start tag attribute.",
-                           m_nCurChar, m_nCurChar);
-                return XMLPARSER_PARSER_ERROR;
-            }
-        }
-        const int valLen = m_CurAddr.GetOffset() - valStart + 1;
-
-        rc = Move_NextChar();
-        if (rc != SUCCESS) {
-            return FileEnd(rc, kTagEnd);
-        }
-        if (m_nCurChar != ' ' && m_nCurChar != '/' && m_nCurChar != '>') {
-            SetMessage("Parser Error. Found Syntax error character [%c](0x%02x) after attribute values string.",
+        if (m_nCurChar == '<' || m_nCurChar == '>' || m_nCurChar == other) {
+            SetMessage("Parser Error.found Syntax error character [%c](0x%02x) in start tag attribute.",
                        m_nCurChar, m_nCurChar);
             return XMLPARSER_PARSER_ERROR;
         }
-        NameValToken_Class* existing = nullptr;
-        if (elem->SearchGet_Attribute(reinterpret_cast<const char*>(attrName), attrLen, &existing) == SUCCESS) {
-            SetMessage("Parser Error. The same attribute name exists.[%.*s].", cut_name_length(attrLen),
-                       reinterpret_cast<const char*>(attrName));
-            return XMLPARSER_PARSER_ERROR;
-        }
-        std::unique_ptr<NameValToken_Class> pair(new (std::nothrow) NameValToken_Class);
-        if (!pair) {
-            return MALLOC_ERROR;
-        }
-        rc = pair->m_Name.Copy_OnlyPointer(attrName, attrLen);
-        if (rc == SUCCESS) {
-            rc = pair->m_Val.Copy_OnlyPointer(m_pBuf + valStart, valLen);
-        }
-        if (rc == SUCCESS) {
-            rc = elem->Add_Attribute(pair.get());
-        }
-        if (rc != SUCCESS) {
-            return rc;
-        }
-        pair.release();
     }
+    *pLen = m_CurAddr.GetOffset() - *pStart + 1;
+    return SUCCESS;
+}
 
-    elem->Set_StartTag_Start(&m_TagStart);
-    elem->Set_StartTag_End(&m_CurAddr);
-    m_LastEnd = m_CurAddr;
-    if (selfClosing) {
-        elem->Set_ContentKind(XMLELEMENT_EMPTY);
-    }
-    XmlElement_Class* placed = elem.get();
+// Hangs a finished start tag's element into the tree: under the open
+// element, or as the root. On SUCCESS the tree owns elem, and an element
+// that is not self-closing becomes the open one.
+int XmlParser_Class::Place_Element(XmlElement_Class* elem, bool selfClosing)
+{
     if (m_pOpenElement != nullptr) {
-        rc = m_pOpenElement->Add_ChildElement(placed);
+        const int rc = m_pOpenElement->Add_ChildElement(elem);
         if (rc != SUCCESS) {
             return rc;
         }
-        elem.release();
     } else if (m_pRoot != nullptr) {
         SetMessage("Parser Error. Found 2nd root element.");
         return XMLPARSER_PARSER_ERROR;
     } else {
-        m_pRoot = elem.release();
+        m_pRoot = elem;
     }
     if (!selfClosing) {
-        m_pOpenElement = placed;
+        m_pOpenElement = elem;
     }
     return SUCCESS;
 }

@@ -69,6 +69,10 @@ private:
     int GetToken(const unsigned char** name, int* len);
     int Read_Markup();
     int Read_StartTag();
+    int Read_Attributes(XmlElement_Class* elem, bool* pSelfClosing);
+    int Read_Attribute(XmlElement_Class* elem);
+    int Read_AttributeValue(int* pStart, int* pLen);
+    int Place_Element(XmlElement_Class* elem, bool selfClosing);
     int Read_EndTag();
     int Skip_ProcessingInstruction();
     int Skip_Exclamation();

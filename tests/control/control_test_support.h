@@ -15,9 +15,9 @@
 #include <gtest/gtest.h>
 
 #include "camera/channel_config.h"
+#include "camera/shared_state.h"
 #include "common/return_codes.h"
 #include "control/control_port_pool.h"
-#include "control/shared_state.h"
 #include "fifo/frame_fifo.h"
 #include "net/process_utils.h"
 

@@ -283,67 +283,58 @@ TEST_F(FrameFifoTest, FailedFinishAndCancelLeaveTheNumbersAlone)
 }
 
 // ---------------------------------------------------------------------------
-// Changing the readable length
+// Waiting for a frame
 
-// A reader waiting for a frame that is not stored yet is woken by the
-// commit that stores it, not by a later one and not by a commit of an
-// earlier number; without a commit the wait ends at its deadline.
-TEST_F(FrameFifoTest, WaitForDataNoEndsAtTheCommitOfTheAskedFrameOrAtTheDeadline)
+// A reader that is already waiting for frame k is woken by the commit of k,
+// long before its deadline. Each round the reader announces the number it
+// is about to wait for and the writer commits it; in most rounds the reader
+// is inside the wait by then, so a commit that does not notify leaves it
+// asleep until its deadline and the round fails.
+TEST_F(FrameFifoTest, CommitWakesAReaderWaitingForIt)
 {
     using Clock = std::chrono::steady_clock;
-    EXPECT_FALSE(fifo.WaitForDataNo(0, Clock::now() + std::chrono::milliseconds(20)));
+    EXPECT_FALSE(fifo.WaitForDataNo(0, Clock::now() + std::chrono::milliseconds(20)))
+        << "no commit: the wait ends at its deadline";
 
+    constexpr long long kRounds = 40;
     std::mutex m;
     std::condition_variable cv;
-    int waitingFor = -1;
-    std::atomic<bool> woke{false};
+    long long announced = -1;
+    long long lateRound = -1;  // guarded by m, as is announced
     std::thread reader([&] {
-        {
-            std::lock_guard<std::mutex> lock(m);
-            waitingFor = 1;
+        for (long long k = 0; k < kRounds; k++) {
+            {
+                std::lock_guard<std::mutex> lock(m);
+                announced = k;
+            }
+            cv.notify_all();
+            // Generous: a woken reader returns at once; only a missed
+            // notification runs into it.
+            const Clock::time_point deadline = Clock::now() + std::chrono::seconds(30);
+            if (!fifo.WaitForDataNo(k, deadline) || Clock::now() >= deadline) {
+                {
+                    std::lock_guard<std::mutex> lock(m);
+                    lateRound = k;
+                }
+                cv.notify_all();
+                break;
+            }
         }
-        cv.notify_all();
-        // Generous deadline: the test fails by the flag below, not by time.
-        woke = fifo.WaitForDataNo(1, Clock::now() + std::chrono::seconds(60));
     });
-    {
-        std::unique_lock<std::mutex> lock(m);
-        cv.wait(lock, [&] { return waitingFor == 1; });
-    }
-    WriteFrames(0, 1);  // frame 0: not the one asked for
-    EXPECT_FALSE(woke.load());
-    WriteFrames(1, 2);
-    reader.join();
-    EXPECT_TRUE(woke.load());
-    // Already stored: no wait at all, even with a deadline in the past.
-    EXPECT_TRUE(fifo.WaitForDataNo(1, Clock::now() - std::chrono::seconds(1)));
-}
-
-TEST_F(FrameFifoTest, ChangedLengthKeepsHeldFramesAndIsHonoured)
-{
-    WriteFrames(0, 7);  // Top 5, Tail 6
-    memcpy(slot, "part", 4);  // in place, not yet passed to InputData
-
-    EXPECT_EQ(INVALID_ARGUMENT, fifo.ChangeFifoLength(1));
-    ASSERT_EQ(SUCCESS, fifo.ChangeFifoLength(5));
-    EXPECT_EQ(std::make_pair(5LL, 6LL), TopTail());
-    ASSERT_EQ(SUCCESS, fifo.InputData(slot, 4)) << "the writer's pointer survived";
-    char opt[] = "o";
-    ASSERT_EQ(SUCCESS, fifo.InputDataFinish(opt, 1));
-    ASSERT_EQ(SUCCESS, fifo.InputDataStart());
-    WriteFrames(8, 20);
-    EXPECT_EQ(std::make_pair(15LL, 19LL), TopTail()) << "five readable frames";
-
-    ASSERT_EQ(SUCCESS, fifo.ChangeFifoLength(3));
-    EXPECT_EQ(std::make_pair(17LL, 19LL), TopTail()) << "shrinking moves Top up";
-    for (long long k = 20; k < 40; k++) {
-        WriteFrame(fifo, k);
-        for (long long want = k - 2; want <= k; want++) {
-            Got g = Read(fifo, want);
-            ASSERT_EQ(want, g.info.lnDataNo);
-            ASSERT_TRUE(PictureIs(want, g.video.data(), g.info.nDataSize_Video)) << want;
+    for (long long k = 0; k < kRounds; k++) {
+        {
+            std::unique_lock<std::mutex> lock(m);
+            cv.wait(lock, [&] { return announced == k || lateRound >= 0; });
+            if (lateRound >= 0) {
+                break;
+            }
         }
+        WriteFrames(k, k + 1);
     }
+    reader.join();
+    EXPECT_EQ(-1, lateRound) << "a waiting reader slept through the commit";
+    // Already stored: no wait at all, even with a deadline in the past.
+    EXPECT_TRUE(fifo.WaitForDataNo(kRounds - 1, Clock::now() - std::chrono::seconds(1)));
 }
 
 // ---------------------------------------------------------------------------
@@ -477,52 +468,6 @@ TEST(FrameFifoConcurrency, BorrowedAndCopiedFramesStayIntactWithinTheWindow)
 TEST(FrameFifoConcurrency, NarrowestWriteOnlyZone)
 {
     RunWriterAndReaders(3, 2, 2000, 3);
-}
-
-// Length changes while readers run and the writer goes on between changes:
-// every read either works or is told the ring is changing, and nothing is
-// read from a freed slot.
-TEST(FrameFifoConcurrency, LengthChangesDrainTheOperationsInside)
-{
-    CMFifo fifo;
-    ASSERT_EQ(SUCCESS, fifo.Setup(2, 4, kVideo, kOption, 0));
-    ASSERT_EQ(SUCCESS, fifo.InputDataStart());
-    WriteFrame(fifo, 0);
-    std::atomic<bool> stop{false};
-    std::atomic<int> failures{0};
-    std::atomic<int> readsDone{0};
-
-    std::vector<std::thread> readers;
-    for (int r = 0; r < 2; r++) {
-        readers.emplace_back([&] {
-            while (!stop.load()) {
-                char video[kVideo], option[kOption];
-                _StrOutInfo info{};
-                int rc = fifo.GetData(LLONG_MAX, video, kVideo, option, kOption, &info);
-                if (rc == SUCCESS) {
-                    if (!PictureIs(info.lnDataNo, video, info.nDataSize_Video)) {
-                        failures++;
-                    }
-                } else if (rc != CMFifo::kFifoChanging) {
-                    failures++;
-                }
-                readsDone++;
-            }
-        });
-    }
-    for (int round = 0; round < 40; round++) {
-        const int before = readsDone.load();
-        while (readsDone.load() < before + 4) {
-            std::this_thread::yield();
-        }
-        EXPECT_EQ(SUCCESS, fifo.ChangeFifoLength(2 + round % 3));
-        WriteFrame(fifo, round + 1);
-    }
-    stop.store(true);
-    for (auto& t : readers) {
-        t.join();
-    }
-    EXPECT_EQ(0, failures.load());
 }
 
 }  // namespace

@@ -135,22 +135,4 @@ TEST_F(XmlElementTest, ChildStringAndValueTable)
     EXPECT_EQ(root->Get_ChildElementValue("big", &value, 0), SUCCESS) << "overflow is not an error";
 }
 
-TEST_F(XmlElementTest, TemporaryArrayBorrowsWithoutDeleting)
-{
-    // Ten children grow the owning array past its first 8 entries; the
-    // borrowing copy must not delete them (the parser's delete would then
-    // be a double one).
-    const XmlElement_Class* root = Parse("<r><a/><a/><a/><a/><a/><a/><a/><a/><a/><a/></r>");
-    ASSERT_NE(root, nullptr);
-    {
-        ForTmporary_Arr_XmlElement_Class picked;
-        for (int i = 0; i < root->GetChildren().GetCount(); i++) {
-            ASSERT_EQ(picked.Add_XmlElement_Class(root->GetChildren().Get(i)), SUCCESS);
-        }
-        EXPECT_EQ(picked.GetCount(), 10);
-    }
-    EXPECT_EQ(root->GetChildren().GetCount(), 10);
-    EXPECT_EQ(root->GetChildren().Get(9)->GetParent(), root);
-}
-
 }  // namespace
