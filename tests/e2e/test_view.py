@@ -1,30 +1,34 @@
 """The viewer's browser view (ostrel-viewer --serve) on a running channel:
-the page as a real browser shows it, the picture stream and the figures
-with several browsers at once, a browser that leaves mid-picture, a channel
-that stops and comes back, and a channel that refuses the view.
+the demo's page as a real browser shows it, the picture stream and the
+figures with several browsers at once, a browser that leaves mid-picture, a
+channel that stops and comes back, and a channel that refuses the view.
 
-The browser test runs headless Chromium inside this test's network
-namespace and judges the screenshot's pixels; it runs only where
-OSTREL_BROWSER_TEST is set (see CMakeLists.txt) and is skipped with a
-message where Chromium is not installed."""
+The browser test runs scripts/demo.sh (which builds nothing here: the build
+is up to date) with the view, loads the page in headless Chromium inside
+this test's network namespace and judges the screenshots' pixels. It runs
+only where OSTREL_BROWSER_TEST is set (see CMakeLists.txt) and is skipped
+with a message where Chromium is not installed."""
 
 import json
 import os
+import re
 import shutil
 import signal
 import socket
 import struct
 import subprocess
+import tempfile
 import threading
-import time
 import unittest
+import urllib.request
 import zlib
 
-from ostrel_e2e import (CAMERA_PORT, CONTROL_PORT, FOREIGN_IP, MYIP, OPTION_RE, RelayCase,
-                        read_records, setup_namespace, wait_for)
+from ostrel_e2e import (BIN, CAMERA_PORT, CONTROL_PORT, FOREIGN_IP, MYIP, OPTION_RE, RelayCase,
+                        is_listening, read_records, setup_namespace, wait_for)
 
 VIEWER = os.environ.get("OSTREL_VIEWER", "")
 CHROMIUM = os.environ.get("OSTREL_CHROMIUM", "/usr/bin/chromium")
+SOURCE_DIR = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 VIEW_PORT = 8090
 BOUNDARY = b"--ostrelframe"
 # Where the page puts the picture: left, top, width, height in CSS pixels.
@@ -186,13 +190,8 @@ class ViewCase(RelayCase):
         self.cam_record = self.path("cam.rec")
         self.spawn([os.environ["OSTREL_CAMSIM"], "--listen", "%s:%d" % (MYIP, CAMERA_PORT),
                     "--fps", "10", "--quiet", "--record", self.cam_record])
-        wait_for(lambda: self.is_listening(CAMERA_PORT), "the camera simulator")
+        wait_for(lambda: is_listening(MYIP, CAMERA_PORT), "the camera simulator")
         self.pid = self.start_forking("1")
-
-    @staticmethod
-    def is_listening(port):
-        from ostrel_e2e import is_listening
-        return is_listening(MYIP, port)
 
     def start_view(self, bind=MYIP):
         self.view_out = self.path("view.out")
@@ -201,7 +200,7 @@ class ViewCase(RelayCase):
                                     "--bind", "%s:40000" % bind,
                                     "--serve", "%s:%d" % (MYIP, VIEW_PORT),
                                     "--states", self.states_path()], stdout=out)
-        wait_for(lambda: self.is_listening(VIEW_PORT), "the view to listen")
+        wait_for(lambda: is_listening(MYIP, VIEW_PORT), "the view to listen")
 
     def view_text(self):
         with open(self.view_out, encoding="latin-1") as f:
@@ -216,26 +215,66 @@ class ViewCase(RelayCase):
         self.assertEqual(self.view.wait(30), 0)
 
 
-class BrowserTest(ViewCase):
-    def screenshot(self, name):
-        path = self.path(name)
-        subprocess.run([CHROMIUM, "--headless", "--no-sandbox", "--disable-gpu",
-                        "--hide-scrollbars", "--user-data-dir=" + self.path("chromium"),
-                        "--window-size=1000,900", "--screenshot=" + path,
-                        "http://%s:%d/" % (MYIP, VIEW_PORT)],
-                       check=True, timeout=60, stdout=subprocess.DEVNULL,
-                       stderr=subprocess.DEVNULL)
-        return read_png(path)
+class BrowserTest(unittest.TestCase):
+    """The demo channel with its view, as an operator opens it: scripts/demo.sh
+    with DEMO_VIEW_SECONDS, the page loaded by headless Chromium from the
+    address the demo prints."""
 
-    def test_the_page_shows_the_live_picture(self):
+    def setUp(self):
         if not os.environ.get("OSTREL_BROWSER_TEST"):
             self.skipTest("the browser test runs in the release build only")
         if not os.access(CHROMIUM, os.X_OK):
             self.skipTest("Chromium is not installed at %s (scripts/setup.sh installs Debian's "
-                          "chromium)" % CHROMIUM)
-        self.start_view()
-        self.wait_pictures(3)
-        width, height, rows = self.screenshot("page-1.png")
+                          "chromium where it can)" % CHROMIUM)
+        self.work = tempfile.mkdtemp(prefix="ostrel-view-")
+        self.addCleanup(self.cleanup)
+        self.demo = None
+
+    def cleanup(self):
+        if self.demo and self.demo.poll() is None:
+            os.killpg(self.demo.pid, signal.SIGKILL)
+            self.demo.wait()
+        if os.environ.get("OSTREL_E2E_KEEP"):
+            print("kept", self.work)
+        else:
+            shutil.rmtree(self.work, ignore_errors=True)
+
+    def screenshot(self, url, name):
+        path = os.path.join(self.work, name)
+        subprocess.run([CHROMIUM, "--headless", "--no-sandbox", "--disable-gpu",
+                        "--hide-scrollbars", "--user-data-dir=" + os.path.join(self.work, "chromium"),
+                        "--window-size=1000,900", "--screenshot=" + path, url],
+                       check=True, timeout=60, stdout=subprocess.DEVNULL,
+                       stderr=subprocess.DEVNULL)
+        return read_png(path)
+
+    def test_the_demo_page_shows_the_live_picture(self):
+        out_path = os.path.join(self.work, "demo.out")
+        env = dict(os.environ, OSTREL_BUILD_DIR=os.path.dirname(BIN),
+                   OSTREL_DEMO_DIR=os.path.join(self.work, "demo"), DEMO_SECONDS="1",
+                   DEMO_VIEW_SECONDS="300", DEMO_VIEW="127.0.0.1:%d" % VIEW_PORT)
+        with open(out_path, "wb") as out:
+            self.demo = subprocess.Popen([os.path.join(SOURCE_DIR, "scripts", "demo.sh")],
+                                         env=env, stdout=out, stderr=subprocess.STDOUT,
+                                         start_new_session=True)
+
+        def demo_text():
+            with open(out_path, encoding="latin-1") as f:
+                return f.read()
+        m = wait_for(lambda: re.search(r"== view: (http://\S+/) ", demo_text()),
+                     "the demo to print the view's address", limit=120)
+        url = m.group(1)
+        self.assertEqual(url, "http://127.0.0.1:%d/" % VIEW_PORT)
+
+        def enough_pictures():
+            try:
+                with urllib.request.urlopen(url + "figures.json", timeout=10) as r:
+                    return json.load(r)["pictures"] >= 3
+            except OSError:
+                return False
+        wait_for(enough_pictures, "pictures in the view")
+
+        width, height, rows = self.screenshot(url, "page-1.png")
         self.assertEqual((width, height), (1000, 900))
         first = picture_pixels(rows)
         # The test pattern is colourful; the empty picture box is one dark
@@ -245,20 +284,26 @@ class BrowserTest(ViewCase):
         self.assertGreater(len(colours), 100, "the picture box is nearly one colour")
         self.assertGreater(coloured, len(first) // 4, "the picture box is not the test pattern")
         # The banner says the channel is live (green on pale green).
-        self.assertEqual(rows[80][990 - 20], (0xd8, 0xf0, 0xd8))
+        self.assertEqual(rows[80][970], (0xd8, 0xf0, 0xd8))
 
         # A later shot shows a later picture: the moving square and the
-        # frame number differ. Pictures come at 10 a second, so a second
-        # shot is later; shoot again only if the camera repeated itself.
+        # frame number differ. The camera sends 25 different pictures in
+        # turn, so a shot that hits the same one is taken again.
         for attempt in range(5):
-            _, _, rows = self.screenshot("page-%d.png" % (attempt + 2))
+            _, _, rows = self.screenshot(url, "page-%d.png" % (attempt + 2))
             second = picture_pixels(rows)
             changed = sum(1 for a, b in zip(first, second) if a != b)
             if changed > len(first) // 100:
                 break
         else:
             self.fail("the picture did not change in five screenshots")
-        self.stop_view()
+
+        # Ctrl-C ends the view; the demo goes on and stops the channel.
+        os.killpg(self.demo.pid, signal.SIGINT)
+        self.assertEqual(self.demo.wait(120), 0, demo_text())
+        text = demo_text()
+        self.assertIn("view: logout done", text)
+        self.assertRegex(text, r"daemon \d+ has stopped")
 
 
 class StreamTest(ViewCase):
