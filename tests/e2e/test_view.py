@@ -24,7 +24,7 @@ import urllib.request
 import zlib
 
 from ostrel_e2e import (BIN, CAMERA_PORT, CONTROL_PORT, FOREIGN_IP, MYIP, OPTION_RE, RelayCase,
-                        is_listening, read_records, setup_namespace, wait_for)
+                        is_listening, logout, read_records, setup_namespace, wait_for)
 
 VIEWER = os.environ.get("OSTREL_VIEWER", "")
 CHROMIUM = os.environ.get("OSTREL_CHROMIUM", "/usr/bin/chromium")
@@ -377,6 +377,16 @@ class StreamTest(ViewCase):
     def test_channel_that_stops_and_comes_back(self):
         self.start_view()
         self.wait_pictures(3)
+        # Another client logs the channel's one viewer out: the view is
+        # answered ERROR_USER_ID: and logs in again.
+        self.assertEqual(logout().body, b"LOGOUT_SUCCESS:1:IMAGE\r\n")
+        before = figures()["pictures"]
+        f = wait_for(lambda: (lambda f: f if f["logins"] == 2 and f["pictures"] > before
+                              else None)(figures()), "the view to log in again")
+        self.assertGreaterEqual(f["faults"], 1)
+        self.assertIn("channel error word: the channel at %s:%d answers ERROR_USER_ID:"
+                      % (MYIP, CONTROL_PORT), self.view_text())
+
         self.stop_daemon(self.pid)
         f = wait_for(lambda: (lambda f: f if f["channel"] == "no answer" else None)(figures()),
                      "the view to see the channel gone")
@@ -393,7 +403,7 @@ class StreamTest(ViewCase):
         before = f["pictures"]
         f = wait_for(lambda: (lambda f: f if f["pictures"] > before + 3 else None)(figures()),
                      "pictures after the restart")
-        self.assertEqual((f["channel"], f["message"], f["logins"]), ("pulling", "", 2))
+        self.assertEqual((f["channel"], f["message"], f["logins"]), ("pulling", "", 3))
         self.assertIn("channel no answer", self.view_text())
         self.stop_view()
 
