@@ -38,13 +38,14 @@ body{margin:0;font:14px/1.4 sans-serif;background:#f4f4f2;color:#222}
 header{height:56px;box-sizing:border-box;padding:14px 16px;background:#26323c;color:#fff}
 header h1{margin:0;font-size:20px;font-weight:600}
 header a{color:#cfe3f5;font-size:13px;margin-left:14px}
-#banner{position:absolute;left:672px;top:72px;width:312px;box-sizing:border-box;padding:8px 10px;
- border-radius:4px;font-weight:600}
+#side{position:absolute;left:672px;top:72px;width:312px}
+#banner{box-sizing:border-box;padding:8px 10px;border-radius:4px;font-weight:600;
+ margin-bottom:12px}
 .live{background:#d8f0d8;color:#185c18}.bad{background:#f7d4d0;color:#8a1a10}
 .wait{background:#f6ecc8;color:#6a5200}
 #live{position:absolute;left:16px;top:72px;width:640px;height:480px;background:#1b1b1b;
  object-fit:contain}
-#figs{position:absolute;left:672px;top:140px;width:312px;border-collapse:collapse}
+#figs{width:100%;border-collapse:collapse}
 #figs td{padding:3px 6px;border-bottom:1px solid #ddd;vertical-align:top}
 #figs td:first-child{color:#555;width:46%}
 #below{position:absolute;left:16px;top:568px;right:16px}
@@ -136,8 +137,11 @@ std::string ViewServer::page() const {
   h += "</head><body>\n<header><h1>Ostrel channel " + escape(control) +
        "<a href=\"stream.mjpg\">MJPEG stream</a><a href=\"latest.jpg\">latest picture</a>"
        "<a href=\"figures.json\">figures</a><a href=\"states\">states file</a></h1></header>\n";
-  h += "<img id=\"live\" src=\"latest.jpg\" alt=\"latest picture of the channel\">\n";
-  h += "<div id=\"banner\" class=\"" + bannerClass + "\">" + escape(bannerText) + "</div>\n";
+  // Without a picture yet the box stays empty until the script fills it.
+  h += f.pictures > 0 ? "<img id=\"live\" src=\"latest.jpg\" alt=\"latest picture\">\n"
+                      : "<img id=\"live\" alt=\"\">\n";
+  h += "<div id=\"side\">\n<div id=\"banner\" class=\"" + bannerClass + "\">" +
+       escape(bannerText) + "</div>\n";
   h += "<table id=\"figs\">\n";
   h += row("channel", "f-channel", ChannelStateName(f.channel));
   h += row("camera", "f-camera", f.camera);
@@ -152,7 +156,7 @@ std::string ViewServer::page() const {
   h += row("faults", "f-faults", std::to_string(f.faults));
   h += row("logins", "f-logins", std::to_string(f.logins));
   h += row("stream viewers", "f-streams", std::to_string(f.streams));
-  h += "</table>\n<div id=\"below\">\n<h2>Option text of the last picture (IMAGE_ID0000)</h2>\n";
+  h += "</table>\n</div>\n<div id=\"below\">\n<h2>Option text of the last picture (IMAGE_ID0000)</h2>\n";
   h += "<pre id=\"option\">" + escape(f.option.empty() ? "(no picture yet)" : f.option) +
        "</pre>\n";
   h += "<h2>States file " + escape(cfg_.statesPath) + "</h2>\n<pre id=\"states\">" +

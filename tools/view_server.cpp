@@ -193,9 +193,10 @@ bool ViewServer::login(uint64_t* userId) {
   if (!ControlExchange(cfg_.control, stop_, "/ptippreimg.cgi?img_login=1", &answers, nullptr,
                        nullptr, &err)) {
     std::lock_guard<std::mutex> lock(mu_);
-    if (!stop_.load(std::memory_order_relaxed))
-      set_channel(ViewFigures::Channel::kNoAnswer, "the channel at " + channel +
-                                                       " does not answer the login: " + err);
+    if (stop_.load(std::memory_order_relaxed)) return false;
+    ++fig_.faults;
+    set_channel(ViewFigures::Channel::kNoAnswer,
+                "the channel at " + channel + " does not answer the login: " + err);
     return false;
   }
   // A failed step may answer "ERROR_SYSTEM:" before the login answer on the
