@@ -10,7 +10,13 @@
 # Settings (environment): OSTREL_BUILD_DIR (default build/), OSTREL_DEMO_DIR
 # (default run/demo/), DEMO_SECONDS (viewer run time, default 6),
 # DEMO_POSTTERM (post-alarm term in seconds, default 3), DEMO_FPS (camera
-# pictures per second, default 25).
+# pictures per second, default 25), DEMO_VIEW_SECONDS (then leave the
+# viewer's browser view running this long; default 0, no view) and DEMO_VIEW
+# (where the view listens on this host, default 127.0.0.1:8090).
+#
+# The view runs inside the demo's network namespace, but its listening
+# socket is made on this host before the namespace is entered and handed
+# down as descriptor 3, so a browser on this host reaches it.
 set -eu
 cd "$(dirname "$0")/.."
 root=$(pwd)
@@ -47,7 +53,26 @@ translator_connect_camerano_0001=1
 channel_authentic_switch_0001=0
 translator_calarm_rec_postterm_0001=${DEMO_POSTTERM:-3}
 EOF
-    exec tools/ostrel-netns /bin/sh "$root/scripts/demo.sh" --inside
+    if [ "${DEMO_VIEW_SECONDS:-0}" = 0 ]; then
+        exec tools/ostrel-netns /bin/sh "$root/scripts/demo.sh" --inside
+    fi
+    view=${DEMO_VIEW:-127.0.0.1:8090}
+    # Listen on this host, then enter the namespace with the socket as fd 3.
+    exec python3 -c '
+import os, socket, sys
+host, _, port = sys.argv[1].rpartition(":")
+s = socket.socket()
+s.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+try:
+    s.bind((host, int(port)))
+except (OSError, ValueError) as e:
+    sys.exit("demo: cannot listen on %s for the view: %s (set DEMO_VIEW)" % (sys.argv[1], e))
+s.listen(64)
+if s.fileno() != 3:
+    os.dup2(s.fileno(), 3)
+os.set_inheritable(3, True)
+os.execvp(sys.argv[2], sys.argv[2:])
+' "$view" tools/ostrel-netns /bin/sh "$root/scripts/demo.sh" --inside
 fi
 
 # ---- inside the namespace ----------------------------------------------
@@ -80,16 +105,17 @@ not_alive() { ! alive "$1"; }
 say "network: eth0 $(ip -4 -o addr show eth0 | awk '{print $4}'), the daemon's own camera connection redirected to the simulated camera"
 "$root/tools/ostrel-camera-redirect" 192.0.2.1 8080 192.0.2.1 8081
 
-"$tools/ostrel-camsim" --listen 192.0.2.1:8081 --fps "${DEMO_FPS:-25}" --quiet --record camera.rec &
+# Descriptor 3 (the view's listening socket, if any) is for the view alone.
+"$tools/ostrel-camsim" --listen 192.0.2.1:8081 --fps "${DEMO_FPS:-25}" --quiet --record camera.rec 3>&- &
 pids="$pids $!"
-"$tools/ostrel-schedsim" --listen 192.0.2.1:80 --quiet --no-stdout --record schedule.rec &
+"$tools/ostrel-schedsim" --listen 192.0.2.1:80 --quiet --no-stdout --record schedule.rec 3>&- &
 pids="$pids $!"
 wait_for 10 listening 192.0.2.1 8081
 wait_for 10 listening 192.0.2.1 80
 echo "camera simulator on 192.0.2.1:8081, schedule server simulator on 192.0.2.1:80"
 
 say "start: $bin -StartUp 1   (the launcher's answer follows)"
-"$bin" -StartUp 1
+"$bin" -StartUp 1 3>&-
 echo
 wait_for 10 test -s mem/Ostrel_01.pid
 daemon=$(cat mem/Ostrel_01.pid)
@@ -101,8 +127,20 @@ say "viewer: ${DEMO_SECONDS:-6} s of pictures from the control port 192.0.2.1:80
 echo "(pictures = relayed and checked, latency = camera send to viewer receive,"
 echo " waits = polls answered 'not there yet')"
 "$tools/ostrel-viewer" --control 192.0.2.1:8080 --bind 192.0.2.1:30000 \
-    --seconds "${DEMO_SECONDS:-6}" --quiet --save last.jpg || true
+    --seconds "${DEMO_SECONDS:-6}" --quiet --save last.jpg 3>&- || true
 echo "(the last picture is in $run/last.jpg; camera requests: $(grep -c '^#REQUEST' camera.rec))"
+
+if [ "${DEMO_VIEW_SECONDS:-0}" != 0 ]; then
+    say "view: http://${DEMO_VIEW:-127.0.0.1:8090}/ for $DEMO_VIEW_SECONDS s; open it in a browser on this host"
+    echo "(the live picture, the figures, the option text and the states file; also"
+    echo " stream.mjpg, latest.jpg, figures.json and states there; Ctrl-C ends it early)"
+    # Ctrl-C ends the view (which logs out) and the demo goes on to the stop.
+    trap : INT
+    "$tools/ostrel-viewer" --control 192.0.2.1:8080 --bind 192.0.2.1:40000 --serve-fd 3 \
+        --states "$states" --seconds "$DEMO_VIEW_SECONDS" || true
+    trap cleanup INT
+    exec 3>&-
+fi
 
 say "schedule server: the stop request sent when the ${DEMO_POSTTERM:-3} s post-alarm term ran out"
 if [ -s schedule.rec ]; then

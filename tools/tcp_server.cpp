@@ -17,6 +17,13 @@ bool TcpServer::Start(const std::string& host, int port, Handler handler, std::s
   return true;
 }
 
+void TcpServer::StartOnListener(int listenFd, Handler handler) {
+  handler_ = std::move(handler);
+  listen_fd_ = listenFd;
+  port_ = BoundPort(listen_fd_);
+  accept_thread_ = std::thread([this] { accept_loop(); });
+}
+
 void TcpServer::Stop() {
   stop_.store(true, std::memory_order_relaxed);
   if (accept_thread_.joinable()) accept_thread_.join();

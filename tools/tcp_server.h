@@ -27,6 +27,9 @@ class TcpServer {
 
   // Listens on host:port (0 = any free port) and starts accepting.
   bool Start(const std::string& host, int port, Handler handler, std::string* err);
+  // Accepts on a socket that already listens (passed in by the caller, for
+  // example from another network namespace); the server closes it at Stop.
+  void StartOnListener(int listenFd, Handler handler);
   // Stops accepting, waits for every handler to return. Safe to call twice.
   void Stop();
 

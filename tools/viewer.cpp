@@ -19,19 +19,11 @@ namespace {
 // A picture of the relay is at most 819199 bytes; leave room for heads.
 constexpr size_t kMaxAnswer = 4u << 20;
 
-struct Answer {
-  HttpHead head;
-  std::string body;
-  bool lengthMatches = true;  // Content-Length, if any, equals the body size
-  bool hasLength = false;
-};
+}  // namespace
 
-// One request on a fresh connection; the relay closes after each answer.
-// The img_login command may answer twice on one connection, so every
-// answer in the received bytes is returned, in order.
-bool exchange(const ViewerConfig& cfg, const std::atomic<bool>& stop, const std::string& target,
-              std::vector<Answer>* answers, int64_t* receivedUs, std::string* raw,
-              std::string* err) {
+bool ControlExchange(const ViewerConfig& cfg, const std::atomic<bool>& stop,
+                     const std::string& target, std::vector<ControlAnswer>* answers,
+                     int64_t* receivedUs, std::string* raw, std::string* err) {
   answers->clear();
   // With a first local port, a port still held by an earlier connection is
   // skipped: only bind failures move on to the next port.
@@ -66,7 +58,7 @@ bool exchange(const ViewerConfig& cfg, const std::atomic<bool>& stop, const std:
     }
     end = (end != std::string::npos && (endLf == std::string::npos || end + 2 <= endLf))
               ? end + 4 : endLf + 2;
-    Answer a;
+    ControlAnswer a;
     if (!ParseResponseHead(rest.substr(0, end), &a.head)) {
       *err = "malformed answer head";
       return false;
@@ -96,9 +88,7 @@ bool exchange(const ViewerConfig& cfg, const std::atomic<bool>& stop, const std:
   return true;
 }
 
-// The relay's option text: a blank (stripped as header white space here),
-// 13 zeros, ':', 5 zeros, ':', 41 zeros, ':', at least 12 hex digits.
-bool option_text_ok(const std::string& v) {
+bool OptionTextOk(const std::string& v) {
   if (v.size() < 13 + 1 + 5 + 1 + 41 + 1 + 12) return false;
   size_t pos = 0;
   for (int len : {13, 5, 41}) {
@@ -112,6 +102,8 @@ bool option_text_ok(const std::string& v) {
       return false;
   return true;
 }
+
+namespace {
 
 std::string trimmed(const std::string& s) {
   size_t e = s.size();
@@ -135,12 +127,13 @@ double seconds_since(std::chrono::steady_clock::time_point t) {
 int RunViewer(const ViewerConfig& cfg, const std::atomic<bool>& stop, std::FILE* out,
               ViewerReport* report) {
   ViewerReport rep;
-  std::vector<Answer> answers;
+  std::vector<ControlAnswer> answers;
   std::string err;
 
   // Log in. A failed step before the login answer (ERROR_SYSTEM:) may come
   // first on the same connection; the login answer is the last one.
-  if (!exchange(cfg, stop, "/ptippreimg.cgi?img_login=1", &answers, nullptr, nullptr, &err)) {
+  if (!ControlExchange(cfg, stop, "/ptippreimg.cgi?img_login=1", &answers, nullptr, nullptr,
+                       &err)) {
     std::fprintf(stderr, "viewer: login: %s\n", err.c_str());
     return 2;
   }
@@ -180,7 +173,7 @@ int RunViewer(const ViewerConfig& cfg, const std::atomic<bool>& stop, std::FILE*
       break;
     }
     int64_t recvUs = 0;
-    if (!exchange(cfg, stop, getTarget, &answers, &recvUs, nullptr, &err)) {
+    if (!ControlExchange(cfg, stop, getTarget, &answers, &recvUs, nullptr, &err)) {
       if (stop.load(std::memory_order_relaxed)) break;
       std::fprintf(stderr, "viewer: get_image: %s\n", err.c_str());
       ++rep.faults;
@@ -188,7 +181,7 @@ int RunViewer(const ViewerConfig& cfg, const std::atomic<bool>& stop, std::FILE*
       SleepUntil(std::chrono::steady_clock::now() + std::chrono::milliseconds(100), stop);
       continue;
     }
-    const Answer& a = answers.front();
+    const ControlAnswer& a = answers.front();
     const std::string* type = a.head.Find("Content-Type");
     if (a.head.status == 200 && type && *type == "text/plain") {
       const std::string word = trimmed(a.body);
@@ -215,7 +208,7 @@ int RunViewer(const ViewerConfig& cfg, const std::atomic<bool>& stop, std::FILE*
     const std::string jpegErr = CheckJpegStructure(p, a.body.size());
     if (!jpegErr.empty()) problems.push_back("JPEG: " + jpegErr);
     const std::string* option = a.head.Find("IMAGE_ID0000");
-    if (!option || !option_text_ok(*option)) problems.push_back("bad IMAGE_ID0000 option text");
+    if (!option || !OptionTextOk(*option)) problems.push_back("bad IMAGE_ID0000 option text");
     uint64_t seq = 0;
     int64_t sentUs = 0;
     double latencyMs = -1;
@@ -251,7 +244,7 @@ int RunViewer(const ViewerConfig& cfg, const std::atomic<bool>& stop, std::FILE*
     // camera stream open for as long as someone is logged in.
     static const std::atomic<bool> kNoStop{false};
     const std::string target = "/ptippreimg.cgi?img_logout=1&img_user_id=" + std::to_string(userId);
-    if (!exchange(cfg, kNoStop, target, &answers, nullptr, nullptr, &err)) {
+    if (!ControlExchange(cfg, kNoStop, target, &answers, nullptr, nullptr, &err)) {
       std::fprintf(stderr, "viewer: logout: %s\n", err.c_str());
       ++rep.faults;
     } else if (trimmed(answers.back().body).compare(0, 15, "LOGOUT_SUCCESS:") != 0) {
@@ -293,9 +286,9 @@ int RunTrcom(const ViewerConfig& cfg, const std::atomic<bool>& stop, std::FILE* 
   const std::string query = !cfg.trcomQuery.empty()
                                 ? cfg.trcomQuery
                                 : "p_name=TrCommunicate&p_version=1&command=" + cfg.trcomCommand;
-  std::vector<Answer> answers;
+  std::vector<ControlAnswer> answers;
   std::string raw, err;
-  if (!exchange(cfg, stop, "/trcom.cgi?" + query, &answers, nullptr, &raw, &err)) {
+  if (!ControlExchange(cfg, stop, "/trcom.cgi?" + query, &answers, nullptr, &raw, &err)) {
     if (!raw.empty()) std::fwrite(raw.data(), 1, raw.size(), out);
     std::fprintf(stderr, "viewer: trcom: %s\n", err.c_str());
     return 2;
@@ -303,7 +296,7 @@ int RunTrcom(const ViewerConfig& cfg, const std::atomic<bool>& stop, std::FILE* 
   std::fwrite(raw.data(), 1, raw.size(), out);
   if (raw.empty() || raw.back() != '\n') std::fputc('\n', out);
   std::fflush(out);
-  const Answer& a = answers.front();
+  const ControlAnswer& a = answers.front();
   const std::string* result = a.head.Find("Query_Result");
   if (a.head.status != 200 || !result) return 1;
   const size_t colon = result->find(':');

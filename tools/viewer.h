@@ -19,8 +19,12 @@
 // Runs on the calling thread; no shared state.
 
 #include <atomic>
+#include <cstdint>
 #include <cstdio>
 #include <string>
+#include <vector>
+
+#include "tools/tool_http.h"
 
 namespace otools {
 
@@ -51,6 +55,29 @@ struct ViewerReport {
   double seconds = 0, fps = 0;
   double p50Ms = 0, p99Ms = 0, maxMs = 0;
 };
+
+// One answer of the control port.
+struct ControlAnswer {
+  HttpHead head;
+  std::string body;
+  bool lengthMatches = true;  // Content-Length, if any, equals the body size
+  bool hasLength = false;
+};
+
+// One request for `target` on a fresh connection made as `cfg` says (host,
+// port, bindAddr, bindPort, requestTimeoutMs); the relay closes after each
+// answer. The img_login command may answer twice on one connection, so
+// every answer in the received bytes is returned, in order. *receivedUs
+// (when given) gets the time the answer was complete, *raw the bytes. False
+// with *err set when no complete answer came.
+bool ControlExchange(const ViewerConfig& cfg, const std::atomic<bool>& stop,
+                     const std::string& target, std::vector<ControlAnswer>* answers,
+                     int64_t* receivedUs, std::string* raw, std::string* err);
+
+// The relay's option text as it stands in the IMAGE_ID0000 header (its
+// leading blank stripped as header white space): 13 zeros, ':', 5 zeros,
+// ':', 41 zeros, ':', at least 12 lowercase hex digits.
+bool OptionTextOk(const std::string& text);
 
 // Pull mode. Writes per-picture lines and the summary to `out`, problems to
 // stderr. Returns the exit status: 0 all good (at least one picture, and

@@ -1,19 +1,24 @@
-// ostrel-viewer: pulls pictures from the relay's control port, or sends it
-// one TrCommunicate command.
+// ostrel-viewer: pulls pictures from the relay's control port, shows them
+// to browsers, or sends the relay one TrCommunicate command.
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <getopt.h>
 #include <string>
+#include <sys/socket.h>
 
 #include "tools/tool_http.h"
 #include "tools/tool_net.h"
+#include "tools/view_server.h"
 #include "tools/viewer.h"
 
 namespace {
 
 const char kUsage[] =
     "Usage: ostrel-viewer --control ADDR:PORT [--bind ADDR[:PORT]] [pull options]\n"
+    "       ostrel-viewer --control ADDR:PORT [--bind ADDR[:PORT]] --serve ADDR:PORT|--serve-fd N\n"
+    "                     [--states FILE] [--seconds S]\n"
     "       ostrel-viewer --control ADDR:PORT [--bind ADDR[:PORT]] --trcom COMMAND | --query QUERY\n"
     "\n"
     "Pull mode logs in on the relay's control port (img_login), fetches pictures\n"
@@ -23,6 +28,12 @@ const char kUsage[] =
     "time minus the camera simulator's send stamp) and a summary:\n"
     "  summary: pictures=N seconds=S fps=F latency_ms p50=.. p99=.. max=.. gaps=.. waits=.. faults=..\n"
     "The relay serves pictures only to its channel's own address: use --bind.\n"
+    "\n"
+    "View mode (--serve) pulls the same way until stopped (or for --seconds) and\n"
+    "serves a browser view on ADDR:PORT: the page /, the live picture as\n"
+    "/stream.mjpg (multipart/x-mixed-replace) and /latest.jpg, the figures as\n"
+    "/figures.json and the states file as /states. Every browser shares the one\n"
+    "pull; a channel that stops answering is tried again every second.\n"
     "\n"
     "  --control ADDR:PORT   the relay's control port\n"
     "  --bind ADDR[:PORT]    local address to connect from; with PORT, connection n\n"
@@ -34,6 +45,10 @@ const char kUsage[] =
     "  --timeout-ms N        limit per request (default 5000)\n"
     "  --idle-ms N           give up when no picture came for N ms (default 10000)\n"
     "  --quiet               only the summary\n"
+    "  --serve ADDR:PORT     view mode: serve the browser view there\n"
+    "  --serve-fd N          view mode: serve on descriptor N, a socket that already\n"
+    "                        listens (made outside the channel's network namespace)\n"
+    "  --states FILE         view mode: the channel's states file to show\n"
     "  --trcom COMMAND       send /trcom.cgi?p_name=TrCommunicate&p_version=1&command=COMMAND\n"
     "                        (notice_update, reset_postterm) and print the raw answer\n"
     "  --query QUERY         send /trcom.cgi?QUERY as it stands and print the raw answer\n"
@@ -59,7 +74,7 @@ bool to_int(const char* s, long long lo, long long hi, int* out) {
 
 int main(int argc, char** argv) {
   enum { kControl = 1, kBind, kSeconds, kCount, kSave, kNoLogout, kTimeout, kIdle, kQuiet,
-         kTrcom, kQuery, kHelp };
+         kTrcom, kQuery, kServe, kServeFd, kStates, kHelp };
   static const option kOptions[] = {
       {"control", required_argument, nullptr, kControl},
       {"bind", required_argument, nullptr, kBind},
@@ -72,10 +87,14 @@ int main(int argc, char** argv) {
       {"quiet", no_argument, nullptr, kQuiet},
       {"trcom", required_argument, nullptr, kTrcom},
       {"query", required_argument, nullptr, kQuery},
+      {"serve", required_argument, nullptr, kServe},
+      {"serve-fd", required_argument, nullptr, kServeFd},
+      {"states", required_argument, nullptr, kStates},
       {"help", no_argument, nullptr, kHelp},
       {nullptr, 0, nullptr, 0}};
   otools::ViewerConfig cfg;
-  bool haveControl = false, command = false;
+  otools::ViewServerConfig view;
+  bool haveControl = false, command = false, serve = false;
   int c;
   while ((c = getopt_long(argc, argv, "", kOptions, nullptr)) != -1) {
     const std::string arg = optarg ? optarg : "";
@@ -123,15 +142,58 @@ int main(int argc, char** argv) {
         cfg.trcomQuery = arg;
         command = true;
         break;
+      case kServe:
+        if (!otools::ParseHostPort(arg, -1, &view.serveHost, &view.servePort) ||
+            view.servePort < 0)
+          return usage_error("bad --serve " + arg + " (ADDR:PORT)");
+        serve = true;
+        break;
+      case kServeFd:
+        if (!to_int(optarg, 0, 1 << 20, &view.serveFd))
+          return usage_error("bad --serve-fd " + arg);
+        serve = true;
+        break;
+      case kStates: view.statesPath = arg; break;
       case kHelp: std::fputs(kUsage, stdout); return 0;
       default: return usage_error("unknown option");
     }
   }
   if (optind < argc) return usage_error(std::string("unexpected argument ") + argv[optind]);
   if (!haveControl) return usage_error("--control is required");
-  if (cfg.seconds == 0 && cfg.count == 0) cfg.seconds = 10;
+  if (serve && command) return usage_error("--serve and --trcom/--query exclude each other");
+  if (!serve && !view.statesPath.empty()) return usage_error("--states goes with --serve");
+  int listening = 0;
+  socklen_t len = sizeof listening;
+  if (view.serveFd >= 0 &&
+      (::getsockopt(view.serveFd, SOL_SOCKET, SO_ACCEPTCONN, &listening, &len) != 0 || !listening))
+    return usage_error("descriptor " + std::to_string(view.serveFd) + " is not a listening socket");
 
   otools::InstallStopSignals();
+  if (serve) {
+    view.control = cfg;
+    otools::ViewServer server;
+    std::string err;
+    if (!server.Start(view, stdout, &err)) {
+      std::fprintf(stderr, "ostrel-viewer: %s\n", err.c_str());
+      return 2;
+    }
+    if (view.serveFd >= 0)
+      std::printf("view: serving on descriptor %d, port %d (channel %s:%d)\n", view.serveFd,
+                  server.Port(), cfg.host.c_str(), cfg.port);
+    else
+      std::printf("view: http://%s:%d/ (channel %s:%d)\n", view.serveHost.c_str(),
+                  server.Port(), cfg.host.c_str(), cfg.port);
+    std::fflush(stdout);
+    const auto end = std::chrono::steady_clock::now() +
+                     std::chrono::milliseconds(static_cast<long long>(cfg.seconds * 1000));
+    while (!otools::g_stopRequested.load() &&
+           (cfg.seconds == 0 || std::chrono::steady_clock::now() < end))
+      otools::SleepUntil(std::chrono::steady_clock::now() + std::chrono::milliseconds(100),
+                         otools::g_stopRequested);
+    server.Stop();
+    return 0;
+  }
+  if (cfg.seconds == 0 && cfg.count == 0) cfg.seconds = 10;
   if (command) return otools::RunTrcom(cfg, otools::g_stopRequested, stdout);
   return otools::RunViewer(cfg, otools::g_stopRequested, stdout, nullptr);
 }
