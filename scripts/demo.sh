@@ -7,7 +7,8 @@
 #   scripts/demo.sh            as root, or as a user where user namespaces
 #                              are allowed
 #
-# Settings (environment): OSTREL_BUILD_DIR (default build/), OSTREL_DEMO_DIR
+# Settings (environment): OSTREL_BUILD_DIR and OSTREL_JOBS as for every
+# script (scripts/lib.sh), OSTREL_DEMO_DIR
 # (default run/demo/), DEMO_SECONDS (viewer run time, default 6),
 # DEMO_POSTTERM (post-alarm term in seconds, default 3), DEMO_FPS (camera
 # pictures per second, default 25), DEMO_VIEW_SECONDS (then leave the
@@ -17,25 +18,15 @@
 # The view runs inside the demo's network namespace, but its listening
 # socket is made on this host before the namespace is entered and handed
 # down as descriptor 3, so a browser on this host reaches it.
-set -eu
-cd "$(dirname "$0")/.."
-root=$(pwd)
-build=${OSTREL_BUILD_DIR:-build}
-case $build in /*) ;; *) build=$root/$build ;; esac
-run=${OSTREL_DEMO_DIR:-$root/run/demo}
-case $run in /*) ;; *) run=$root/$run ;; esac
+. "$(dirname "$0")/lib.sh"
+build=$base
+run=$(abspath "${OSTREL_DEMO_DIR:-run/demo}")
 export OSTREL_BUILD_DIR=$build OSTREL_DEMO_DIR=$run
 
 if [ "${1:-}" != "--inside" ]; then
     if [ "$(id -u)" = 0 ]; then scripts/setup.sh; fi
-    if [ ! -f "$build/build.ninja" ] && [ ! -f "$build/Makefile" ]; then
-        gen=""
-        command -v ninja >/dev/null && gen="-G Ninja"
-        # shellcheck disable=SC2086
-        cmake -S . -B "$build" $gen -DCMAKE_BUILD_TYPE=RelWithDebInfo
-    fi
-    cmake --build "$build" --target Ostrel ostrel-camsim ostrel-schedsim ostrel-viewer \
-        -j "$(nproc)"
+    configure_once "$build"
+    cmake --build "$build" --target Ostrel ostrel-camsim ostrel-schedsim ostrel-viewer -j "$jobs"
 
     # A fresh working directory laid out as the daemon expects it, closed
     # to other users (the daemon's files are mode 0666).

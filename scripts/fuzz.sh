@@ -1,34 +1,30 @@
 #!/bin/sh
 # Builds the fuzz targets (fuzz/*_fuzz.cpp) as libFuzzer binaries with clang,
-# AddressSanitizer and UBSan in build-fuzz/, then runs each one for a bounded
-# time starting from its seed corpus fuzz/corpus/<parser>/.
+# AddressSanitizer and UBSan in $OSTREL_BUILD_DIR-fuzz (default build-fuzz/),
+# then runs each one for a bounded time starting from its seed corpus
+# fuzz/corpus/<parser>/.
 #
-#   scripts/fuzz.sh [-t SECONDS] [PARSER...]
+#   scripts/fuzz.sh [PARSER...]
 #
-# SECONDS per target defaults to 20 (or $FUZZ_SECONDS); without PARSER names
-# every target runs. The corpus is copied to a temporary directory first, so
-# the inputs libFuzzer adds are not left in the source tree: an input worth
-# keeping (a crash turned regression) is copied into fuzz/corpus/ by hand.
-# A crashing, hanging or leaking input is saved under build-fuzz/artifacts/
-# and the script exits non-zero after running the remaining targets.
+# Settings (environment): OSTREL_FUZZ_SECONDS, seconds per target (default
+# 20); OSTREL_BUILD_DIR and OSTREL_JOBS as for every script (scripts/lib.sh).
+# Without PARSER names every target runs. The corpus is copied to a temporary
+# directory first, so the inputs libFuzzer adds are not left in the source
+# tree: an input worth keeping (a crash turned regression) is copied into
+# fuzz/corpus/ by hand. A crashing, hanging or leaking input is saved under
+# <build>/artifacts/ and the script exits non-zero after running the
+# remaining targets.
 #
 # Needs clang and its fuzzer runtime (Debian: clang, libclang-rt-14-dev).
-set -eu
+. "$(dirname "$0")/lib.sh"
 
-root=$(cd "$(dirname "$0")/.." && pwd)
-build="$root/build-fuzz"
-secs=${FUZZ_SECONDS:-20}
-if [ "${1:-}" = "-t" ]; then
-    secs=$2
-    shift 2
-fi
+build=$base-fuzz
+secs=${OSTREL_FUZZ_SECONDS:-20}
+case $secs in '' | *[!0-9]*) die "OSTREL_FUZZ_SECONDS must be a number, not '$secs'" ;; esac
 
 CC=${CC:-clang}
 CXX=${CXX:-clang++}
-if ! command -v "$CXX" >/dev/null 2>&1; then
-    echo "fuzz: $CXX not found (install clang and libclang-rt-14-dev)" >&2
-    exit 1
-fi
+command -v "$CXX" >/dev/null 2>&1 || die "$CXX not found (install clang and libclang-rt-14-dev)"
 
 if [ $# -gt 0 ]; then
     parsers="$*"
@@ -38,10 +34,9 @@ fi
 targets=""
 for p in $parsers; do targets="$targets ${p}_fuzz"; done
 
-CC=$CC CXX=$CXX cmake -S "$root" -B "$build" -G Ninja \
-    -DCMAKE_BUILD_TYPE=RelWithDebInfo -DOSTREL_FUZZ=ON -DOSTREL_SANITIZE=address >/dev/null
+CC=$CC CXX=$CXX configure "$build" -DOSTREL_FUZZ=ON -DOSTREL_SANITIZE=address >/dev/null
 # shellcheck disable=SC2086
-cmake --build "$build" -j2 --target $targets
+cmake --build "$build" -j "$jobs" --target $targets
 
 mkdir -p "$build/artifacts"
 work=$(mktemp -d)

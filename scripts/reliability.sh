@@ -17,19 +17,18 @@
 #                      its minutes on top): a file that hangs is stopped,
 #                      counted as failed, and the runs go on
 #
-# Settings (environment): OSTREL_RELIABILITY_BUILD_DIR (default
-# build-reliability/; may be a sanitizer build), OSTREL_JOBS (compile jobs,
-# default 2), OSTREL_RELIABILITY_QUICK=1 leaves out the slowest case (the
-# whole camera back-off sequence, about a minute; scripts/test.sh sets it).
+# Settings (environment): OSTREL_RELIABILITY_BUILD_DIR (default: the normal
+# build, OSTREL_BUILD_DIR or build/; may be a sanitizer build), OSTREL_JOBS
+# (scripts/lib.sh), OSTREL_RELIABILITY_QUICK=1 leaves out the slowest case
+# (the whole camera back-off sequence, about a minute; scripts/test.sh sets
+# it).
 # ASAN_OPTIONS, UBSAN_OPTIONS and TSAN_OPTIONS are passed on, with reports
 # written to files: a report from any process fails the run and is printed.
 #
 # A test file's log is printed when it fails. Whatever a file leaves running
 # in its network namespace (after a time-out, say) is killed and fails it.
 # Exit status 1 when any test failed (the report is written all the same).
-set -eu
-cd "$(dirname "$0")/.."
-root=$(pwd)
+. "$(dirname "$0")/lib.sh"
 soak=10
 out=$root/run/reliability
 report=$root/docs/RELIABILITY.md
@@ -44,19 +43,12 @@ while [ $# -gt 0 ]; do
            exit 2 ;;
     esac
 done
-build=${OSTREL_RELIABILITY_BUILD_DIR:-$root/build-reliability}
-case $build in /*) ;; *) build=$root/$build ;; esac
-case $out in /*) ;; *) out=$root/$out ;; esac
-case $report in /*) ;; *) report=$root/$report ;; esac
+build=$(abspath "${OSTREL_RELIABILITY_BUILD_DIR:-$base}")
+out=$(abspath "$out")
+report=$(abspath "$report")
 
-if [ ! -f "$build/build.ninja" ] && [ ! -f "$build/Makefile" ]; then
-    gen=""
-    command -v ninja >/dev/null && gen="-G Ninja"
-    # shellcheck disable=SC2086
-    cmake -S . -B "$build" $gen -DCMAKE_BUILD_TYPE=RelWithDebInfo
-fi
-cmake --build "$build" --target Ostrel ostrel-camsim ostrel-schedsim ostrel-viewer \
-    -j "${OSTREL_JOBS:-2}"
+configure_once "$build"
+cmake --build "$build" --target Ostrel ostrel-camsim ostrel-schedsim ostrel-viewer -j "$jobs"
 
 # Only what a run writes is removed: --out may name any directory.
 mkdir -p "$out"

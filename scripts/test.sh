@@ -41,15 +41,10 @@
 # line per build and fails if any build failed. A sanitizer report anywhere,
 # also in a daemon that has closed its standard error, fails the build: the
 # reports are written to <build>/sanitizer/ and shown at the end of its run.
-set -eu
-cd "$(dirname "$0")/.."
-root=$(pwd)
+. "$(dirname "$0")/lib.sh"
 scripts/setup.sh
 
 builds=${OSTREL_TEST_BUILDS:-normal reliability asan reliability-asan tsan i386 fuzz}
-base=${OSTREL_BUILD_DIR:-build}
-case $base in /*) ;; *) base=$root/$base ;; esac
-jobs=${OSTREL_JOBS:-$(nproc)}
 
 # sanitizer_options LOGS: exports the sanitizers' options. halt_on_error:
 # the first report ends the process with a failure code, so the test that
@@ -61,21 +56,13 @@ sanitizer_options() {
         TSAN_OPTIONS="halt_on_error=1:second_deadlock_stack=1:suppressions=$root/scripts/tsan-suppressions.txt:log_path=$1/tsan"
 }
 
-# configure DIR [CMAKE OPTIONS...]
-configure() {
-    dir=$1
-    shift
-    cmake -S "$root" -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-        -DOSTREL_WERROR=ON "$@"
-}
-
 # run_build NAME DIR [CMAKE OPTIONS...]: configures, builds and tests one
 # build; returns non-zero when any step fails or a sanitizer reported.
 run_build() {
     name=$1 dir=$2
     shift 2
     echo "== $name build in $dir"
-    configure "$dir" "$@" || return 1
+    configure "$dir" -DOSTREL_WERROR=ON "$@" || return 1
     cmake --build "$dir" -j "$jobs" || return 1
 
     logs=$dir/sanitizer
@@ -107,10 +94,10 @@ run_reliability() {
     name=$1 dir=$2
     shift 2
     echo "== $name: reliability runs with $dir"
-    configure "$dir" "$@" || return 1
+    configure "$dir" -DOSTREL_WERROR=ON "$@" || return 1
     (
         sanitizer_options "$dir/sanitizer/reliability" &&
-        OSTREL_RELIABILITY_QUICK=1 OSTREL_RELIABILITY_BUILD_DIR=$dir OSTREL_JOBS=$jobs \
+        OSTREL_RELIABILITY_QUICK=1 OSTREL_RELIABILITY_BUILD_DIR=$dir \
             scripts/reliability.sh --soak-minutes "${OSTREL_SOAK_MINUTES:-1}" --timeout 1500 \
             --out "$dir/reliability" --report "$dir/reliability/RELIABILITY.md"
     )
@@ -127,8 +114,8 @@ for b in $builds; do
         reliability-asan) run_reliability "$b" "$base-asan" -DOSTREL_SANITIZE=address ;;
         tsan)   run_build "$b" "$base-tsan" -DOSTREL_SANITIZE=thread ;;
         i386)   run_build "$b" "$base-i386" -DCMAKE_TOOLCHAIN_FILE="$root/cmake/i386-linux-gnu.cmake" ;;
-        fuzz)   echo "== fuzz build in $root/build-fuzz"
-                scripts/fuzz.sh -t "${OSTREL_FUZZ_SECONDS:-15}" ;;
+        fuzz)   echo "== fuzz build in $base-fuzz"
+                OSTREL_FUZZ_SECONDS=${OSTREL_FUZZ_SECONDS:-15} scripts/fuzz.sh ;;
         *)      echo "test.sh: unknown build '$b' (normal, reliability, asan, reliability-asan, tsan, i386, fuzz)" >&2
                 false ;;
     esac && result=passed || result=FAILED
