@@ -29,29 +29,31 @@ bool dump_printable(unsigned char c)
 
 // The whole text of one log call, composed before the log's mutex is taken:
 // the lock then covers only the file's open, one write and its close, and a
-// slow format never holds up the other threads' lines.
+// slow format never holds up the other threads' lines. Texts up to 1 KiB
+// stay on the stack; longer ones move to the heap.
 class LogText {
 public:
-    void add(const char* s) { m_text.append(s); }
+    void add(const char* s) { append(s, strlen(s)); }
     void tabs(int depth)
     {
-        if (depth > 0) {
-            m_text.append(static_cast<size_t>(depth), '\t');
+        for (int i = 0; i < depth; ++i) {
+            append("\t", 1);
         }
     }
     void vaddf(const char* fmt, va_list ap)
     {
-        char small[512];
         va_list again;
         va_copy(again, ap);
-        const int n = vsnprintf(small, sizeof small, fmt, ap);
-        if (n >= 0 && n < static_cast<int>(sizeof small)) {
-            m_text.append(small, static_cast<size_t>(n));
+        const size_t room = m_big.empty() ? sizeof m_small - m_len : 0;
+        char* at = m_big.empty() ? m_small + m_len : nullptr;
+        char scratch[1];
+        const int n = vsnprintf(room > 0 ? at : scratch, room > 0 ? room : sizeof scratch, fmt, ap);
+        if (n >= 0 && static_cast<size_t>(n) < room) {
+            m_len += static_cast<size_t>(n);
         } else if (n > 0) {
-            const size_t at = m_text.size();
-            m_text.resize(at + static_cast<size_t>(n) + 1);
-            vsnprintf(&m_text[at], static_cast<size_t>(n) + 1, fmt, again);
-            m_text.resize(at + static_cast<size_t>(n));
+            std::string part(static_cast<size_t>(n) + 1, '\0');
+            vsnprintf(&part[0], part.size(), fmt, again);
+            append(part.data(), static_cast<size_t>(n));
         }
         va_end(again);
     }
@@ -62,11 +64,26 @@ public:
         vaddf(fmt, ap);
         va_end(ap);
     }
-    const char* data() const { return m_text.data(); }
-    size_t size() const { return m_text.size(); }
+    const char* data() const { return m_big.empty() ? m_small : m_big.data(); }
+    size_t size() const { return m_big.empty() ? m_len : m_big.size(); }
 
 private:
-    std::string m_text;
+    void append(const char* s, size_t n)
+    {
+        if (m_big.empty() && m_len + n <= sizeof m_small) {
+            memcpy(m_small + m_len, s, n);
+            m_len += n;
+            return;
+        }
+        if (m_big.empty()) {
+            m_big.assign(m_small, m_len);
+        }
+        m_big.append(s, n);
+    }
+
+    char m_small[1024];
+    size_t m_len = 0;
+    std::string m_big;  // the whole text once it outgrew m_small
 };
 
 void local_time_text(char* buf, size_t size, long* usec)
