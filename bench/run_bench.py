@@ -15,6 +15,14 @@ its own viewer:
           (it decodes and re-encodes, so the stamp does not survive: no
           latency and no loss figure for it)
 
+Per exchange and per camera picture, the daemon is set against
+bench/ref_preimage.cpp (the same pre-image protocol at its smallest, with a
+minimal camera reader), both pulled by tools/ostrel-viewer from their own
+simulated camera at 30 fps (18 KB): the CPU of the threads that answer
+requests per exchange (every answer: pictures, "not yet" answers, login and
+logout, counted by the viewer), and the CPU of the thread that reads the
+camera per picture.
+
 A relay's CPU time (utime + stime of /proc/PID/stat, all its threads) and
 memory (VmHWM peak, VmRSS at the end of the run) are read from /proc. The
 viewers' output lines are time-stamped as they arrive; a warm-up at the start
@@ -103,6 +111,43 @@ def cpu_seconds(pid):
         except (OSError, ValueError, IndexError):
             pass  # the thread ended meanwhile
     return total / 1e9
+
+
+def thread_cpu(pid):
+    """{tid: on-CPU seconds} of every thread of the process."""
+    out = {}
+    base = "/proc/%d/task" % pid
+    for tid in os.listdir(base):
+        try:
+            with open("%s/%s/schedstat" % (base, tid)) as f:
+                out[int(tid)] = int(f.read().split()[0]) / 1e9
+        except (OSError, ValueError, IndexError):
+            pass
+    return out
+
+
+def thread_roles(pid, kind):
+    """{tid: "control" | "camera" | "main"}. The reference names its
+    threads. The daemon's are unnamed; it starts them in a fixed order (the
+    control-port threads, then the one camera thread), so the camera thread
+    is the newest."""
+    tids = sorted(int(t) for t in os.listdir("/proc/%d/task" % pid))
+    roles = {}
+    for tid in tids:
+        if kind == "refpre":
+            with open("/proc/%d/task/%d/comm" % (pid, tid)) as f:
+                comm = f.read().strip()
+            roles[tid] = {"ref-camera": "camera", "ref-control": "control"}.get(comm, "main")
+        else:
+            roles[tid] = "main" if tid == pid else ("camera" if tid == tids[-1] else "control")
+    return roles
+
+
+def machine_busy_seconds():
+    """Busy time of all CPUs (everything but idle and iowait), seconds."""
+    with open("/proc/stat") as f:
+        v = [int(x) for x in f.readline().split()[1:]]
+    return (sum(v[:8]) - v[3] - v[4]) / CLK_TCK
 
 
 def cpu_ticks_seconds(pid):
@@ -206,14 +251,18 @@ class Bench:
         wait_for(lambda: listening(port), 20, "the camera simulator")
         return proc, port
 
-    def start_ostrel(self, cam_port, seconds, channel=None):
-        """The daemon in the foreground with its own working directory.
+    def start_ostrel(self, cam_port, seconds, channel=None, slot=None, binary=None):
+        """The daemon in the foreground with its own working directory
+        (ostrel-<slot>, the channel number by default). Daemons in different
+        directories may share a channel number: the channel chooses only
+        names inside the working directory and the configuration keys.
         Returns (daemon, consumer argv)."""
         if channel is None:
             self.channel = self.channel % 99 + 1
             channel = self.channel
+        slot = slot or channel
         ctl = PORTS.take()
-        work = os.path.join(self.work, "ostrel-%02d" % channel)
+        work = os.path.join(self.work, "ostrel-%02d" % slot)
         shutil.rmtree(work, ignore_errors=True)
         for sub in ("conf", "log", "mem", "states"):
             os.makedirs(os.path.join(work, sub))
@@ -227,14 +276,14 @@ class Bench:
         with open(os.path.join(work, "Directory.Conf"), "w") as f:
             f.write("<Directory.Conf>\n <StatesDir>%s/states</StatesDir>\n</Directory.Conf>\n" % work)
         subprocess.run([self.redirect, ADDR, str(ctl), ADDR, str(cam_port)], check=True)
-        proc = self.spawn([os.path.join(self.build, "Ostrel"), "-StartUp_NonDeamon", str(channel)],
+        proc = self.spawn([binary or os.path.join(self.build, "Ostrel"), "-StartUp_NonDeamon", str(channel)],
                                 cwd=work, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         wait_for(lambda: listening(ctl), 20, "the daemon's control port")
         # Each viewer its own first local port; the viewer uses the 10,000
         # ports from there on (so the first must stay at or below 55535) and
         # moves on past busy ones.
         viewer = [os.path.join(self.tools, "ostrel-viewer"), "--control", "%s:%d" % (ADDR, ctl),
-                  "--bind", "%s:%d" % (ADDR, 30000 + (channel % 50) * 500), "--seconds", str(seconds),
+                  "--bind", "%s:%d" % (ADDR, 30000 + (slot % 50) * 500), "--seconds", str(seconds),
                   "--idle-ms", "30000"]
         return proc, viewer
 
@@ -316,6 +365,74 @@ class Bench:
             r["error"] = cons.err.strip()[-300:]
         return r
 
+    def exchange_run(self, kind, seconds):
+        """One viewer pull of `seconds` against the daemon, the reference
+        server or the daemon of --ostrel-before (kind "ostrel", "refpre",
+        "before"), camera at 30 fps, 18 KB. CPU of each thread from just
+        before the viewer starts to just after it ended (login to logout),
+        split by role."""
+        cam, cam_port = self.camera(30, "18KB")
+        try:
+            if kind in ("ostrel", "before"):
+                relay, viewer = self.start_ostrel(cam_port, seconds,
+                                                  binary=self.a.ostrel_before if kind == "before" else None)
+            else:
+                ctl = PORTS.take()
+                relay = self.spawn([os.path.join(self.build, "bench", "ostrel-refpreimage"),
+                                    "%s:%d" % (ADDR, ctl), "%s:%d" % (ADDR, cam_port), CAM_PATH])
+                wait_for(lambda: listening(ctl), 20, "the reference pre-image server")
+                self.channel = self.channel % 99 + 1
+                viewer = [os.path.join(self.tools, "ostrel-viewer"), "--control", "%s:%d" % (ADDR, ctl),
+                          "--bind", "%s:%d" % (ADDR, 30000 + (self.channel % 50) * 500),
+                          "--seconds", str(seconds), "--idle-ms", "30000"]
+            # Wait until every thread has started (the daemon starts its
+            # threads after the control port listens).
+            want = 2 if kind == "refpre" else 4
+            wait_for(lambda: len(os.listdir("/proc/%d/task" % relay.pid)) >= want, 20, "the threads")
+            roles = thread_roles(relay.pid, kind)
+            c0 = thread_cpu(relay.pid)
+            v = subprocess.run(viewer + ["--quiet"], capture_output=True, text=True, timeout=seconds + 60)
+            c1 = thread_cpu(relay.pid)
+        finally:
+            self.cleanup()
+        m = re.search(r"summary: pictures=(\d+) .*gaps=(\d+) waits=(\d+) faults=(\d+)", v.stdout)
+        if not m:
+            return {"kind": kind, "error": (v.stdout + v.stderr).strip()[-300:]}
+        pics, gaps, waits, faults = (int(x) for x in m.groups())
+        cpu = {"control": 0.0, "camera": 0.0, "main": 0.0}
+        for tid, role in roles.items():
+            cpu[role] += c1.get(tid, 0.0) - c0.get(tid, 0.0)
+        exchanges = pics + waits + 2  # with the login and the logout
+        return {"kind": kind, "pictures": pics, "gaps": gaps, "waits": waits, "faults": faults,
+                "exchanges": exchanges, "control_s": cpu["control"], "camera_s": cpu["camera"],
+                "main_s": cpu["main"], "threads": len(roles),
+                "us_per_exchange": 1e6 * cpu["control"] / exchanges,
+                "us_per_picture": 1e6 * cpu["camera"] / (pics + gaps) if pics else None}
+
+    def exchanges(self, repeats, seconds):
+        """The daemon and the reference server taken in turn (the order
+        alternates), `repeats` pulls each."""
+        runs = []
+        kinds = ["ostrel", "refpre"] + (["before"] if self.a.ostrel_before else [])
+        for rep in range(repeats):
+            for kind in kinds[rep % len(kinds):] + kinds[:rep % len(kinds)]:
+                r = self.exchange_run(kind, seconds)
+                r["repeat"] = rep
+                runs.append(r)
+                if "error" in r:
+                    log("exchange %d %-6s ERROR %s" % (rep, kind, r["error"]))
+                else:
+                    log("exchange %d %-6s exchanges=%d pictures=%d waits=%d  control %.1f us/exchange  "
+                        "camera %s us/picture" % (rep, kind, r["exchanges"], r["pictures"], r["waits"],
+                                                  r["us_per_exchange"], fmt(r["us_per_picture"])))
+        s = summarise_exchanges(runs)
+        for what, key in (("exchange", "us_per_exchange"), ("camera picture", "us_per_picture")):
+            o, ref, old = s.get(("ostrel", key)), s.get(("refpre", key)), s.get(("before", key))
+            if o and ref:
+                log("per %s: Ostrel %.1f us, reference %.1f us: %.2fx%s" % (
+                    what, o, ref, o / ref, " (before: %.1f us, %.2fx)" % (old, old / ref) if old else ""))
+        return runs
+
     def lossless(self, r, fps):
         if r["stamped"] < 10 or r["lost"]:
             return False
@@ -337,27 +454,44 @@ class Bench:
             best = r["fps_out"]
         return best, steps
 
+    def locked(self, fn):
+        """fn() holding the --lock file (flock), if one was given: the
+        heavy trials then take turns with other users of the machine
+        (builds), and the lock is free between them."""
+        if not self.a.lock:
+            return fn()
+        import fcntl
+        with open(self.a.lock, "a") as lk:
+            fcntl.flock(lk, fcntl.LOCK_EX)
+            try:
+                return fn()
+            finally:
+                fcntl.flock(lk, fcntl.LOCK_UN)
+
     def channels(self):
         """Daemons side by side, each with its own camera at 30 fps (18 KB)
         and its own viewer: the largest count where every channel gets every
-        frame with p99 latency under 100 ms. Doubling, then halving the gap."""
+        frame with p99 latency under 100 ms. Doubling, then halving the gap,
+        up to --channels-max daemons (channel numbers go round 1..99 past
+        the 99th daemon, each daemon in its own working directory)."""
         results = {}
 
         def trial(n):
             if n in results:
                 return results[n]["ok"]
-            r = self.channel_trial(n)
+            r = self.locked(lambda: self.channel_trial(n))
             results[n] = r
             log("  channels n=%d ok=%s worst_p99=%s lost=%s short_channels=%d cpu=%.0f%%" % (
                 n, r["ok"], fmt(r["worst_p99"]), r["lost"], r["short_channels"], r["cpu_pct"]))
             return r["ok"]
 
-        lo, hi = 0, None
-        n = self.a.channels_start
-        while n <= 99:
+        lo, hi = self.a.channels_passed, None
+        top = self.a.channels_max
+        n = min(self.a.channels_start, top)
+        while n <= top:
             if trial(n):
                 lo = n
-                n = min(99, n * 2) if n < 99 else 100
+                n = min(top, n * 2) if n < top else top + 1
             else:
                 hi = n
                 break
@@ -384,7 +518,7 @@ class Bench:
             for ch in range(1, n + 1):
                 cam, port = self.camera(30, "18KB")
                 cams.append(cam)
-                proc, viewer = self.start_ostrel(port, seconds, channel=ch)
+                proc, viewer = self.start_ostrel(port, seconds, channel=(ch - 1) % 99 + 1, slot=ch)
                 daemons.append(proc)
             for ch in range(1, n + 1):
                 cons.append(Consumer(self._viewer_for(ch, seconds)))
@@ -392,10 +526,14 @@ class Bench:
                      "pictures on every channel")
             time.sleep(self.a.warmup)
             t0 = time.monotonic()
+            b0, tb0 = machine_busy_seconds(), time.monotonic()
             c0 = sum(cpu_seconds(p.pid) for p in daemons)
             time.sleep(self.a.measure)
             t1 = time.monotonic()
             c1 = sum(cpu_seconds(p.pid) for p in daemons)
+            # Everything on the machine (cameras, viewers, this script and
+            # whatever else runs), in % of one core.
+            machine_busy = 100.0 * (machine_busy_seconds() - b0) / (time.monotonic() - tb0)
             mem = [memory_kb(p.pid)[1] for p in daemons]
             for c in cons:
                 c.finish(seconds + 60)
@@ -419,6 +557,7 @@ class Bench:
             worst = max(worst, pct(lats, 99) if lats else 1e9)
         return {"n": n, "ok": lost == 0 and worst < 100.0, "lost": lost, "short_channels": stalled,
                 "worst_p99": worst, "cpu_pct": 100.0 * (c1 - c0) / (t1 - t0),
+                "machine_busy_pct": machine_busy,
                 "rss_kb_mean": sum(mem) / len(mem)}
 
     def _viewer_for(self, ch, seconds):
@@ -428,6 +567,15 @@ class Bench:
         return [os.path.join(self.tools, "ostrel-viewer"), "--control", "%s:%d" % (ADDR, ctl),
                 "--bind", "%s:%d" % (ADDR, 30000 + (ch % 50) * 500), "--seconds", str(seconds),
                 "--idle-ms", "30000"]
+
+
+def summarise_exchanges(runs):
+    """{(kind, figure): median over the repeats}"""
+    out = {}
+    for kind in ("ostrel", "refpre", "before"):
+        for key in ("us_per_exchange", "us_per_picture", "waits", "pictures", "exchanges"):
+            out[(kind, key)] = median([r.get(key) for r in runs if r["kind"] == kind and "error" not in r])
+    return out
 
 
 def pct(sorted_vals, p):
@@ -465,8 +613,19 @@ def main():
     ap.add_argument("--relays", type=lambda s: s.split(","), default=RELAYS)
     ap.add_argument("--sizes", type=lambda s: s.split(","), default=list(SIZES))
     ap.add_argument("--channels-start", type=int, default=8)
+    ap.add_argument("--channels-max", type=int, default=512,
+                    help="most daemons the channel search tries")
+    ap.add_argument("--only-channels", action="store_true", help="only the channel search")
+    ap.add_argument("--channels-passed", type=int, default=0,
+                    help="a count known to pass: the search narrows down from there when its start fails")
+    ap.add_argument("--lock", help="a file to flock around each channel trial")
     ap.add_argument("--no-channels", action="store_true")
     ap.add_argument("--no-ladder", action="store_true")
+    ap.add_argument("--exchange-repeats", type=int, default=3)
+    ap.add_argument("--exchange-seconds", type=float, default=10.0)
+    ap.add_argument("--ostrel-before", help="a daemon binary to compare with, taken in turn with the others")
+    ap.add_argument("--only-exchange", action="store_true",
+                    help="only the per-exchange comparison with the reference server")
     a = ap.parse_args()
     # A time limit (timeout(1)) ends the run through the cleanup paths, so
     # no camera or relay is left behind.
@@ -474,6 +633,19 @@ def main():
     b = Bench(a)
     data = {"runs": [], "ladders": [], "channels": None, "machine": machine(),
             "settings": {k: v for k, v in vars(a).items() if k not in ("source", "build", "work", "out")}}
+    if a.only_channels:
+        n, trials = b.channels()
+        data["channels"] = {"max": n, "top": a.channels_max, "trials": [trials[k] for k in sorted(trials)]}
+        log("channels per machine: %d" % n)
+        with open(a.out, "w") as f:
+            json.dump(data, f, indent=1)
+        return 0
+    if a.exchange_repeats > 0 and not a.only_channels:
+        data["exchanges"] = b.exchanges(a.exchange_repeats, a.exchange_seconds)
+        with open(a.out, "w") as f:
+            json.dump(data, f, indent=1)
+    if a.only_exchange:
+        return 1 if any("error" in r for r in data["exchanges"]) else 0
     for rep in range(a.repeats):
         # Rotating the order spreads any drift of the machine over all relays.
         order = a.relays[rep % len(a.relays):] + a.relays[:rep % len(a.relays)]
@@ -498,7 +670,7 @@ def main():
             json.dump(data, f, indent=1)
     if not a.no_channels:
         n, trials = b.channels()
-        data["channels"] = {"max": n, "trials": [trials[k] for k in sorted(trials)]}
+        data["channels"] = {"max": n, "top": a.channels_max, "trials": [trials[k] for k in sorted(trials)]}
         log("channels per machine: %d" % n)
     with open(a.out, "w") as f:
         json.dump(data, f, indent=1)

@@ -1,11 +1,40 @@
 #include "camera/axis_jpeg_client.h"
 
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <time.h>
 
+#include <string>
+
 #include "common/debug_log.h"
 #include "common/return_codes.h"
+
+namespace {
+
+// tzset() before each picture's time, but not the whole of it every time:
+// with TZ unset (the daemon's case) glibc's tzset stats /etc/localtime on
+// every call, a system call per picture. The zone is read again whenever TZ
+// changes, and otherwise once per second of picture time, so a new zone file
+// shows from the next second's pictures on. Per thread: no lock, and each
+// thread's first picture reads the zone.
+void refresh_zone(time_t sec)
+{
+    thread_local time_t lastSec = -1;
+    thread_local bool lastHadTz = false;
+    thread_local std::string lastTz;
+    const char* tz = getenv("TZ");
+    const bool tzChanged = (tz != nullptr) != lastHadTz || (tz != nullptr && lastTz != tz);
+    if (sec == lastSec && !tzChanged) {
+        return;
+    }
+    tzset();
+    lastSec = sec;
+    lastHadTz = tz != nullptr;
+    lastTz = tz != nullptr ? tz : "";
+}
+
+}  // namespace
 
 int MakeAXISJPEGOption(const timeval* tv, _Option_AXISJPEGMultiPart* pOption, DbPrintf_Class*)
 {
@@ -14,7 +43,7 @@ int MakeAXISJPEGOption(const timeval* tv, _Option_AXISJPEGMultiPart* pOption, Db
     }
     // timezone counts seconds west of UTC, so subtracting it turns UTC
     // seconds into local seconds (zones east of UTC add to the count).
-    tzset();
+    refresh_zone(tv->tv_sec);
     const long long localMs =
         (static_cast<long long>(tv->tv_sec) - static_cast<long long>(timezone)) * 1000LL + tv->tv_usec / 1000;
     memset(pOption->strOption, 0, sizeof pOption->strOption);

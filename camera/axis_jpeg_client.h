@@ -20,7 +20,8 @@ static_assert(sizeof(_Option_AXISJPEGMultiPart) == _Option_AXISJPEGMultiPart::SI
 // the record and writes " <13 zeros>:<5 zeros>:<41 zeros>:<ms>", where <ms>
 // is the local time in milliseconds since 1970-01-01 00:00:00 local time,
 // lowercase hexadecimal, at least 12 digits. The zone is the process's (TZ,
-// through tzset). INVALID_ARGUMENT for null arguments, else SUCCESS.
+// through tzset; read again when TZ changes, else once per second of tv).
+// INVALID_ARGUMENT for null arguments, else SUCCESS.
 int MakeAXISJPEGOption(const timeval* tv, _Option_AXISJPEGMultiPart* pOption, DbPrintf_Class* pDB = nullptr);
 
 // CClient_AXISJPEGMultiPart: one AXIS camera's motion-JPEG stream. Start

@@ -1,6 +1,7 @@
 #include "common/debug_log.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <sys/time.h>
@@ -8,6 +9,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <string>
 
 #include "common/return_codes.h"
 
@@ -25,12 +27,64 @@ bool dump_printable(unsigned char c)
     return (c >= 0x20 && c <= 0x5F) || (c >= 0x61 && c <= 0x7E);
 }
 
-void write_tabs(FILE* fp, int depth)
-{
-    for (int i = 0; i < depth; ++i) {
-        fputc('\t', fp);
+// The whole text of one log call, composed before the log's mutex is taken:
+// the lock then covers only the file's open, one write and its close, and a
+// slow format never holds up the other threads' lines. Texts up to 1 KiB
+// stay on the stack; longer ones move to the heap.
+class LogText {
+public:
+    void add(const char* s) { append(s, strlen(s)); }
+    void tabs(int depth)
+    {
+        for (int i = 0; i < depth; ++i) {
+            append("\t", 1);
+        }
     }
-}
+    void vaddf(const char* fmt, va_list ap)
+    {
+        va_list again;
+        va_copy(again, ap);
+        const size_t room = m_big.empty() ? sizeof m_small - m_len : 0;
+        char* at = m_big.empty() ? m_small + m_len : nullptr;
+        char scratch[1];
+        const int n = vsnprintf(room > 0 ? at : scratch, room > 0 ? room : sizeof scratch, fmt, ap);
+        if (n >= 0 && static_cast<size_t>(n) < room) {
+            m_len += static_cast<size_t>(n);
+        } else if (n > 0) {
+            std::string part(static_cast<size_t>(n) + 1, '\0');
+            vsnprintf(&part[0], part.size(), fmt, again);
+            append(part.data(), static_cast<size_t>(n));
+        }
+        va_end(again);
+    }
+    void addf(const char* fmt, ...) __attribute__((format(printf, 2, 3)))
+    {
+        va_list ap;
+        va_start(ap, fmt);
+        vaddf(fmt, ap);
+        va_end(ap);
+    }
+    const char* data() const { return m_big.empty() ? m_small : m_big.data(); }
+    size_t size() const { return m_big.empty() ? m_len : m_big.size(); }
+
+private:
+    void append(const char* s, size_t n)
+    {
+        if (m_big.empty() && m_len + n <= sizeof m_small) {
+            memcpy(m_small + m_len, s, n);
+            m_len += n;
+            return;
+        }
+        if (m_big.empty()) {
+            m_big.assign(m_small, m_len);
+        }
+        m_big.append(s, n);
+    }
+
+    char m_small[1024];
+    size_t m_len = 0;
+    std::string m_big;  // the whole text once it outgrew m_small
+};
 
 void local_time_text(char* buf, size_t size, long* usec)
 {
@@ -59,6 +113,36 @@ FILE* open_0666(const char* path, const char* how)
         fchmod(fileno(fp), 0666);
     }
     return fp;
+}
+
+// The per-write open of modes 1 to 3: the descriptor form of fopen's "at"
+// (append) or "wt" (truncate), with the same explicit change to 0666. A
+// plain descriptor spares stdio's buffer, its seek to the end and its stat
+// around the one write.
+int open_fd_0666(const char* path, bool truncate)
+{
+    const int fd = open(path, O_WRONLY | O_CREAT | (truncate ? O_TRUNC : O_APPEND), 0666);
+    if (fd >= 0) {
+        fchmod(fd, 0666);
+    }
+    return fd;
+}
+
+// The whole text in one write() (a regular file takes it at once; the loop
+// only guards against a short write). Write errors are not reported.
+void write_all(int fd, const char* text, size_t len)
+{
+    while (len > 0) {
+        const ssize_t w = write(fd, text, len);
+        if (w < 0 && errno == EINTR) {
+            continue;
+        }
+        if (w <= 0) {
+            return;
+        }
+        text += w;
+        len -= static_cast<size_t>(w);
+    }
 }
 
 bool ctime_later(const struct stat& a, const struct stat& b)
@@ -175,40 +259,27 @@ void DbPrintf_Class::FindNewestGeneration()
     m_nGeneration.store(current, std::memory_order_relaxed);
 }
 
-int DbPrintf_Class::OpenCheck(FILE** fp)
+int DbPrintf_Class::OpenCheck(int* fd)
 {
-    *fp = nullptr;
+    *fd = -1;
     switch (m_nMode) {
-    case 0:
-        if (m_pStream == nullptr) {
-            return CANNOT_FILEOPEN;
-        }
-        *fp = m_pStream;
-        return SUCCESS;
     case 1:
         if (m_pFileName == nullptr) {
             return CANNOT_FILEOPEN;
         }
-        *fp = open_0666(m_pFileName, "at");
-        return *fp != nullptr ? SUCCESS : CANNOT_FILEOPEN;
+        *fd = open_fd_0666(m_pFileName, false);
+        return *fd >= 0 ? SUCCESS : CANNOT_FILEOPEN;
     case 2:
     case 3:
-        return GenerationFileCheck(fp);
+        return GenerationFileCheck(fd);
     default:
         return SUCCESS;
     }
 }
 
-void DbPrintf_Class::CloseCheck(FILE* fp)
-{
-    if (fp != nullptr && fp != m_pStream) {
-        fclose(fp);
-    }
-}
-
 // The size is tested before the write, so a generation exceeds the limit by
 // at most one message before the next write moves on.
-int DbPrintf_Class::GenerationFileCheck(FILE** fp)
+int DbPrintf_Class::GenerationFileCheck(int* fd)
 {
     if (m_pFileName == nullptr || m_nGenerationCount <= 0) {
         return CANNOT_FILEOPEN;
@@ -223,33 +294,46 @@ int DbPrintf_Class::GenerationFileCheck(FILE** fp)
         if (errno != ENOENT) {
             return CANNOT_FILEOPEN;
         }
-        *fp = open_0666(path, "wt");
+        *fd = open_fd_0666(path, true);
     } else if (st.st_size > static_cast<off_t>(m_nSizeLimit)) {
         gen = m_nGeneration.fetch_add(1, std::memory_order_relaxed) + 1;
         if (make_generation_path(path, sizeof path, m_pFileName, gen % m_nGenerationCount) != SUCCESS) {
             return CANNOT_FILEOPEN;
         }
-        *fp = open_0666(path, "wt");
+        *fd = open_fd_0666(path, true);
     } else {
-        *fp = open_0666(path, "at");
+        *fd = open_fd_0666(path, false);
     }
-    return *fp != nullptr ? SUCCESS : CANNOT_FILEOPEN;
+    return *fd >= 0 ? SUCCESS : CANNOT_FILEOPEN;
 }
 
-int DbPrintf_Class::BeginWrite(FILE** fp, bool lock)
+int DbPrintf_Class::WriteText(const char* text, size_t len, bool lock)
 {
     if (lock) {
         pthread_mutex_lock(&m_Mutex);
     }
-    return OpenCheck(fp);
-}
-
-void DbPrintf_Class::EndWrite(FILE* fp, bool lock)
-{
-    CloseCheck(fp);
+    int rc = SUCCESS;
+    if (m_nMode == 0) {
+        // The kept stream stays stdio-buffered; fwrite locks it for the call.
+        if (m_pStream == nullptr) {
+            rc = CANNOT_FILEOPEN;
+        } else {
+            fwrite(text, 1, len, m_pStream);
+        }
+    } else {
+        int fd = -1;
+        rc = OpenCheck(&fd);
+        if (fd >= 0) {
+            if (rc == SUCCESS) {
+                write_all(fd, text, len);
+            }
+            close(fd);
+        }
+    }
     if (lock) {
         pthread_mutex_unlock(&m_Mutex);
     }
+    return rc;
 }
 
 int DbPrintf_Class::TimePrintf(int level, const char* fmt, ...)
@@ -266,19 +350,13 @@ int DbPrintf_Class::TmP(int level, const char* fmt, va_list ap)
     if (level == 0) {
         return SUCCESS;
     }
-    char stamp[64];
     char now[48];
     local_time_text(now, sizeof now, nullptr);
-    snprintf(stamp, sizeof stamp, "[%s]", now);
-    FILE* fp;
-    int rc = BeginWrite(&fp, true);
-    if (rc == SUCCESS && fp != nullptr) {
-        fprintf(fp, "%s ", stamp);
-        write_tabs(fp, GetDepth());
-        vfprintf(fp, fmt, ap);
-    }
-    EndWrite(fp, true);
-    return rc;
+    LogText text;
+    text.addf("[%s] ", now);
+    text.tabs(GetDepth());
+    text.vaddf(fmt, ap);
+    return WriteText(text.data(), text.size(), true);
 }
 
 int DbPrintf_Class::DbPrintf(int level, const char* fmt, ...)
@@ -295,14 +373,10 @@ int DbPrintf_Class::DbP(int level, const char* fmt, va_list ap)
     if (level == 0) {
         return SUCCESS;
     }
-    FILE* fp;
-    int rc = BeginWrite(&fp, true);
-    if (rc == SUCCESS && fp != nullptr) {
-        write_tabs(fp, GetDepth());
-        vfprintf(fp, fmt, ap);
-    }
-    EndWrite(fp, true);
-    return rc;
+    LogText text;
+    text.tabs(GetDepth());
+    text.vaddf(fmt, ap);
+    return WriteText(text.data(), text.size(), true);
 }
 
 int DbPrintf_Class::DbPrintfNoTab(int level, const char* fmt, ...)
@@ -310,16 +384,12 @@ int DbPrintf_Class::DbPrintfNoTab(int level, const char* fmt, ...)
     if (level == 0) {
         return SUCCESS;
     }
-    FILE* fp;
-    int rc = BeginWrite(&fp, true);
-    if (rc == SUCCESS && fp != nullptr) {
-        va_list ap;
-        va_start(ap, fmt);
-        vfprintf(fp, fmt, ap);
-        va_end(ap);
-    }
-    EndWrite(fp, true);
-    return rc;
+    LogText text;
+    va_list ap;
+    va_start(ap, fmt);
+    text.vaddf(fmt, ap);
+    va_end(ap);
+    return WriteText(text.data(), text.size(), true);
 }
 
 int DbPrintf_Class::ErrPrintf(int errnum, const char* fmt, ...)
@@ -343,15 +413,11 @@ int DbPrintf_Class::DbPErr(int errnum, const char* fmt, va_list ap)
     // GNU strerror_r: returns a pointer to the text, which may or may not be
     // errbuf; strerror itself is not thread-safe.
     const char* errtext = strerror_r(errnum, errbuf, sizeof errbuf);
-    FILE* fp;
-    int rc = BeginWrite(&fp, true);
-    if (rc == SUCCESS && fp != nullptr) {
-        vfprintf(fp, fmt, ap);
-        fputs("\n", fp);
-        fprintf(fp, "->[%s(%d)]:[ErrNo<%d>:%s]\n", now, static_cast<int>(usec / 1000), errnum, errtext);
-    }
-    EndWrite(fp, true);
-    return rc;
+    LogText text;
+    text.vaddf(fmt, ap);
+    text.add("\n");
+    text.addf("->[%s(%d)]:[ErrNo<%d>:%s]\n", now, static_cast<int>(usec / 1000), errnum, errtext);
+    return WriteText(text.data(), text.size(), true);
 }
 
 int DbPrintf_Class::DbPrintfFunc(int level, const char* fmt, ...)
@@ -360,20 +426,16 @@ int DbPrintf_Class::DbPrintfFunc(int level, const char* fmt, ...)
     if ((level & kFuncBit) == 0) {
         return SUCCESS;
     }
-    FILE* fp;
-    int rc = BeginWrite(&fp, true);
-    if (rc == SUCCESS && fp != nullptr) {
-        write_tabs(fp, depth);
-        fputs("--------\n", fp);
-        write_tabs(fp, depth);
-        va_list ap;
-        va_start(ap, fmt);
-        vfprintf(fp, fmt, ap);
-        va_end(ap);
-        fputs("\n", fp);
-    }
-    EndWrite(fp, true);
-    return rc;
+    LogText text;
+    text.tabs(depth);
+    text.add("--------\n");
+    text.tabs(depth);
+    va_list ap;
+    va_start(ap, fmt);
+    text.vaddf(fmt, ap);
+    va_end(ap);
+    text.add("\n");
+    return WriteText(text.data(), text.size(), true);
 }
 
 namespace {
@@ -395,18 +457,12 @@ int DbPrintf_Class::RtnP(int level, bool lock, const char* ending, const char* f
         depth_down(m_nDepth);
         return SUCCESS;
     }
-    FILE* fp;
-    int rc = BeginWrite(&fp, lock);
-    if (rc == SUCCESS && fp != nullptr) {
-        write_tabs(fp, GetDepth());
-    }
+    LogText text;
+    text.tabs(GetDepth());
     depth_down(m_nDepth);
-    if (rc == SUCCESS && fp != nullptr) {
-        vfprintf(fp, fmt, ap);
-        fputs(ending, fp);
-    }
-    EndWrite(fp, lock);
-    return rc;
+    text.vaddf(fmt, ap);
+    text.add(ending);
+    return WriteText(text.data(), text.size(), lock);
 }
 
 int DbPrintf_Class::DbPrintfRtn(int level, const char* fmt, ...)
@@ -439,38 +495,37 @@ int DbPrintf_Class::DbPDunp(int level, const char* data, int size)
     if (data == nullptr && size > 0) {
         return DEBUG_WARNING;
     }
-    FILE* fp;
-    int rc = BeginWrite(&fp, true);
-    if (rc == SUCCESS && fp != nullptr) {
-        const unsigned char* bytes = reinterpret_cast<const unsigned char*>(data);
-        fprintf(fp, "--- %d byte ---\n", size);
-        int rows = size > 0 ? (size + 15) / 16 : 0;
-        for (int r = 0; r < rows; ++r) {
-            int base = r * 16;
-            fprintf(fp, "[%05d]: ", base);
-            for (int c = 0; c < 16; ++c) {
-                if (c == 8) {
-                    fputs(" - ", fp);
-                }
-                if (base + c < size) {
-                    fprintf(fp, "%02X ", bytes[base + c]);
-                } else {
-                    fputs("   ", fp);
-                }
+    LogText text;
+    const unsigned char* bytes = reinterpret_cast<const unsigned char*>(data);
+    text.addf("--- %d byte ---\n", size);
+    int rows = size > 0 ? (size + 15) / 16 : 0;
+    for (int r = 0; r < rows; ++r) {
+        int base = r * 16;
+        text.addf("[%05d]: ", base);
+        for (int c = 0; c < 16; ++c) {
+            if (c == 8) {
+                text.add(" - ");
             }
-            fputc('\t', fp);
-            for (int c = 0; c < 16; ++c) {
-                int ch = ' ';
-                if (base + c < size && dump_printable(bytes[base + c])) {
-                    ch = bytes[base + c];
-                }
-                fputc(ch, fp);
+            if (base + c < size) {
+                text.addf("%02X ", bytes[base + c]);
+            } else {
+                text.add("   ");
             }
-            fputc('\n', fp);
         }
+        char chars[19];
+        chars[0] = '\t';
+        for (int c = 0; c < 16; ++c) {
+            int ch = ' ';
+            if (base + c < size && dump_printable(bytes[base + c])) {
+                ch = bytes[base + c];
+            }
+            chars[1 + c] = static_cast<char>(ch);
+        }
+        chars[17] = '\n';
+        chars[18] = '\0';
+        text.add(chars);
     }
-    EndWrite(fp, true);
-    return rc;
+    return WriteText(text.data(), text.size(), true);
 }
 
 void TimePrint(DbPrintf_Class* pDB, int level, const char* fmt, ...)

@@ -70,19 +70,17 @@ public:
 
     // Field order follows the record of the log's design.
 private:
-    // Opens the stream one write goes to: the kept stream of mode 0, or a
-    // fresh stream of modes 1 to 3 that CloseCheck closes again. *fp may be
-    // left null with SUCCESS (an unknown mode writes nothing).
-    int OpenCheck(FILE** fp);
-    void CloseCheck(FILE* fp);
-    int GenerationFileCheck(FILE** fp);
+    // The file one write of modes 1 to 3 goes to, opened afresh (*fd, or -1
+    // with SUCCESS for an unknown mode, which writes nothing). Mode 0's kept
+    // stream is written by WriteText itself.
+    int OpenCheck(int* fd);
+    int GenerationFileCheck(int* fd);
     int OpenAtNaming();
     void FindNewestGeneration();
-    // BeginWrite takes the mutex when lock is set and runs OpenCheck; the
-    // caller writes to *fp only when it returned SUCCESS and *fp is set, and
-    // always calls EndWrite with the same lock flag.
-    int BeginWrite(FILE** fp, bool lock);
-    void EndWrite(FILE* fp, bool lock);
+    // Writes one composed text: takes the mutex when lock is set, opens the
+    // file (OpenCheck), writes the text with one write() and closes it again;
+    // mode 0 appends it to the kept stream. Returns the open's result.
+    int WriteText(const char* text, size_t len, bool lock);
     // The body of DbPrintfRtn (lock set, ending "\n\n") and DbPrintfErrRtn
     // (no lock, ending " -!Err!- \n"): one depth step down, the text at the
     // depth it had, then the ending.

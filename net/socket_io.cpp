@@ -337,13 +337,30 @@ int Sock_Close(int fd, DbPrintf_Class* /*pDB*/)
 int Sock_Recv_OneBlock(int fd, void* buf, int len, int* got, int timeout_ms, int flags,
                        DbPrintf_Class* /*pDB*/)
 {
-    const int w = wait_code(wait_fd(fd, POLLIN, timeout_ms, nullptr));
-    if (w != SUCCESS) {
-        return w;
+    // The receive is tried first, without waiting: when bytes (or a close,
+    // or a pending error) are already there, the wait would return at once
+    // and the receive that follows would see exactly what this one sees, so
+    // the results are the same without the wait's system call. Only a
+    // receive that would block waits, and a wait that times out without data
+    // is still the silent pass (SOCK_TIMEOUT, *got untouched). A zero
+    // length keeps the wait first: such a receive returns 0 at once whether
+    // or not anything arrived.
+    ssize_t r = -1;
+    int err = EAGAIN;
+    if (len > 0) {
+        errno = 0;
+        r = recv(fd, buf, static_cast<size_t>(len), flags | MSG_DONTWAIT);
+        err = errno;
     }
-    errno = 0;
-    const ssize_t r = recv(fd, buf, static_cast<size_t>(len < 0 ? 0 : len), flags);
-    const int err = errno;
+    if (r < 0 && (err == EAGAIN || err == EWOULDBLOCK)) {
+        const int w = wait_code(wait_fd(fd, POLLIN, timeout_ms, nullptr));
+        if (w != SUCCESS) {
+            return w;
+        }
+        errno = 0;
+        r = recv(fd, buf, static_cast<size_t>(len < 0 ? 0 : len), flags);
+        err = errno;
+    }
     // A result that is not negative is a successful receive whatever errno
     // holds: errno is only meaningful after a failure, and a signal handler
     // or a sanitizer's interceptor may leave a stale value behind a success.

@@ -101,8 +101,10 @@ bool Sock_ExitRequested(const SockExitFlag* exitFlag);
 //   ends once the sum reaches timeout_ms, so a slow trickle is bounded too.
 bool Sock_RecvPassTimeUp(long long passUsec, bool silent, int timeout_ms, long long* countedUsec);
 
-// One wait for readability (timeout_ms) and at most one recv(fd, buf, len,
-// flags). SUCCESS with *got = bytes (0: the peer closed or reset),
+// One receive of what is there already; only when that would block, one
+// wait for readability (timeout_ms) and one recv(fd, buf, len, flags). The
+// results are those of a wait followed by a receive: SUCCESS with *got =
+// bytes (0: the peer closed or reset),
 // SOCK_TIMEOUT (*got untouched), SOCK_INTERRUPT (a signal broke the wait, or
 // the recv: then *got = 0), SYS_FUNC_ERROR (the wait failed), SOCK_READ_FAIL
 // (any other recv failure, EAGAIN included). got may be null.

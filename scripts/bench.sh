@@ -1,13 +1,16 @@
 #!/bin/sh
 # The benchmark set in one command: builds the daemon, the simulators and the
 # bench tools, runs the micro-benchmarks, then, inside a private network
-# namespace, the daemon side by side with a minimal reference relay, ffmpeg
-# and motion on the same simulated camera streams, and prints one table. The
-# full run also writes it into docs/PERFORMANCE.md with docs/performance.png.
+# namespace, the daemon against the same-protocol reference server (CPU per
+# exchange and per camera picture, and their ratios), and the daemon side by
+# side with a minimal reference relay, ffmpeg and motion on the same
+# simulated camera streams, and prints one table. The full run also writes it
+# into docs/PERFORMANCE.md with docs/performance.png.
 #
-#   scripts/bench.sh           full run (about 35 minutes on 2 cores)
-#   scripts/bench.sh --smoke   about 15 seconds: micro-benchmarks briefly,
-#                              the daemon and the reference relay once each;
+#   scripts/bench.sh           full run (about 45 minutes on 2 cores)
+#   scripts/bench.sh --smoke   about 25 seconds: micro-benchmarks briefly,
+#                              the daemon against the same-protocol reference
+#                              once, the daemon and the reference relay once each;
 #                              documents untouched; exit status 1 when a relay
 #                              delivered nothing
 #
@@ -42,7 +45,7 @@ gen=""
 command -v ninja >/dev/null && gen="-G Ninja"
 # shellcheck disable=SC2086
 cmake -S . -B "$build" $gen -DCMAKE_BUILD_TYPE=RelWithDebInfo -DOSTREL_BENCH=ON >/dev/null
-cmake --build "$build" -j 2 --target Ostrel ostrel-camsim ostrel-viewer ostrel-refrelay \
+cmake --build "$build" -j 2 --target Ostrel ostrel-camsim ostrel-viewer ostrel-refrelay ostrel-refpreimage \
     ostrel-mjpegsink ostrel_micro
 mkdir -p "$out"
 
@@ -51,7 +54,7 @@ if [ $mode = smoke ]; then
         --benchmark_out_format=json >/dev/null
     tools/ostrel-netns python3 bench/run_bench.py --source "$root" --build "$build" \
         --work "$out/smoke" --out "$out/smoke.json" --repeats 1 --warmup 1 --measure 2 \
-        --relays ostrel,ref --sizes 18KB --no-ladder --no-channels
+        --relays ostrel,ref --sizes 18KB --no-ladder --no-channels --exchange-repeats 1 --exchange-seconds 3
     python3 bench/report.py "$out/smoke.json" --micro "$out/micro-smoke.json"
     exit 0
 fi
