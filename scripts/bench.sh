@@ -16,37 +16,28 @@
 #
 # Run as root on Debian 12 (it installs what is missing from Debian's
 # packages), or as a user where user namespaces are allowed and the packages
-# are present. Settings (environment): OSTREL_BENCH_BUILD_DIR (default
-# build-bench/), BENCH_REPEATS (3), BENCH_SECONDS (measuring window per run,
-# 5), BENCH_TIME_LIMIT (whole run, seconds, 3600).
-set -eu
-cd "$(dirname "$0")/.."
-root=$(pwd)
-build=${OSTREL_BENCH_BUILD_DIR:-$root/build-bench}
+# are present. Settings (environment): OSTREL_BUILD_DIR and OSTREL_JOBS as
+# for every script (scripts/lib.sh; the bench build is $OSTREL_BUILD_DIR-bench,
+# default build-bench/), BENCH_REPEATS (3), BENCH_SECONDS (measuring window
+# per run, 5), BENCH_TIME_LIMIT (whole run, seconds, 3600).
+. "$(dirname "$0")/lib.sh"
+build=$base-bench
 out=$root/run/bench
 mode=full
 [ "${1:-}" = "--smoke" ] && mode=smoke
 
 if [ "$(id -u)" = 0 ]; then
     scripts/setup.sh
-    missing=""
-    pkgs="libbenchmark-dev coreutils"
-    [ $mode = full ] && pkgs="$pkgs ffmpeg motion gnuplot-nox"
-    for p in $pkgs; do dpkg -s "$p" >/dev/null 2>&1 || missing="$missing $p"; done
-    if [ -n "$missing" ]; then
-        echo "bench: installing$missing"
-        DEBIAN_FRONTEND=noninteractive apt-get update -q
-        # shellcheck disable=SC2086
-        DEBIAN_FRONTEND=noninteractive apt-get install -y -q --no-install-recommends $missing
+    if [ $mode = full ]; then
+        install_packages libbenchmark-dev coreutils ffmpeg motion gnuplot-nox
+    else
+        install_packages libbenchmark-dev coreutils
     fi
 fi
 
-gen=""
-command -v ninja >/dev/null && gen="-G Ninja"
-# shellcheck disable=SC2086
-cmake -S . -B "$build" $gen -DCMAKE_BUILD_TYPE=RelWithDebInfo -DOSTREL_BENCH=ON >/dev/null
-cmake --build "$build" -j 2 --target Ostrel ostrel-camsim ostrel-viewer ostrel-refrelay ostrel-refpreimage \
-    ostrel-mjpegsink ostrel_micro
+configure "$build" -DOSTREL_BENCH=ON >/dev/null
+cmake --build "$build" -j "$jobs" --target Ostrel ostrel-camsim ostrel-viewer ostrel-refrelay \
+    ostrel-refpreimage ostrel-mjpegsink ostrel_micro
 mkdir -p "$out"
 
 if [ $mode = smoke ]; then
