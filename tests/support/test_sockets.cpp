@@ -120,42 +120,6 @@ bool WaitUntil(const std::function<bool()>& pred, int timeoutMs)
     return true;
 }
 
-LoopbackPair::LoopbackPair()
-{
-    int port = 0;
-    int listener = ListenOn("127.0.0.1", 0, 1, &port);
-    m_peer = ConnectTo("127.0.0.1", port);
-    if (m_peer < 0) {
-        fail("connect to", "127.0.0.1", port);
-    }
-    set_nodelay(m_peer);
-    m_reader = accept(listener, nullptr, nullptr);
-    close(listener);
-}
-
-LoopbackPair::~LoopbackPair()
-{
-    ClosePeer();
-    if (m_reader >= 0) {
-        close(m_reader);
-    }
-}
-
-void LoopbackPair::Send(const std::string& bytes)
-{
-    if (!SendAll(m_peer, bytes)) {
-        fail("send to", "127.0.0.1", 0);
-    }
-}
-
-void LoopbackPair::ClosePeer()
-{
-    if (m_peer >= 0) {
-        close(m_peer);
-        m_peer = -1;
-    }
-}
-
 FakePeer::FakePeer(const char* ip, int port, Handler handler) : m_handler(std::move(handler))
 {
     m_listen = ListenOn(ip, port, 8, &m_port);

@@ -32,25 +32,6 @@ std::string ReadToClose(int fd, bool* reset = nullptr);
 // Polls pred every 2 ms until it holds (true) or timeoutMs pass (false).
 bool WaitUntil(const std::function<bool()>& pred, int timeoutMs = 20000);
 
-// A connected TCP pair on 127.0.0.1: reader() is the side the code under
-// test reads from, the test writes through the peer side.
-class LoopbackPair {
-public:
-    LoopbackPair();
-    ~LoopbackPair();
-    LoopbackPair(const LoopbackPair&) = delete;
-    LoopbackPair& operator=(const LoopbackPair&) = delete;
-
-    int reader() const { return m_reader; }
-    int peer() const { return m_peer; }
-    void Send(const std::string& bytes);
-    void ClosePeer();
-
-private:
-    int m_reader = -1;
-    int m_peer = -1;
-};
-
 // A threaded TCP server standing in for a camera or the schedule server:
 // each connection's request head (up to CR LF CR LF) is recorded, then the
 // socket goes to the handler on a thread of its own; the connection is shut
