@@ -7,12 +7,12 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/ioctl.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <atomic>
 
 #include "common/return_codes.h"
+#include "net/socket_io.h"
+#include "net/socket_listen.h"
 
 namespace {
 
@@ -62,8 +62,8 @@ int co_getipaddr(const char* device, char* ipaddr, char* netmask, DbPrintf_Class
         return INVALID_ARGUMENT;
     }
     char errbuf[128];
-    int fd = socket(AF_INET, SOCK_DGRAM, 0);
-    if (fd == -1) {
+    int fd = -1;
+    if (Sock_OpenDatagram(&fd) != SUCCESS) {
         int err = errno;
         std::printf("[co_getipaddr] socket() failed :%s(errno %d)\n", error_text(err, errbuf, sizeof errbuf),
                     err);
@@ -107,6 +107,6 @@ int co_getipaddr(const char* device, char* ipaddr, char* netmask, DbPrintf_Class
     }
 
 end:
-    close(fd);
+    Sock_Close(fd);
     return result;
 }

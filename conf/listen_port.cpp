@@ -3,10 +3,10 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <string.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include "common/return_codes.h"
+#include "net/socket_io.h"
+#include "net/socket_listen.h"
 
 PPD_ListenPort_Class g_ControlListenPort;
 
@@ -24,7 +24,7 @@ PPD_ListenPort_Class::~PPD_ListenPort_Class()
 int PPD_ListenPort_Class::Clear(DbPrintf_Class*)
 {
     if (m_nSock >= 0) {
-        close(m_nSock);
+        Sock_Close(m_nSock);
     }
     m_nSock = -1;
     m_nPort = -1;
@@ -44,22 +44,9 @@ int PPD_ListenPort_Class::ListenPort_Search(const char* addr, int port, DbPrintf
     sa.sin_family = AF_INET;
     sa.sin_port = htons(static_cast<uint16_t>(port));
 
-    m_nSock = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (m_nSock < 0) {
-        m_nSock = -1;
-        return SOCK_OPEN_FAIL;
-    }
-    // A restarted daemon must get its port back while old connections of the
-    // previous one are still in TIME_WAIT.
-    int on = 1;
-    if (setsockopt(m_nSock, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0) {
-        return SOCK_OPEN_FAIL;
-    }
-    if (bind(m_nSock, reinterpret_cast<const sockaddr*>(&sa), sizeof sa) != 0) {
-        return SOCK_BIND_FAIL;
-    }
-    if (listen(m_nSock, LISTEN_BACKLOG) != 0) {
-        return SOCK_LISTEN_FAIL;
+    int rc = Sock_Listen(&sa, LISTEN_BACKLOG, &m_nSock);
+    if (rc != SUCCESS) {
+        return rc;
     }
     m_nPort = port;
     return SUCCESS;

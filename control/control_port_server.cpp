@@ -1,10 +1,8 @@
 #include "control/control_port_server.h"
 
 #include <arpa/inet.h>
-#include <errno.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/socket.h>
 
 #include "camera/channel_config.h"
 #include "common/debug_log.h"
@@ -14,10 +12,11 @@
 #include "control/request_view.h"
 #include "http/response_writer.h"
 #include "net/socket_io.h"
+#include "net/socket_listen.h"
 
 namespace {
 
-// Pause after an accept() failure that is not a signal: a listening socket
+// Pause after an accept failure that does not pass at once: a listening socket
 // that keeps failing (out of descriptors, ...) must not make every worker
 // spin.
 constexpr long long kAcceptRetryPauseUsec = 10000;
@@ -87,17 +86,15 @@ int ControlPort_ServerThread::ThreadMain(DbPrintf_Class* pDB)
     while (!StopRequested()) {
         m_Request.ClearBuf(pDB);
         sockaddr_in peer{};
-        socklen_t peerLen = sizeof(peer);
-        errno = 0;
-        int fd = accept(m_pPool->GetListenFd(), reinterpret_cast<sockaddr*>(&peer), &peerLen);
-        int err = errno;
+        int fd = -1;
+        rc = Sock_Accept(m_pPool->GetListenFd(), &fd, &peer);
         if (StopRequested()) {
             if (fd >= 0)
                 Sock_Close(fd, pDB);
             break;
         }
-        if (fd < 0) {
-            if (err != EINTR && err != ECONNABORTED)
+        if (rc != SUCCESS) {
+            if (rc != SOCK_INTERRUPT)
                 UsecSleep(kAcceptRetryPauseUsec, pDB);
             continue;
         }

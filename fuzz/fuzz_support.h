@@ -1,30 +1,25 @@
 #ifndef OSTREL_FUZZ_FUZZ_SUPPORT_H
 #define OSTREL_FUZZ_FUZZ_SUPPORT_H
 
-// Helpers shared by the fuzz targets: feeding bytes to the socket readers
-// through a socket pair, whole or in pieces, and checking invariants.
+// Helpers shared by the fuzz targets: feeding bytes to the HTTP readers
+// through their byte source (tests/support's PieceSource: whole, or cut in
+// pieces, then closed), and checking invariants.
 //
 // A check that fails aborts the process (libFuzzer and the standalone runner
 // both report it with the input that caused it).
 
-#include <sched.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/ioctl.h>
-#include <sys/socket.h>
-#include <time.h>
-#include <unistd.h>
 
-#include <atomic>
 #include <cstdint>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "common/return_codes.h"
 #include "common/tokens.h"
 #include "net/socket_io.h"
+#include "piece_source.h"
 
 #define FUZZ_CHECK(cond)                                                                \
     do {                                                                                \
@@ -60,104 +55,6 @@ inline std::string Pairs(const StaticArr_NameValToken_Class& table)
     }
     return out;
 }
-
-// A connected AF_UNIX stream pair: the reader under test reads from
-// reader(); the input is written through the other end, which is shut down
-// after the last byte so that the reader sees an orderly close.
-//
-// Whole: everything is written before the reader starts (inputs are kept far
-// below the socket buffer's size, so the write never blocks).
-// Split: a writer thread hands the bytes over in pieces ending at cuts[],
-// each piece only after the reader has taken everything before it (or has
-// stopped reading), so the reader really meets a message cut at those
-// offsets. The result of reading must not depend on where the cuts fall.
-class Feed {
-public:
-    Feed(const uint8_t* data, size_t size, const std::vector<size_t>& cuts)
-    {
-        if (socketpair(AF_UNIX, SOCK_STREAM, 0, m_fd) != 0) {
-            perror("socketpair");
-            abort();
-        }
-        // Room for a whole input (at most 64 KB plus a few bytes) in the
-        // socket, so the whole-input write below never blocks.
-        int room = 1 << 20;
-        setsockopt(m_fd[1], SOL_SOCKET, SO_SNDBUF, &room, sizeof room);
-        if (cuts.empty()) {
-            WriteAll(data, size);
-            shutdown(m_fd[1], SHUT_WR);
-            return;
-        }
-        m_writer = std::thread([this, data, size, cuts] {
-            size_t from = 0;
-            for (size_t i = 0; i <= cuts.size(); i++) {
-                size_t to = i < cuts.size() ? cuts[i] : size;
-                if (to < from || to > size) {
-                    continue;
-                }
-                WaitDrained();
-                WriteAll(data + from, to - from);
-                from = to;
-            }
-            shutdown(m_fd[1], SHUT_WR);
-        });
-    }
-    ~Feed()
-    {
-        m_done.store(true, std::memory_order_relaxed);
-        // A writer blocked on a reader that stopped early fails and ends.
-        shutdown(m_fd[0], SHUT_RDWR);
-        if (m_writer.joinable()) {
-            m_writer.join();
-        }
-        close(m_fd[0]);
-        close(m_fd[1]);
-    }
-    Feed(const Feed&) = delete;
-    Feed& operator=(const Feed&) = delete;
-
-    int reader() const { return m_fd[0]; }
-    // The reader has finished; the writer stops waiting for it.
-    void Done() { m_done.store(true, std::memory_order_relaxed); }
-
-private:
-    void WriteAll(const uint8_t* p, size_t n)
-    {
-        while (n > 0) {
-            ssize_t w = send(m_fd[1], p, n, MSG_NOSIGNAL);
-            if (w <= 0) {
-                return; // the reader has gone
-            }
-            p += w;
-            n -= static_cast<size_t>(w);
-        }
-    }
-    // Until the reader side holds no unread byte. A reader that only peeks
-    // (the multipart direct read) never drains the socket while a head is
-    // incomplete, so the wait is bounded (about a tenth of a second).
-    void WaitDrained()
-    {
-        timespec start;
-        clock_gettime(CLOCK_MONOTONIC, &start);
-        for (;;) {
-            int pending = 0;
-            if (m_done.load(std::memory_order_relaxed) || ioctl(m_fd[0], FIONREAD, &pending) != 0 ||
-                pending == 0) {
-                return;
-            }
-            timespec now;
-            clock_gettime(CLOCK_MONOTONIC, &now);
-            if ((now.tv_sec - start.tv_sec) * 1000000000L + (now.tv_nsec - start.tv_nsec) > 100000000L) {
-                return;
-            }
-            sched_yield();
-        }
-    }
-
-    int m_fd[2] = {-1, -1};
-    std::atomic<bool> m_done{false};
-    std::thread m_writer;
-};
 
 // Up to three cut offsets inside (0, size) taken from the input's own bytes,
 // in ascending order.
@@ -226,6 +123,7 @@ inline void Same(const std::string& a, const std::string& b)
 
 // read(cuts) with the input fed whole and again cut in up to three pieces
 // where its own bytes say: where the cuts fall must not change the result.
+// A reader meets each piece in a receive of its own.
 template <class Read>
 void SameWholeAndSplit(const uint8_t* data, size_t size, Read read)
 {
@@ -233,7 +131,8 @@ void SameWholeAndSplit(const uint8_t* data, size_t size, Read read)
 }
 
 // Reads messages with a Buffer's HttpRead (the request and response readers)
-// until the first failure, at most 16, from the input fed as Feed does. The
+// until the first failure, at most 16, from the input fed whole or cut at
+// cuts (PieceSource). The
 // counters are checked after every read; the log gets each read's code,
 // status and text, then what describe(buffer, rc) adds (it also checks the
 // outcome).
@@ -241,13 +140,14 @@ template <class Buffer, class Describe>
 std::string ReadMessages(const uint8_t* data, size_t size, int capacity, const std::vector<size_t>& cuts,
                          Describe describe)
 {
-    Feed feed(data, size, cuts);
+    PieceSource feed(data, size, cuts);
     Buffer b;
     FUZZ_CHECK(b.Init(capacity) == SUCCESS);
+    b.SetByteSource(&feed);
     SockExitFlag exitFlag{0};
     std::string log;
     for (int n = 0; n < 16; n++) {
-        int rc = b.HttpRead(feed.reader(), 5000, &exitFlag);
+        int rc = b.HttpRead(-1, 5000, &exitFlag);
         FUZZ_CHECK(b.m_nFilled >= 0 && b.m_nFilled <= b.m_nCapacity);
         // A body cut short by the peer ends past the bytes that arrived.
         FUZZ_CHECK(b.m_nConsumed >= 0 && b.m_nConsumed <= b.m_nCapacity);
@@ -260,7 +160,6 @@ std::string ReadMessages(const uint8_t* data, size_t size, int capacity, const s
             break;
         }
     }
-    feed.Done();
     return log;
 }
 

@@ -1,6 +1,6 @@
 // Fuzz target: a camera's multipart picture stream. The first byte selects:
 //   bits 0-1  0: the part head parser
-//             1: the stream reader over a socket pair, whole: the response
+//             1: the stream reader fed the input whole: the response
 //                head, then parts read into the reader's buffer and, from a
 //                second connection, straight into the caller's memory; both
 //                ways must deliver the same parts and failures
@@ -36,11 +36,12 @@ void ParsePartHead(const uint8_t* data, size_t size)
 std::string ReadStream(const uint8_t* data, size_t size, int capacity, const std::vector<size_t>& cuts,
                        bool direct)
 {
-    fuzz::Feed feed(data, size, cuts);
+    PieceSource feed(data, size, cuts);
     HTTPMultiPartResponseBuffer_Class mp;
     FUZZ_CHECK(mp.Init(capacity) == SUCCESS);
+    mp.SetByteSource(&feed);
     SockExitFlag exitFlag{0};
-    int rc = mp.HttpReadFirst(feed.reader(), 5000, &exitFlag);
+    int rc = mp.HttpReadFirst(-1, 5000, &exitFlag);
     std::string log = std::to_string(rc) + " " + std::to_string(mp.m_nStatus) + " " + mp.m_strError + "\n";
     if (rc == SUCCESS) {
         FUZZ_CHECK(mp.m_nBoundaryLength >= 1 && mp.m_nBoundaryLength <= HTTPMultiPartResponseBuffer_Class::BOUNDARY_SIZE);
@@ -49,8 +50,8 @@ std::string ReadStream(const uint8_t* data, size_t size, int capacity, const std
     std::vector<char> dst(static_cast<size_t>(capacity));
     for (int n = 0; rc == SUCCESS && n < 16; n++) {
         int got = -1;
-        rc = direct ? mp.HttpReadMultiInto(feed.reader(), 5000, &exitFlag, dst.data(), capacity, &got)
-                    : mp.HttpReadMulti(feed.reader(), 5000, &exitFlag);
+        rc = direct ? mp.HttpReadMultiInto(-1, 5000, &exitFlag, dst.data(), capacity, &got)
+                    : mp.HttpReadMulti(-1, 5000, &exitFlag);
         FUZZ_CHECK(mp.m_nFilled >= 0 && mp.m_nFilled <= mp.m_nCapacity);
         // A body cut short by the peer ends past the bytes that arrived.
         FUZZ_CHECK(mp.m_nConsumed >= 0 && mp.m_nConsumed <= mp.m_nCapacity);
@@ -70,7 +71,6 @@ std::string ReadStream(const uint8_t* data, size_t size, int capacity, const std
         }
         log += fuzz::Str(mp.Parser.m_Text) + "\n" + std::string(part, static_cast<size_t>(mp.m_nContentLength)) + "\n";
     }
-    feed.Done();
     return log;
 }
 

@@ -1,7 +1,7 @@
 // Fuzz target: what a control-port client sends. The first byte selects:
 //   bits 0-1  0: the request head parser, then the query's parameters
 //             1: the parameter parser alone (query or POST body text)
-//             2: the request reader over a socket pair, whole
+//             2: the request reader fed the input whole
 //             3: the same, whole and again cut in up to three pieces; the
 //                two runs must give the same answers
 //   bits 2-3  the reader's buffer size (256, 1024, 4096, 16384 bytes)
@@ -109,13 +109,12 @@ std::string ReadAll(const uint8_t* data, size_t size, int capacity, const std::v
 // parameters.
 std::string ReadOne(const std::string& request)
 {
-    const auto* bytes = reinterpret_cast<const uint8_t*>(request.data());
-    fuzz::Feed feed(bytes, request.size(), {});
+    PieceSource feed({request}, true);
     HTTPRequestBuffer_Class req;
     FUZZ_CHECK(req.Init(4096) == SUCCESS);
+    req.SetByteSource(&feed);
     SockExitFlag exitFlag{0};
-    int rc = req.HttpRead(feed.reader(), 5000, &exitFlag);
-    feed.Done();
+    int rc = req.HttpRead(-1, 5000, &exitFlag);
     return std::to_string(rc) + "\n" + (rc == SUCCESS ? fuzz::Pairs(req.CGIParam.m_Params) : "");
 }
 

@@ -1,7 +1,7 @@
 // Fuzz target: what a camera or the schedule server answers. The first byte
 // selects:
 //   bits 0-1  0: the response head parser
-//             1: the response reader over a socket pair, whole
+//             1: the response reader fed the input whole
 //             2: the same, whole and again cut in up to three pieces; the
 //                two runs must give the same results
 //             3: the rest as the header lines of a request, a response and

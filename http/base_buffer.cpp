@@ -162,6 +162,24 @@ int HTTPBaseBuffer_Class::KeepAliveVerdict(const HTTPMessageParser_Class& parser
     return HTTP_CONNECTIONCLOSE;
 }
 
+int HTTPBaseBuffer_Class::RecvOnce(int fd, void* buf, int len, int* got, int timeout_ms, int flags,
+                                   DbPrintf_Class* pDB)
+{
+    if (m_pSource != nullptr) {
+        return m_pSource->RecvOnce(buf, len, got, timeout_ms, flags, pDB);
+    }
+    return HttpSocketSource(fd).RecvOnce(buf, len, got, timeout_ms, flags, pDB);
+}
+
+int HTTPBaseBuffer_Class::RecvFill(int fd, void* buf, int len, int* got, int timeout_ms, SockExitFlag* exitFlag,
+                                   DbPrintf_Class* pDB)
+{
+    if (m_pSource != nullptr) {
+        return m_pSource->RecvFill(buf, len, got, timeout_ms, exitFlag, pDB);
+    }
+    return HttpSocketSource(fd).RecvFill(buf, len, got, timeout_ms, exitFlag, pDB);
+}
+
 int HTTPBaseBuffer_Class::HttpRead_Header(int fd, int timeout_ms, SockExitFlag* exitFlag, DbPrintf_Class* pDB)
 {
     return ReadHead(fd, timeout_ms, exitFlag, false, pDB);
@@ -186,8 +204,8 @@ int HTTPBaseBuffer_Class::ReadHead(int fd, int timeout_ms, SockExitFlag* exitFla
         gettimeofday(&before, nullptr);
         int got = 0;
         if (pass > 0 || m_nFilled <= m_nConsumed) {
-            int rc = Sock_Recv_OneBlock(fd, m_pBuffer + m_nFilled, m_nCapacity - m_nFilled, &got, timeout_ms,
-                                        SOCK_FIXED_FLAGS, pDB);
+            int rc = RecvOnce(fd, m_pBuffer + m_nFilled, m_nCapacity - m_nFilled, &got, timeout_ms, SOCK_FIXED_FLAGS,
+                              pDB);
             if (rc == SOCK_INTERRUPT) {
                 // A signal broke the wait: stop if it was the stop request,
                 // otherwise carry on as after a pass without data.
@@ -230,8 +248,8 @@ int HTTPBaseBuffer_Class::HttpRead_Body(int fd, int length, int timeout_ms, Sock
     }
     if (m_nFilled < end) {
         int got = 0;
-        int rc = Sock_Recv(fd, m_pBuffer + m_nFilled, static_cast<int>(end) - m_nFilled, &got, timeout_ms,
-                           SOCK_FIXED_FLAGS, exitFlag, pDB);
+        int rc = RecvFill(fd, m_pBuffer + m_nFilled, static_cast<int>(end) - m_nFilled, &got, timeout_ms, exitFlag,
+                          pDB);
         if (rc == SUCCESS || rc == SOCK_TIMEOUT || rc == LOOP_INTERRUPTED) {
             m_nFilled += got; // these codes report what did arrive
         }

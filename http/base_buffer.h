@@ -3,6 +3,7 @@
 
 #include <sys/time.h>
 
+#include "http/byte_source.h"
 #include "net/socket_io.h"
 
 class DbPrintf_Class;
@@ -36,6 +37,12 @@ class StaticArr_NameValToken_Class;
 // Not thread-safe: one buffer belongs to one connection and one thread. The
 // exit flag may be set by another thread (it is atomic); a read ends with
 // LOOP_INTERRUPTED when it holds -1.
+//
+// Library: the readers (this class, the request, response and multipart
+// buffers, the response writer and the clients) form ostrel_http, which
+// receives through the socket layer (net/). The parsers they hand the bytes
+// to form ostrel_http_parse, in this folder as well, and depend only on
+// common/; see http/CMakeLists.txt.
 // The pieces both head readers share (HTTPBaseBuffer_Class's, which
 // receives, and the multipart direct read's, which peeks first), so that
 // they find the same heads and count time alike.
@@ -95,12 +102,12 @@ public:
     // Failures: DATA_LARGE_THEN_BUF (the buffer filled up first), SOCK_CLOSE
     // (the peer closed first), SOCK_TIMEOUT (a silent wait of timeout_ms, or
     // the time spent receiving a trickle reached timeout_ms), LOOP_INTERRUPTED
-    // (exit flag -1), or another Sock_Recv_OneBlock code. Status and error
+    // (exit flag -1), or another RecvOnce code. Status and error
     // text are left to the caller.
     int HttpRead_Header(int fd, int timeout_ms, SockExitFlag* exitFlag, DbPrintf_Class* pDB = nullptr);
 
     // Makes sure the length bytes after the head are in the buffer, receiving
-    // what is missing (Sock_Recv). Then m_nBodyLength = length and
+    // what is missing (RecvFill). Then m_nBodyLength = length and
     // m_nConsumed = m_nBodyStart + length; bytes beyond stay as read-ahead.
     // A peer that closes early leaves the body short and still gives SUCCESS
     // (m_nFilled tells how much arrived); the missing bytes are zeroed, so
@@ -109,6 +116,17 @@ public:
     // fit, HTTP_BODY_READ_FAILD for any receive failure (a time-out, silent
     // wait or trickle, included).
     int HttpRead_Body(int fd, int length, int timeout_ms, SockExitFlag* exitFlag, DbPrintf_Class* pDB = nullptr);
+
+    // The byte-source seam: every receive of this reader goes to source
+    // (borrowed: it must outlive the reads) instead of the descriptor the
+    // read functions are given; the descriptor then only appears in log
+    // lines. Null, the default, receives from that descriptor.
+    void SetByteSource(HttpByteSource* source) { m_pSource = source; }
+
+    // The readers' one receive point: the byte source if one is set, else
+    // the socket fd (HttpByteSource::RecvOnce / RecvFill).
+    int RecvOnce(int fd, void* buf, int len, int* got, int timeout_ms, int flags, DbPrintf_Class* pDB);
+    int RecvFill(int fd, void* buf, int len, int* got, int timeout_ms, SockExitFlag* exitFlag, DbPrintf_Class* pDB);
 
     // Read results and counters; callers read them, only this class and its
     // derived classes write them.
@@ -153,6 +171,9 @@ protected:
     // HTTP_ERR_CONTENTLENGTH. SUCCESS (and a value too large) stores the
     // value in m_nContentLength.
     int CheckContentLength(const StaticArr_NameValToken_Class& headers, int maxLength);
+
+private:
+    HttpByteSource* m_pSource = nullptr;
 };
 
 #endif

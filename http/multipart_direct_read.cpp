@@ -37,8 +37,8 @@ int read_part_head_exact(HTTPMultiPartResponseBuffer_Class& b, int fd, int timeo
         gettimeofday(&before, nullptr);
 
         int peeked = 0;
-        int rc = Sock_Recv_OneBlock(fd, b.m_pBuffer + b.m_nFilled, b.m_nCapacity - b.m_nFilled, &peeked, timeout_ms,
-                                    SOCK_FIXED_FLAGS | MSG_PEEK, pDB);
+        int rc = b.RecvOnce(fd, b.m_pBuffer + b.m_nFilled, b.m_nCapacity - b.m_nFilled, &peeked, timeout_ms,
+                            SOCK_FIXED_FLAGS | MSG_PEEK, pDB);
         if (rc == SOCK_INTERRUPT) {
             if (Sock_ExitRequested(exitFlag)) {
                 return LOOP_INTERRUPTED;
@@ -58,7 +58,7 @@ int read_part_head_exact(HTTPMultiPartResponseBuffer_Class& b, int fd, int timeo
             int found = peekScan.Next(b.m_pBuffer, b.m_nFilled + peeked);
             int take = found >= 0 ? found - b.m_nFilled : peeked;
             int got = 0;
-            rc = Sock_Recv_OneBlock(fd, b.m_pBuffer + b.m_nFilled, take, &got, timeout_ms, SOCK_FIXED_FLAGS, pDB);
+            rc = b.RecvOnce(fd, b.m_pBuffer + b.m_nFilled, take, &got, timeout_ms, SOCK_FIXED_FLAGS, pDB);
             if (rc != SUCCESS) {
                 return rc;
             }
@@ -129,7 +129,7 @@ int HTTPMultiPartResponseBuffer_Class::HttpReadMultiInto(int fd, int timeout_ms,
     bool closed = false;
     if (fromBuffer < length) {
         int got = 0;
-        rc = Sock_Recv(fd, pDst + fromBuffer, length - fromBuffer, &got, timeout_ms, SOCK_FIXED_FLAGS, exitFlag, pDB);
+        rc = RecvFill(fd, pDst + fromBuffer, length - fromBuffer, &got, timeout_ms, exitFlag, pDB);
         if (rc == SUCCESS && got < length - fromBuffer) {
             // The peer closed early: the read still succeeds, and the
             // missing bytes read as NUL bytes rather than older data.
@@ -141,7 +141,7 @@ int HTTPMultiPartResponseBuffer_Class::HttpReadMultiInto(int fd, int timeout_ms,
         // The line end after the data; its bytes are not kept.
         char trailer[2];
         int got = 0;
-        rc = Sock_Recv(fd, trailer, 2 - trailerInBuffer, &got, timeout_ms, SOCK_FIXED_FLAGS, exitFlag, pDB);
+        rc = RecvFill(fd, trailer, 2 - trailerInBuffer, &got, timeout_ms, exitFlag, pDB);
     }
     if (rc != SUCCESS) {
         // The same two lines as the buffered body read: the receive's own

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "camera/fake_peer.h"
+#include "camera/camera_test_support.h"
 #include "common/return_codes.h"
 #include "http/client_http_multipart.h"
 
@@ -80,7 +80,7 @@ TEST_F(AxisClientTest, PictureLargerThanTheBufferClosesTheStreamAndStartReconnec
     FakePeer camera("127.0.0.1", 0, [](int fd, const std::string&, int) {
         SendAll(fd, StreamHead() + PartHead(1000) + Picture(0, 1000) + "\r\n\r\n\r\n" + PartHead(5000) +
                         Picture(1, 5000) + "\r\n");
-        DrainUntilClosed(fd);
+        ReadToClose(fd);
     });
     CClient_AXISJPEGMultiPart client;
     Prepare(client, camera.Port());
@@ -124,7 +124,7 @@ TEST(MultiPartClientDirectRead, PictureDataNeverEnterTheReadersBuffer)
         // Pieces that split heads, data and line ends.
         for (size_t off = 0; off < s.size() && SendAll(fd, s.substr(off, 997)); off += 997) {
         }
-        DrainUntilClosed(fd);
+        ReadToClose(fd);
     });
     SockExitFlag exitFlag{0};
     CClient_HTTP_MultiPart client;

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "camera/channel_config.h"
-#include "camera/fake_peer.h"
+#include "camera/camera_test_support.h"
 #include "camera/shared_state.h"
 #include "common/debug_log.h"
 #include "common/return_codes.h"

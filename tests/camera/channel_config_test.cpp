@@ -9,7 +9,7 @@
 #include <string>
 #include <thread>
 
-#include "camera/fake_peer.h"
+#include "camera/camera_test_support.h"
 #include "common/return_codes.h"
 
 namespace {

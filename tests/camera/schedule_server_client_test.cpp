@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "camera/fake_peer.h"
+#include "camera/camera_test_support.h"
 #include "camera/shared_state.h"
 #include "common/return_codes.h"
 

@@ -23,10 +23,10 @@ protected:
         std::vector<int> fds;
         for (int i = 0; i < workers(); ++i) {
             fds.push_back(connect_from(kOwnIp, port_));
-            ASSERT_TRUE(send_all(fds.back(), kLogoutHead));
+            ASSERT_TRUE(SendAll(fds.back(), kLogoutHead));
         }
         for (auto it = fds.rbegin(); it != fds.rend(); ++it) {
-            ASSERT_TRUE(send_all(*it, "\r\n"));
+            ASSERT_TRUE(SendAll(*it, "\r\n"));
             EXPECT_EQ(parse_reply(read_to_close(*it)).body, "LOGOUT_SUCCESS:1:IMAGE\r\n");
         }
     }
@@ -42,7 +42,7 @@ TEST_F(ControlPortPoolTest, StopAbandonsARequestBeingReadWithoutAnswering)
 {
     OccupyEveryWorker();
     int fd = connect_from(kOwnIp, port_);
-    ASSERT_TRUE(send_all(fd, kLogoutHead));
+    ASSERT_TRUE(SendAll(fd, kLogoutHead));
     EXPECT_EQ(pool_.All_ThreadDestruct(10000, nullptr), SUCCESS);
     // Closing the listener also resets the connection if the stop came
     // before any worker had taken it.

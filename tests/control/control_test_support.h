@@ -2,10 +2,9 @@
 #define OSTREL_TESTS_CONTROL_CONTROL_TEST_SUPPORT_H
 
 // Control-port test set-up: channel settings, the FIFO, a pool of workers
-// and a raw HTTP client on the channel's own address (eth0 in the test
-// namespace) or a foreign one.
+// and a raw HTTP client (on tests/support's sockets) on the channel's own
+// address (eth0 in the test namespace) or a foreign one.
 
-#include <arpa/inet.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -20,6 +19,7 @@
 #include "control/control_port_pool.h"
 #include "fifo/frame_fifo.h"
 #include "net/process_utils.h"
+#include "test_sockets.h"
 
 namespace control_test {
 
@@ -55,30 +55,12 @@ inline void ensure_process_setup()
     ASSERT_EQ(g_Fifo.Setup(2, 4, 819200, 128, 1), SUCCESS);
 }
 
-// A blocking connection from src to the listener (reached at the same
-// address), with a generous receive limit so a hung server fails the test.
-inline int connect_from(const char* src, unsigned short port)
-{
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    inet_pton(AF_INET, src, &a.sin_addr);
-    timeval tv{60, 0};
-    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv));
-    if (bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof(a)) != 0)
-        return -1;
-    a.sin_port = htons(port);
-    return connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof(a)) == 0 ? fd : -1;
-}
-
-inline bool send_all(int fd, const std::string& s) { return send(fd, s.data(), s.size(), 0) == ssize_t(s.size()); }
+// A connection from src to the listener (reached at the same address).
+inline int connect_from(const char* src, unsigned short port) { return ConnectTo(src, port, src); }
 
 inline std::string read_to_close(int fd)
 {
-    std::string out;
-    char buf[65536];
-    for (ssize_t n; (n = recv(fd, buf, sizeof(buf), 0)) > 0;)
-        out.append(buf, static_cast<size_t>(n));
+    std::string out = ReadToClose(fd);
     close(fd);
     return out;
 }
@@ -117,14 +99,9 @@ protected:
     void SetUp() override
     {
         ensure_process_setup();
-        listenFd_ = socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in a{};
-        a.sin_family = AF_INET;
-        socklen_t len = sizeof(a);
-        ASSERT_EQ(bind(listenFd_, reinterpret_cast<sockaddr*>(&a), len), 0);
-        ASSERT_EQ(listen(listenFd_, 128), 0);
-        getsockname(listenFd_, reinterpret_cast<sockaddr*>(&a), &len);
-        port_ = ntohs(a.sin_port);
+        int port = 0;
+        listenFd_ = ListenOn("0.0.0.0", 0, 128, &port);
+        port_ = static_cast<unsigned short>(port);
         ASSERT_EQ(pool_.Init_ListenFd(listenFd_), SUCCESS);
         for (int i = 0; i < workers(); ++i)
             ASSERT_EQ(pool_.Add_Thread(nullptr), SUCCESS);
@@ -144,9 +121,9 @@ protected:
         int fd = connect_from(src, port_);
         EXPECT_GE(fd, 0);
         if (split == 0)
-            EXPECT_TRUE(send_all(fd, request));
+            EXPECT_TRUE(SendAll(fd, request));
         else
-            EXPECT_TRUE(send_all(fd, request.substr(0, split)) && send_all(fd, request.substr(split)));
+            EXPECT_TRUE(SendAll(fd, request.substr(0, split)) && SendAll(fd, request.substr(split)));
         return parse_reply(read_to_close(fd));
     }
 

@@ -2,7 +2,6 @@
 #include "http/client_http_multipart.h"
 #include "http/base64.h"
 
-#include <arpa/inet.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -16,6 +15,7 @@
 #include <vector>
 
 #include "common/return_codes.h"
+#include "test_sockets.h"
 
 namespace {
 
@@ -71,15 +71,7 @@ TEST(Base64Test, DecodeStopsAtThePadAndRejectsForeignText)
 struct RecordingServer {
     explicit RecordingServer(std::vector<std::vector<std::string>> sessions)
     {
-        listenFd = socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in a{};
-        a.sin_family = AF_INET;
-        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t l = sizeof(a);
-        bind(listenFd, reinterpret_cast<sockaddr*>(&a), l);
-        listen(listenFd, 8);
-        getsockname(listenFd, reinterpret_cast<sockaddr*>(&a), &l);
-        port = ntohs(a.sin_port);
+        listenFd = ListenOn("127.0.0.1", 0, 8, &port);
         thread = std::thread([this, sessions] {
             for (const auto& replies : sessions) {
                 pollfd p{listenFd, POLLIN, 0};

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "common/return_codes.h"
-#include "loopback_peer.h"
+#include "piece_source.h"
 #include "parse_test_util.h"
 
 namespace {
@@ -57,7 +57,7 @@ TEST(MultiPartBuffer, BoundaryFromTheResponseHead)
         HTTPMultiPartResponseBuffer_Class buf;
         ASSERT_EQ(SUCCESS, buf.Init(1024));
         int rc = 0;
-        FeedInPieces({row.head}, false, [&](int fd) { rc = buf.HttpReadFirst(fd, kTimeoutMs, nullptr); });
+        FeedInPieces(buf, {row.head}, false, [&](int fd) { rc = buf.HttpReadFirst(fd, kTimeoutMs, nullptr); });
         EXPECT_EQ(row.code, rc);
         EXPECT_EQ(row.status, buf.m_nStatus);
         if (rc == SUCCESS) {
@@ -95,7 +95,7 @@ TEST(MultiPartBuffer, PartsInPlaceHoweverTheStreamArrives)
         std::vector<std::string> got;
         int first = 0;
         int last = 0;
-        FeedInPieces(feeds[f], true, [&](int fd) {
+        FeedInPieces(buf, feeds[f], true, [&](int fd) {
             first = buf.HttpReadFirst(fd, kTimeoutMs, nullptr);
             for (int i = 0; i < 4 && first == SUCCESS; i++) {
                 int rc = buf.HttpReadMulti(fd, kTimeoutMs, nullptr);
@@ -128,7 +128,7 @@ TEST(MultiPartBuffer, PartMustFitTheBuffer)
         ASSERT_EQ(SUCCESS, buf.Init(128));
         int rc = 0;
         int filled = 0;
-        FeedInPieces({head, part, std::string(size, 'd') + "\r\n"}, false, [&](int fd) {
+        FeedInPieces(buf, {head, part, std::string(size, 'd') + "\r\n"}, false, [&](int fd) {
             ASSERT_EQ(SUCCESS, buf.HttpReadFirst(fd, kTimeoutMs, nullptr));
             rc = buf.HttpReadMulti(fd, kTimeoutMs, nullptr);
             filled = buf.m_nFilled;
@@ -169,7 +169,7 @@ TEST(MultiPartBuffer, BadPartHeads)
         HTTPMultiPartResponseBuffer_Class buf;
         ASSERT_EQ(SUCCESS, buf.Init(512));
         int rc = 0;
-        FeedInPieces({head + row.part}, false, [&](int fd) {
+        FeedInPieces(buf, {head + row.part}, false, [&](int fd) {
             ASSERT_EQ(SUCCESS, buf.HttpReadFirst(fd, kTimeoutMs, nullptr));
             rc = buf.HttpReadMulti(fd, kTimeoutMs, nullptr);
         });
@@ -190,7 +190,7 @@ TEST(MultiPartBuffer, LargeFrameAcrossManyReceives)
     HTTPMultiPartResponseBuffer_Class buf;
     ASSERT_EQ(SUCCESS, buf.Init(static_cast<int>(frame.size()) + 1024));
     std::string got;
-    FeedInPieces({StreamHead("multipart/x-mixed-replace; boundary=myboundary") + Part(frame) + Part("next")}, true,
+    FeedInPieces(buf, {StreamHead("multipart/x-mixed-replace; boundary=myboundary") + Part(frame) + Part("next")}, true,
                  [&](int fd) {
                      ASSERT_EQ(SUCCESS, buf.HttpReadFirst(fd, kTimeoutMs, nullptr));
                      ASSERT_EQ(SUCCESS, buf.HttpReadMulti(fd, kTimeoutMs, nullptr));

@@ -5,7 +5,7 @@
 #include <string>
 
 #include "common/return_codes.h"
-#include "loopback_peer.h"
+#include "piece_source.h"
 #include "parse_test_util.h"
 
 namespace {
@@ -87,7 +87,7 @@ void CheckRow(const RequestRow& row, const std::vector<std::string>& pieces)
     HTTPRequestBuffer_Class buf;
     ASSERT_EQ(SUCCESS, buf.Init(1024));
     int rc = 0;
-    FeedInPieces(pieces, false, [&](int fd) { rc = buf.HttpRead(fd, kTimeoutMs, nullptr); });
+    FeedInPieces(buf, pieces, false, [&](int fd) { rc = buf.HttpRead(fd, kTimeoutMs, nullptr); });
     EXPECT_EQ(row.code, rc);
     EXPECT_EQ(row.status, buf.m_nStatus);
     EXPECT_STREQ(row.error, buf.m_strError);
@@ -123,9 +123,8 @@ TEST(RequestBuffer, SilentClientTimesOutWith408)
 {
     HTTPRequestBuffer_Class buf;
     ASSERT_EQ(SUCCESS, buf.Init(1024));
-    LoopbackPair pair;
-    pair.Send("GET / HTTP/1.1\r\n");
-    EXPECT_EQ(SOCK_TIMEOUT, buf.HttpRead(pair.reader(), 50, nullptr));
+    FeedInPieces(buf, {"GET / HTTP/1.1\r\n"}, false,
+                 [&](int fd) { EXPECT_EQ(SOCK_TIMEOUT, buf.HttpRead(fd, kTimeoutMs, nullptr)); });
     EXPECT_EQ(408, buf.m_nStatus);
     EXPECT_STREQ("HTTP header read faild.", buf.m_strError);
 }
@@ -138,11 +137,11 @@ TEST(RequestBuffer, CutShortBodyDoesNotReuseAnEarlierRequest)
     HTTPRequestBuffer_Class buf;
     ASSERT_EQ(SUCCESS, buf.Init(1024));
     const std::string head = "POST /trcom.cgi HTTP/1.1\r\nContent-Length: 10\r\n\r\n";
-    FeedInPieces({head + "a=12345678"}, true,
+    FeedInPieces(buf, {head + "a=12345678"}, true,
                  [&](int fd) { EXPECT_EQ(SUCCESS, buf.HttpRead(fd, kTimeoutMs, nullptr)); });
     buf.ClearBuf();
     int rc = 0;
-    FeedInPieces({head + "a=1"}, true, [&](int fd) { rc = buf.HttpRead(fd, kTimeoutMs, nullptr); });
+    FeedInPieces(buf, {head + "a=1"}, true, [&](int fd) { rc = buf.HttpRead(fd, kTimeoutMs, nullptr); });
     EXPECT_EQ(CGIPARAMS_SYNTAX_ERR, rc);
     EXPECT_EQ(3, buf.m_nFilled - buf.m_nBodyStart) << "only three body bytes arrived";
 }
@@ -158,7 +157,7 @@ TEST(RequestBuffer, PipelinedRequestsKeepTheirOwnParameters)
     std::string second = "GET /ptippreimg.cgi?img_logout=7 HTTP/1.1\r\n\r\n";
     std::string params1;
     std::string params2;
-    FeedInPieces({first + second}, true, [&](int fd) {
+    FeedInPieces(buf, {first + second}, true, [&](int fd) {
         ASSERT_EQ(SUCCESS, buf.HttpRead(fd, kTimeoutMs, nullptr));
         params1 = pairs(buf.CGIParam.m_Params);
         ASSERT_EQ(SUCCESS, buf.HttpRead(fd, kTimeoutMs, nullptr));

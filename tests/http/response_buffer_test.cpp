@@ -5,7 +5,7 @@
 #include <string>
 
 #include "common/return_codes.h"
-#include "loopback_peer.h"
+#include "piece_source.h"
 #include "parse_test_util.h"
 
 namespace {
@@ -56,7 +56,7 @@ void CheckRow(const ResponseRow& row, const std::vector<std::string>& pieces)
     HTTPResponseBuffer_Class buf;
     ASSERT_EQ(SUCCESS, buf.Init(256));
     int rc = 0;
-    FeedInPieces(pieces, row.closeAfter, [&](int fd) { rc = buf.HttpRead(fd, kTimeoutMs, nullptr); });
+    FeedInPieces(buf, pieces, row.closeAfter, [&](int fd) { rc = buf.HttpRead(fd, kTimeoutMs, nullptr); });
     EXPECT_EQ(row.code, rc);
     EXPECT_EQ(row.status, buf.m_nStatus);
     EXPECT_STREQ(row.error, buf.m_strError);
@@ -92,7 +92,7 @@ TEST(ResponseBuffer, StatusCodeOfARefusedResponseStaysReadable)
 {
     HTTPResponseBuffer_Class buf;
     ASSERT_EQ(SUCCESS, buf.Init(256));
-    FeedInPieces({"HTTP/1.1 401 Unauthorized\r\n\r\n"}, false,
+    FeedInPieces(buf, {"HTTP/1.1 401 Unauthorized\r\n\r\n"}, false,
                  [&](int fd) { EXPECT_EQ(HTTP_INVALID_SYNTAX, buf.HttpRead(fd, kTimeoutMs, nullptr)); });
     EXPECT_EQ(401, buf.Parser.m_nStatusCode);
 }
@@ -114,7 +114,7 @@ TEST(ResponseBuffer, SecondResponseComesFromReadAhead)
         int rc1 = 0;
         int rc2 = 0;
         int rc3 = 0;
-        FeedInPieces(SplitAt(all, cut), true, [&](int fd) {
+        FeedInPieces(buf, SplitAt(all, cut), true, [&](int fd) {
             rc1 = buf.HttpRead(fd, kTimeoutMs, nullptr);
             body1.assign(reinterpret_cast<char*>(buf.m_pBuffer + buf.m_nBodyStart), buf.m_nBodyLength);
             rc2 = buf.HttpRead(fd, kTimeoutMs, nullptr);
@@ -136,7 +136,7 @@ TEST(ResponseBuffer, HeadLargerThanTheBufferIs413)
     HTTPResponseBuffer_Class buf;
     ASSERT_EQ(SUCCESS, buf.Init(64));
     std::string head = "HTTP/1.1 200 OK\r\nX-Long: " + std::string(100, 'a') + "\r\n\r\n";
-    FeedInPieces({head}, false,
+    FeedInPieces(buf, {head}, false,
                  [&](int fd) { EXPECT_EQ(HTTP_HEADER_READ_FAILD, buf.HttpRead(fd, kTimeoutMs, nullptr)); });
     EXPECT_EQ(413, buf.m_nStatus);
     EXPECT_STREQ("HTTP header read faild.", buf.m_strError);
@@ -147,8 +147,7 @@ TEST(ResponseBuffer, SilentPeerTimesOutWith408)
     HTTPResponseBuffer_Class buf;
     ASSERT_EQ(SUCCESS, buf.Init(256));
     EXPECT_EQ(NOT_INITIALIZE, buf.Is_KeepAlive());
-    LoopbackPair pair;
-    EXPECT_EQ(SOCK_TIMEOUT, buf.HttpRead(pair.reader(), 50, nullptr));
+    FeedInPieces(buf, {}, false, [&](int fd) { EXPECT_EQ(SOCK_TIMEOUT, buf.HttpRead(fd, kTimeoutMs, nullptr)); });
     EXPECT_EQ(408, buf.m_nStatus);
     EXPECT_STREQ("HTTP header read faild.", buf.m_strError);
 }
@@ -158,18 +157,15 @@ TEST(ResponseBuffer, ExitFlagStopsAHeadReadAndSilenceABodyRead)
     HTTPResponseBuffer_Class buf;
     ASSERT_EQ(SUCCESS, buf.Init(256));
     SockExitFlag stop{-1};
-    {
-        LoopbackPair pair;
-        EXPECT_EQ(HTTP_HEADER_READ_FAILD, buf.HttpRead(pair.reader(), kTimeoutMs, &stop));
-        EXPECT_EQ(400, buf.m_nStatus);
-    }
+    FeedInPieces(buf, {"HTTP/1.1 200 OK\r\n\r\n"}, false,
+                 [&](int fd) { EXPECT_EQ(HTTP_HEADER_READ_FAILD, buf.HttpRead(fd, kTimeoutMs, &stop)); });
+    EXPECT_EQ(400, buf.m_nStatus);
     // The head arrives, the body stops after three bytes: one silent wait of
     // the time-out ends the body read (a camera or schedule server that
     // hangs mid-answer must not hold its client).
     stop.store(0);
-    LoopbackPair pair;
-    pair.Send("HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\nabc");
-    EXPECT_EQ(HTTP_BODY_READ_FAILD, buf.HttpRead(pair.reader(), 100, &stop));
+    FeedInPieces(buf, {"HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\nabc"}, false,
+                 [&](int fd) { EXPECT_EQ(HTTP_BODY_READ_FAILD, buf.HttpRead(fd, kTimeoutMs, &stop)); });
     EXPECT_EQ(400, buf.m_nStatus);
     EXPECT_STREQ("HTTP body read faild.", buf.m_strError);
 }

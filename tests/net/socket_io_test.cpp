@@ -19,21 +19,11 @@
 #include <vector>
 
 #include "common/return_codes.h"
+#include "test_sockets.h"
 
 namespace {
 
 using std::chrono::milliseconds;
-
-// Waits (up to 10 s) for an event in the kernel: bytes arrived, consumed,
-// a reset seen. Never a stand-in for ordering between threads.
-template <typename Pred>
-bool eventually(Pred pred)
-{
-    for (int i = 0; i < 10000 && !pred(); ++i) {
-        std::this_thread::sleep_for(milliseconds(1));
-    }
-    return pred();
-}
 
 int queued(int fd, unsigned long request)  // FIONREAD: unread, SIOCOUTQ: unacked
 {
@@ -50,21 +40,7 @@ void put(int fd, const std::string& s)
 // The bytes have reached the receiver and it has taken them off its queue.
 void wait_consumed(int sender, int receiver)
 {
-    ASSERT_TRUE(eventually([&] { return queued(sender, SIOCOUTQ) == 0 && queued(receiver, FIONREAD) == 0; }));
-}
-
-int listen_on(const char* addr, unsigned short* port)
-{
-    const int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    inet_pton(AF_INET, addr, &a.sin_addr);
-    bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof(a));
-    listen(fd, 8);
-    socklen_t l = sizeof(a);
-    getsockname(fd, reinterpret_cast<sockaddr*>(&a), &l);
-    *port = ntohs(a.sin_port);
-    return fd;
+    ASSERT_TRUE(WaitUntil([&] { return queued(sender, SIOCOUTQ) == 0 && queued(receiver, FIONREAD) == 0; }));
 }
 
 // `ours` made by the code under test, `peer` accepted (blocking).
@@ -72,8 +48,8 @@ struct Pair {
     int ours = -1, peer = -1;
     Pair()
     {
-        unsigned short port;
-        const int l = listen_on("127.0.0.1", &port);
+        int port;
+        const int l = ListenOn("127.0.0.1", 0, 8, &port);
         EXPECT_EQ(SUCCESS, Sock_OpenConnect_String("127.0.0.1", "127.0.0.1", port, &ours, 5000));
         peer = accept(l, nullptr, nullptr);
         close(l);
@@ -131,8 +107,8 @@ TEST(SockConnectTest, FailuresLeaveNoSocketBehind)
         EXPECT_EQ(SYS_FUNC_ERROR, Sock_OpenConnect_String("127.0.0.1", bad, 80, &fd, 1000)) << bad;
         EXPECT_EQ(12345, fd) << "no socket is made for a bad text";
     }
-    unsigned short closedPort;
-    close(listen_on("127.0.0.1", &closedPort));
+    int closedPort;
+    close(ListenOn("127.0.0.1", 0, 8, &closedPort));
     int fd = 12345;
     EXPECT_EQ(SOCK_CONNECT_FAIL, Sock_OpenConnect_String("127.0.0.1", "127.0.0.1", closedPort, &fd, 5000));
     EXPECT_EQ(-1, fd);
@@ -152,8 +128,8 @@ TEST(SockConnectTest, FailuresLeaveNoSocketBehind)
 
 TEST(SockConnectTest, SocketIsNonBlockingAndBoundToTheMyselfAddress)
 {
-    unsigned short port;
-    const int l = listen_on("192.0.2.1", &port);
+    int port;
+    const int l = ListenOn("192.0.2.1", 0, 8, &port);
     int fd = -1;
     ASSERT_EQ(SUCCESS, Sock_OpenConnect_String("192.0.2.1", "192.0.2.1", port, &fd, 5000));
     const int peer = accept(l, nullptr, nullptr);
@@ -300,7 +276,7 @@ TEST(SockSendTest, PeerThatHasGoneGivesSigpipeCodeWithoutTheSignal)
     int sent = -1;
     // The first bytes are still taken; the closed peer answers with a reset.
     ASSERT_EQ(SUCCESS, Sock_Send(p.ours, "one", 3, &sent, 5000, nullptr));
-    ASSERT_TRUE(eventually([&] {
+    ASSERT_TRUE(WaitUntil([&] {
         tcp_info ti{};
         socklen_t l = sizeof(ti);
         getsockopt(p.ours, IPPROTO_TCP, TCP_INFO, &ti, &l);

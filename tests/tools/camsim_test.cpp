@@ -23,6 +23,7 @@
 
 #include "tools/camsim.h"
 #include "tools/jpeg_stamp.h"
+#include "test_sockets.h"
 
 namespace otools {
 namespace {
@@ -30,40 +31,15 @@ namespace {
 constexpr char kStreamRequest[] =
     "GET /axis-cgi/mjpg/video.cgi?showlength=1&camera=1 HTTP/1.0\r\nUser-Agent: Tarnmoor\r\n\r\n";
 
-int connect_local(int port) {
-  const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in sa{};
-  sa.sin_family = AF_INET;
-  sa.sin_port = htons(static_cast<uint16_t>(port));
-  sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  timeval tv{10, 0};  // generous: only a hung simulator gets near it
-  ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-  if (::connect(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa) != 0) {
-    ::close(fd);
-    return -1;
-  }
-  return fd;
-}
-
-// Reads until the peer closes (or resets).
-std::string read_all(int fd, bool* reset = nullptr) {
-  std::string out;
-  char buf[65536];
-  for (;;) {
-    const ssize_t n = ::recv(fd, buf, sizeof buf, 0);
-    if (n < 0 && reset) *reset = errno == ECONNRESET;
-    if (n <= 0) break;
-    out.append(buf, static_cast<size_t>(n));
-  }
-  return out;
-}
+// Generous receive limit: only a hung simulator gets near it.
+int connect_local(int port) { return ConnectTo("127.0.0.1", port, nullptr, 10); }
 
 std::string fetch(int port, const std::string& request, bool* reset = nullptr) {
   const int fd = connect_local(port);
   EXPECT_GE(fd, 0);
   if (fd < 0) return "";
   ::send(fd, request.data(), request.size(), MSG_NOSIGNAL);
-  std::string all = read_all(fd, reset);
+  std::string all = ReadToClose(fd, reset);
   ::close(fd);
   return all;
 }
@@ -268,7 +244,7 @@ TEST(CamSimTest, StopEndsAStalledConnection) {
   for (int i = 0; i < 10000 && sim.FramesSent() < 1; ++i)
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   sim.Stop();
-  got += read_all(fd);
+  got += ReadToClose(fd);
   ::close(fd);
   EXPECT_EQ(parse_stream(got).parts.size(), 1u);
   EXPECT_EQ(sim.FramesSent(), 1u);

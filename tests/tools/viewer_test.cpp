@@ -4,23 +4,17 @@
 
 #include <gtest/gtest.h>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <cstdio>
 #include <functional>
-#include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "tools/jpeg_encoder.h"
 #include "tools/jpeg_stamp.h"
 #include "tools/viewer.h"
+#include "test_sockets.h"
 
 namespace otools {
 namespace {
@@ -51,69 +45,34 @@ std::string image_answer(const std::string& jpeg, const std::string& option = kO
          "\r\nOFFSET_TIME: 0\r\nConnection: close\r\n\r\n" + jpeg;
 }
 
-// Serves one connection at a time on 127.0.0.1; `answer` gets the request
-// target and the number of get_image requests so far.
+// Answers each connection's request once, then closes, on 127.0.0.1;
+// `answer` gets the request target and the number of get_image requests so
+// far. The viewer's connections come one after the other.
 class FakeControlPort {
  public:
   using Answer = std::function<std::string(const std::string& target, int getCount)>;
 
-  explicit FakeControlPort(Answer answer) : answer_(std::move(answer)) {
-    fd_ = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in sa{};
-    sa.sin_family = AF_INET;
-    sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    EXPECT_EQ(::bind(fd_, reinterpret_cast<sockaddr*>(&sa), sizeof sa), 0);
-    EXPECT_EQ(::listen(fd_, 8), 0);
-    socklen_t len = sizeof sa;
-    ::getsockname(fd_, reinterpret_cast<sockaddr*>(&sa), &len);
-    port_ = ntohs(sa.sin_port);
-    thread_ = std::thread([this] { run(); });
-  }
-  ~FakeControlPort() {
-    stop_ = true;
-    thread_.join();
-    ::close(fd_);
-  }
-  int port() const { return port_; }
-  std::vector<std::string> targets() {
-    std::lock_guard<std::mutex> lock(mu_);
-    return targets_;
+  explicit FakeControlPort(Answer answer)
+      : peer_("127.0.0.1", 0, [this, answer](int fd, const std::string& request, int) {
+          const std::string target = target_of(request);
+          if (target.find("get_image=") != std::string::npos) ++gets_;
+          SendAll(fd, answer(target, gets_.load()));
+        }) {}
+  int port() const { return peer_.Port(); }
+  std::vector<std::string> targets() const {
+    std::vector<std::string> out;
+    for (const std::string& r : peer_.Requests()) out.push_back(target_of(r));
+    return out;
   }
 
  private:
-  void run() {
-    int gets = 0;
-    while (!stop_) {
-      pollfd p{fd_, POLLIN, 0};
-      if (::poll(&p, 1, 50) <= 0) continue;
-      const int c = ::accept(fd_, nullptr, nullptr);
-      if (c < 0) continue;
-      std::string req;
-      char buf[4096];
-      while (req.find("\r\n\r\n") == std::string::npos) {
-        const ssize_t n = ::recv(c, buf, sizeof buf, 0);
-        if (n <= 0) break;
-        req.append(buf, static_cast<size_t>(n));
-      }
-      const size_t sp = req.find(' ');
-      const std::string target = req.substr(sp + 1, req.find(' ', sp + 1) - sp - 1);
-      {
-        std::lock_guard<std::mutex> lock(mu_);
-        targets_.push_back(target);
-      }
-      if (target.find("get_image=") != std::string::npos) ++gets;
-      const std::string out = answer_(target, gets);
-      ::send(c, out.data(), out.size(), MSG_NOSIGNAL);
-      ::close(c);
-    }
+  static std::string target_of(const std::string& request) {
+    const size_t sp = request.find(' ');
+    return request.substr(sp + 1, request.find(' ', sp + 1) - sp - 1);
   }
 
-  Answer answer_;
-  int fd_ = -1, port_ = 0;
-  std::atomic<bool> stop_{false};
-  std::thread thread_;
-  std::mutex mu_;
-  std::vector<std::string> targets_;
+  std::atomic<int> gets_{0};
+  FakePeer peer_;
 };
 
 // A relay that has pictures 1, 2, 3, ... but makes the viewer wait once.
