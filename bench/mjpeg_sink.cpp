@@ -38,7 +38,8 @@ bool find_stamp(const unsigned char* p, size_t n, unsigned long long* seq, unsig
         size_t len = (static_cast<size_t>(p[pos + 2]) << 8) | p[pos + 3];
         if (p[pos + 1] == 0xFE && len > 2 && pos + 2 + len <= n) {
             std::string seg(reinterpret_cast<const char*>(p + pos + 4), len - 2);
-            if (std::sscanf(seg.c_str(), "ostrel-stamp seq=%llu t_us=%llu", seq, tUs) == 2) return true;
+            if (std::sscanf(seg.c_str(), "ostrel-stamp seq=%llu t_us=%llu", seq, tUs) == 2)
+                return true;
         }
         pos += 2 + len;
     }
@@ -92,7 +93,8 @@ int main(int argc, char** argv)
         unsigned long long seq = 0, tUs = 0;
         ++pictures;
         if (find_stamp(pic, length, &seq, &tUs)) {
-            if (stamped > 0 && seq > lastSeq + 1) gaps += static_cast<long>(seq - lastSeq - 1);
+            if (stamped > 0 && seq > lastSeq + 1)
+                gaps += static_cast<long>(seq - lastSeq - 1);
             lastSeq = seq;
             ++stamped;
             std::printf("picture %ld seq=%llu bytes=%zu latency_ms=%.3f\n", pictures, seq, length,

@@ -30,7 +30,8 @@ struct PartReader {
     // Up to room bytes into dst: straight from the socket, or de-chunked.
     ssize_t receive(char* dst, size_t room)
     {
-        if (!chunked) return recv(fd, dst, room, 0);
+        if (!chunked)
+            return recv(fd, dst, room, 0);
         for (;;) {
             if (chunkLeft > 0 && rawPos < rawEnd) {
                 size_t n = std::min(std::min(chunkLeft, rawEnd - rawPos), room);
@@ -49,19 +50,23 @@ struct PartReader {
                         continue;
                     }
                     chunkLeft = std::strtoul(l.c_str(), nullptr, 16);
-                    if (chunkLeft == 0) return 0;
+                    if (chunkLeft == 0)
+                        return 0;
                     break;
                 }
-                if (chunkLeft > 0) continue;
+                if (chunkLeft > 0)
+                    continue;
             }
             if (rawPos > 0) {
                 std::memmove(raw.data(), raw.data() + rawPos, rawEnd - rawPos);
                 rawEnd -= rawPos;
                 rawPos = 0;
             }
-            if (rawEnd == raw.size()) return -1;
+            if (rawEnd == raw.size())
+                return -1;
             ssize_t r = recv(fd, raw.data() + rawEnd, raw.size() - rawEnd, 0);
-            if (r <= 0) return r;
+            if (r <= 0)
+                return r;
             rawEnd += static_cast<size_t>(r);
         }
     }
@@ -76,9 +81,11 @@ struct PartReader {
             pos = 0;
         }
         while (end - pos < want) {
-            if (end == buf.size()) return false;
+            if (end == buf.size())
+                return false;
             ssize_t r = receive(buf.data() + end, buf.size() - end);
-            if (r <= 0) return false;
+            if (r <= 0)
+                return false;
             end += static_cast<size_t>(r);
         }
         return true;
@@ -92,10 +99,12 @@ struct PartReader {
             if (nl) {
                 out->assign(buf.data() + pos, nl);
                 pos = static_cast<size_t>(nl - buf.data()) + 1;
-                if (!out->empty() && out->back() == '\r') out->pop_back();
+                if (!out->empty() && out->back() == '\r')
+                    out->pop_back();
                 return true;
             }
-            if (!fill(end - pos + 1)) return false;
+            if (!fill(end - pos + 1))
+                return false;
         }
     }
 
@@ -107,7 +116,8 @@ struct PartReader {
         std::string l;
         bool chunkedHead = false;
         do {
-            if (!line(&l)) return false;
+            if (!line(&l))
+                return false;
             if (strncasecmp(l.c_str(), "Transfer-Encoding:", 18) == 0 && l.find("chunked") != std::string::npos) {
                 chunkedHead = true;
             }
@@ -130,9 +140,12 @@ struct PartReader {
         bool inHead = false;
         *length = 0;
         for (;;) {
-            if (!line(&l)) return false;
-            if (l.empty() && inHead) return true;
-            if (!l.empty()) inHead = true;
+            if (!line(&l))
+                return false;
+            if (l.empty() && inHead)
+                return true;
+            if (!l.empty())
+                inHead = true;
             if (strncasecmp(l.c_str(), "Content-Length:", 15) == 0) {
                 *length = std::strtoul(l.c_str() + 15, nullptr, 10);
             }

@@ -71,13 +71,15 @@ bool send_all(int fd, iovec* v, int n)
     int i = 0;
     while (i < n) {
         ssize_t w = writev(fd, v + i, n - i);
-        if (w <= 0) return false;
+        if (w <= 0)
+            return false;
         for (size_t left = static_cast<size_t>(w); left > 0 && i < n;) {
             size_t take = left < v[i].iov_len ? left : v[i].iov_len;
             v[i].iov_base = static_cast<char*>(v[i].iov_base) + take;
             v[i].iov_len -= take;
             left -= take;
-            if (v[i].iov_len == 0) ++i;
+            if (v[i].iov_len == 0)
+                ++i;
         }
     }
     return true;
@@ -95,13 +97,16 @@ void camera(sockaddr_in ca, std::string path)
         std::exit(1);
     }
     std::string get = "GET " + path + " HTTP/1.0\r\nUser-Agent: Tarnmoor\r\n\r\n", line;
-    if (send(cam.fd, get.data(), get.size(), 0) != static_cast<ssize_t>(get.size())) std::exit(1);
+    if (send(cam.fd, get.data(), get.size(), 0) != static_cast<ssize_t>(get.size()))
+        std::exit(1);
     do {
-        if (!cam.line(&line)) std::exit(1);
+        if (!cam.line(&line))
+            std::exit(1);
     } while (!line.empty());
     for (long long no = 0;; ++no) {
         size_t length = 0;
-        if (!cam.part_head(&length) || length == 0 || length > kSlotBytes || !cam.fill(length)) std::exit(1);
+        if (!cam.part_head(&length) || length == 0 || length > kSlotBytes || !cam.fill(length))
+            std::exit(1);
         const int s = static_cast<int>(no % kSlots);
         std::memcpy(g_ring.data[s].data(), cam.buf.data() + cam.pos, length);
         cam.pos += length;
@@ -149,10 +154,12 @@ void serve(int fd, long long* next)
     size_t got = 0;
     while (got < sizeof req - 1) {
         ssize_t r = recv(fd, req + got, sizeof req - 1 - got, 0);
-        if (r <= 0) return;
+        if (r <= 0)
+            return;
         got += static_cast<size_t>(r);
         req[got] = '\0';
-        if (std::strstr(req, "\r\n\r\n")) break;
+        if (std::strstr(req, "\r\n\r\n"))
+            break;
     }
     const char* line_end = std::strstr(req, "\r\n");
     std::string target = line_end ? std::string(static_cast<const char*>(req), line_end) : std::string();
@@ -203,7 +210,8 @@ int main(int argc, char** argv)
         return 2;
     }
     tzset();
-    for (auto& d : g_ring.data) d.resize(kSlotBytes);
+    for (auto& d : g_ring.data)
+        d.resize(kSlotBytes);
     // Both threads are named before the port listens: a listening port
     // tells the benchmark that the threads can be told apart.
     pthread_setname_np(pthread_self(), "ref-control");
@@ -220,7 +228,8 @@ int main(int argc, char** argv)
     long long next = 0;
     for (;;) {
         int fd = accept(ls, nullptr, nullptr);
-        if (fd < 0) continue;
+        if (fd < 0)
+            continue;
         serve(fd, &next);
         close(fd);
     }

@@ -38,13 +38,15 @@ bool send_all(int fd, const iovec* iov, int n)
     size_t i = 0;
     while (i < v.size()) {
         ssize_t w = writev(fd, &v[i], static_cast<int>(v.size() - i));
-        if (w <= 0) return false;
+        if (w <= 0)
+            return false;
         for (size_t left = static_cast<size_t>(w); left > 0 && i < v.size();) {
             size_t take = left < v[i].iov_len ? left : v[i].iov_len;
             v[i].iov_base = static_cast<char*>(v[i].iov_base) + take;
             v[i].iov_len -= take;
             left -= take;
-            if (v[i].iov_len == 0) ++i;
+            if (v[i].iov_len == 0)
+                ++i;
         }
     }
     return true;
@@ -67,10 +69,12 @@ int main(int argc, char** argv)
     }
     int viewer = accept(ls, nullptr, nullptr);
     char req[4096];
-    if (viewer < 0 || recv(viewer, req, sizeof req, 0) <= 0) return 1;  // its request is not read further
+    if (viewer < 0 || recv(viewer, req, sizeof req, 0) <= 0)
+        return 1;  // its request is not read further
     const char head[] = "HTTP/1.0 200 OK\r\nContent-Type: multipart/x-mixed-replace; boundary=myboundary\r\n\r\n";
     iovec hv{const_cast<char*>(head), sizeof head - 1};
-    if (!send_all(viewer, &hv, 1)) return 1;
+    if (!send_all(viewer, &hv, 1))
+        return 1;
 
     PartReader cam{socket(AF_INET, SOCK_STREAM, 0)};
     if (connect(cam.fd, reinterpret_cast<sockaddr*>(&ca), sizeof ca) != 0) {
@@ -78,19 +82,25 @@ int main(int argc, char** argv)
         return 1;
     }
     std::string get = std::string("GET ") + argv[3] + " HTTP/1.0\r\n\r\n", line;
-    if (send(cam.fd, get.data(), get.size(), 0) != static_cast<ssize_t>(get.size())) return 1;
+    if (send(cam.fd, get.data(), get.size(), 0) != static_cast<ssize_t>(get.size()))
+        return 1;
     do {  // the camera's response head
-        if (!cam.line(&line)) return 1;
+        if (!cam.line(&line))
+            return 1;
     } while (!line.empty());
     for (;;) {
         size_t length = 0;
-        if (!cam.part_head(&length)) return 0;
-        if (length == 0 || !cam.fill(length)) return 1;
+        if (!cam.part_head(&length))
+            return 0;
+        if (length == 0 || !cam.fill(length))
+            return 1;
         char partHead[128];
         int n = std::snprintf(partHead, sizeof partHead,
                               "--myboundary\r\nContent-Type: image/jpeg\r\nContent-Length: %zu\r\n\r\n", length);
-        iovec v[3] = {{partHead, static_cast<size_t>(n)}, {cam.buf.data() + cam.pos, length}, {const_cast<char*>("\r\n"), 2}};
-        if (!send_all(viewer, v, 3)) return 0;
+        iovec v[3] = {
+            {partHead, static_cast<size_t>(n)}, {cam.buf.data() + cam.pos, length}, {const_cast<char*>("\r\n"), 2}};
+        if (!send_all(viewer, v, 3))
+            return 0;
         cam.pos += length;
     }
 }

@@ -162,9 +162,10 @@ int CClient_AXISJPEGMultiPart::SetTargetAuth(int nAuthOnOff, const char* pUserNa
     if (nAuthOnOff == 1) {
         ret = m_obClient_HTTP_MultiPart.SetAuthString(pUserName, pPassword);
         if (ret != SUCCESS) {
-            TimePrint(m_pDB, m_nLogLevel,
-                      "[CClient_AXISJPEGMultiPart::SetTargetAuth()] m_obClient_HTTP_MultiPart.SetAuthString failed ::%d\n",
-                      ret);
+            TimePrint(
+                m_pDB, m_nLogLevel,
+                "[CClient_AXISJPEGMultiPart::SetTargetAuth()] m_obClient_HTTP_MultiPart.SetAuthString failed ::%d\n",
+                ret);
             return ret;
         }
     }
@@ -213,8 +214,8 @@ int CClient_AXISJPEGMultiPart::Start()
 
     int ret = m_obClient_HTTP_MultiPart.Get();
     if (ret != SUCCESS) {
-        TimePrint(m_pDB, m_nLogLevel, "[CClient_AXISJPEGMultiPart::Start()] m_obClient_HTTP_MultiPart.Get failed ::%d\n",
-                  ret);
+        TimePrint(m_pDB, m_nLogLevel,
+                  "[CClient_AXISJPEGMultiPart::Start()] m_obClient_HTTP_MultiPart.Get failed ::%d\n", ret);
         return ret;
     }
     return SUCCESS;
@@ -246,8 +247,8 @@ int CClient_AXISJPEGMultiPart::GetData(char* pBuf, int nBufSize, int* nDataSize,
     timeval now{};
     gettimeofday(&now, nullptr);
     if (ret != SUCCESS) {
-        TimePrint(m_pDB, m_nLogLevel, "[CClient_AXISJPEGMultiPart::GetData()] m_obClient_HTTP_MultiPart.Read failed ::%d\n",
-                  ret);
+        TimePrint(m_pDB, m_nLogLevel,
+                  "[CClient_AXISJPEGMultiPart::GetData()] m_obClient_HTTP_MultiPart.Read failed ::%d\n", ret);
         return ret;
     }
     MakeAXISJPEGOption(&now, strOption, m_pDB);

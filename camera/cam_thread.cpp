@@ -134,7 +134,7 @@ void CamLoop::ApplyConfigChange(int* exitMark)
         printf("g_configInfoIOClass.GetParamsFromMem failed\n");
         TimePrint(g_pDB, 1, "[Class_CamThread::ThreadMain]GetParamsFromMem failed :%d\n", ret);
         *exitMark = -1;
-        return; // the stamp is kept, so the copy is tried again next pass
+        return;  // the stamp is kept, so the copy is tried again next pass
     }
     // The stamp that belongs to the copy: a change made right after it is
     // seen on the next pass.
@@ -243,9 +243,9 @@ void CamLoop::OneFrame()
     // Frame statistics are not kept: nothing reads them.
     if (size < 1 || size >= Class_CamThread::CAMERA_BODY_SIZE) {
         TimePrint(g_pDB, 1, "invalid GetData size. %d byte\n", size);
-        return; // the slot is filled again by the next picture
+        return;  // the slot is filled again by the next picture
     }
-    ret = g_Fifo.InputData(dst, size); // in place: nothing is copied
+    ret = g_Fifo.InputData(dst, size);  // in place: nothing is copied
     if (ret != SUCCESS) {
         TimePrint(g_pDB, 1, "[Class_CamThread::ThreadMain] g_Fifo.InputData failed ::%d\n", ret);
         printf("g_Fifo.InputData failed\n");
@@ -277,7 +277,7 @@ void CamLoop::Leave()
     m_obScheduleServer.Release();
 }
 
-} // namespace
+}  // namespace
 
 Class_CamThread::Class_CamThread()
 {
@@ -314,8 +314,7 @@ int Class_CamThread::ThreadMain(DbPrintf_Class*)
     int exitMark = 0;
     for (;;) {
         const unsigned long long wake = CamThreadWakeSeq();
-        if (!loop.Streaming() && g_flagLoginUserExist.load(std::memory_order_relaxed) == 0 &&
-            !loop.ConfigChanged()) {
+        if (!loop.Streaming() && g_flagLoginUserExist.load(std::memory_order_relaxed) == 0 && !loop.ConfigChanged()) {
             // Nobody is logged in and nothing is streaming: the pass would
             // only look for a settings change and a stop. Wait for a login
             // or a settings change (both wake this at once), looking for a

@@ -10,7 +10,7 @@ std::mutex g_wakeMutex;
 std::condition_variable g_wakeCond;
 unsigned long long g_wakeSeq = 0;  // guarded by g_wakeMutex
 
-} // namespace
+}  // namespace
 
 void NotifyCamThread()
 {

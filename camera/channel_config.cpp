@@ -38,8 +38,7 @@ int read_required(const char* fmt, int channel, char* out, int outSize, DbPrintf
     if (out[0] == '\0') {
         char key[kFieldSize];
         std::snprintf(key, sizeof key, fmt, channel);
-        TimePrint(pDB, 1, "[configInfoIO_Class::mutex_ReadParamFromConfigFile_WithChNum()] %s is empty\n",
-                  key);
+        TimePrint(pDB, 1, "[configInfoIO_Class::mutex_ReadParamFromConfigFile_WithChNum()] %s is empty\n", key);
         return READ_FAILED;
     }
     return SUCCESS;
@@ -124,8 +123,9 @@ int configInfoIO_Class::mutex_ReadParamFromConfigFile_WithChNum(int channel, con
     if (rc != SUCCESS)
         return rc;
     if (strncasecmp(scratch, OSTREL_TYPE_NAME, kFieldSize) != 0) {
-        TimePrint(pDB, 1,
-                  "[configInfoIO_Class::mutex_ReadParamFromConfigFile_WithChNum()] translator_tarndatatype_ do not match.\n");
+        TimePrint(
+            pDB, 1,
+            "[configInfoIO_Class::mutex_ReadParamFromConfigFile_WithChNum()] translator_tarndatatype_ do not match.\n");
         return CHANNEL_CONFIG_TYPE_MISMATCH;
     }
 
@@ -151,8 +151,7 @@ int configInfoIO_Class::mutex_ReadParamFromConfigFile_WithChNum(int channel, con
     }
     std::memcpy(out->myip, out->eth0_ip, sizeof out->myip);
 
-    rc = read_required("translator_connect_camerano_%04d", channel, out->translator_connect_camerano,
-                       kFieldSize, pDB);
+    rc = read_required("translator_connect_camerano_%04d", channel, out->translator_connect_camerano, kFieldSize, pDB);
     if (rc != SUCCESS)
         return rc;
 
@@ -162,12 +161,11 @@ int configInfoIO_Class::mutex_ReadParamFromConfigFile_WithChNum(int channel, con
         return rc;
     out->channel_authentic_switch = std::atoi(number);
     if (out->channel_authentic_switch != 0) {
-        rc = read_required("channel_authentic_user_id_%04d", channel, out->channel_authentic_user_id,
-                           kFieldSize, pDB);
+        rc = read_required("channel_authentic_user_id_%04d", channel, out->channel_authentic_user_id, kFieldSize, pDB);
         if (rc != SUCCESS)
             return rc;
-        rc = read_required("channel_authentic_user_password_%04d", channel,
-                           out->channel_authentic_user_password, kFieldSize, pDB);
+        rc = read_required("channel_authentic_user_password_%04d", channel, out->channel_authentic_user_password,
+                           kFieldSize, pDB);
         if (rc != SUCCESS)
             return rc;
     } else {
@@ -182,9 +180,10 @@ int configInfoIO_Class::mutex_ReadParamFromConfigFile_WithChNum(int channel, con
         return rc;
     rc = digit_check(scratch, kFieldSize, 1, 86400, 0, pDB);
     if (rc != SUCCESS) {
-        TimePrint(pDB, 1,
-                  "[configInfoIO_Class::mutex_ReadParamFromConfigFile_WithChNum()] translator_calarm_rec_postterm_%04d invalid ::%d\n",
-                  channel, rc);
+        TimePrint(
+            pDB, 1,
+            "[configInfoIO_Class::mutex_ReadParamFromConfigFile_WithChNum()] translator_calarm_rec_postterm_%04d invalid ::%d\n",
+            channel, rc);
         return rc;
     }
     out->translator_calarm_rec_postterm = std::atoi(scratch);
@@ -197,10 +196,8 @@ void configInfoIO_Class::LogChanges(const configParam_Struct& next, DbPrintf_Cla
     TimePrint(pDB, 1, "myip %s -> %s\n", old.myip, next.myip);
     TimePrint(pDB, 1, "encoder_ip %s -> %s\n", old.encoder_ip, next.encoder_ip);
     TimePrint(pDB, 1, "encoder_port %d -> %d\n", old.encoder_port, next.encoder_port);
-    TimePrint(pDB, 1, "translator_connect_ip %s -> %s\n", old.translator_connect_ip,
-              next.translator_connect_ip);
-    TimePrint(pDB, 1, "translator_connect_port %d -> %d\n", old.translator_connect_port,
-              next.translator_connect_port);
+    TimePrint(pDB, 1, "translator_connect_ip %s -> %s\n", old.translator_connect_ip, next.translator_connect_ip);
+    TimePrint(pDB, 1, "translator_connect_port %d -> %d\n", old.translator_connect_port, next.translator_connect_port);
     TimePrint(pDB, 1, "translator_connect_camarano %s -> %s\n", old.translator_connect_camerano,
               next.translator_connect_camerano);
     TimePrint(pDB, 1, "channel_authentic_switch %d -> %d\n", old.channel_authentic_switch,
@@ -221,8 +218,7 @@ int configInfoIO_Class::GetParamsFromMem(configParam_Struct* out, DbPrintf_Class
     return GetParamsFromMem_WithStamp(out, nullptr, pDB);
 }
 
-int configInfoIO_Class::GetParamsFromMem_WithStamp(configParam_Struct* out, std::int64_t* stamp,
-                                                   DbPrintf_Class* pDB)
+int configInfoIO_Class::GetParamsFromMem_WithStamp(configParam_Struct* out, std::int64_t* stamp, DbPrintf_Class* pDB)
 {
     (void)pDB;
     if (out == nullptr)

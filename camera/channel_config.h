@@ -22,17 +22,17 @@ constexpr int CHANNEL_CONFIG_TYPE_MISMATCH = 27;
 // behind the text, so two records with the same settings compare equal
 // byte for byte (the layout has no padding).
 struct configParam_Struct {
-    char myip[64];                          // this host's address: eth0_ip
-    char encoder_ip[64];                    // camera address
-    unsigned short encoder_port;            // camera HTTP port (wraps mod 65536)
-    char translator_connect_ip[64];         // translator peer address
-    unsigned short translator_connect_port; // its port (wraps mod 65536)
-    char eth0_ip[64];                       // address of device "eth0"
-    char translator_connect_camerano[64];   // camera= argument, verbatim
-    int channel_authentic_switch;           // 0: no camera authentication
-    char channel_authentic_user_id[64];     // empty when the switch is 0
+    char myip[64];                           // this host's address: eth0_ip
+    char encoder_ip[64];                     // camera address
+    unsigned short encoder_port;             // camera HTTP port (wraps mod 65536)
+    char translator_connect_ip[64];          // translator peer address
+    unsigned short translator_connect_port;  // its port (wraps mod 65536)
+    char eth0_ip[64];                        // address of device "eth0"
+    char translator_connect_camerano[64];    // camera= argument, verbatim
+    int channel_authentic_switch;            // 0: no camera authentication
+    char channel_authentic_user_id[64];      // empty when the switch is 0
     char channel_authentic_user_password[64];
-    int translator_calarm_rec_postterm;     // post-alarm term, 1..86400 s
+    int translator_calarm_rec_postterm;  // post-alarm term, 1..86400 s
 };
 
 // configInfoIO_Class: the current settings of the daemon's channel, read
@@ -71,15 +71,13 @@ public:
     //   SEMAPHORE_ERROR), co_getipaddr's codes for "eth0", and digit_check's
     //   codes for the post-term (SHORTAGE_VALUE, OVER_CHAR, INVALID_CODE,
     //   OUT_OF_RANGE).
-    int mutex_ReadParamFromConfigFile_WithChNum(int channel, configParam_Struct* out,
-                                                DbPrintf_Class* pDB = nullptr);
+    int mutex_ReadParamFromConfigFile_WithChNum(int channel, configParam_Struct* out, DbPrintf_Class* pDB = nullptr);
 
     // Copies the current record. INVALID_ARGUMENT for null out.
     int GetParamsFromMem(configParam_Struct* out, DbPrintf_Class* pDB = nullptr);
     // The same, also giving the update stamp that belongs to the copy, so a
     // change made right after the copy is not missed.
-    int GetParamsFromMem_WithStamp(configParam_Struct* out, std::int64_t* stamp,
-                                   DbPrintf_Class* pDB = nullptr);
+    int GetParamsFromMem_WithStamp(configParam_Struct* out, std::int64_t* stamp, DbPrintf_Class* pDB = nullptr);
 
     // The update time as microseconds since the epoch (0 before the first
     // successful read). Lock-free; any thread.

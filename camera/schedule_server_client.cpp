@@ -47,8 +47,8 @@ int CClient_ScheduleServer::SetMyself(const char* pMyselfIp)
     }
     int ret = m_obClient_HTTP.SetMyself(pMyselfIp);
     if (ret != SUCCESS) {
-        TimePrint(m_pDB, m_nLogLevel, "[CClient_ScheduleServer::SetMyself()] m_obClient_HTTP.SetMyself(%s) failed ::%d\n",
-                  pMyselfIp, ret);
+        TimePrint(m_pDB, m_nLogLevel,
+                  "[CClient_ScheduleServer::SetMyself()] m_obClient_HTTP.SetMyself(%s) failed ::%d\n", pMyselfIp, ret);
         return ret;
     }
     return SUCCESS;
@@ -108,7 +108,8 @@ int CClient_ScheduleServer::SendStop()
     TimePrint(m_pDB, m_nLogLevel, "Send[scheduleServer] stop_urgent_storage_wpp_ch\n");
 
     char path[256];
-    snprintf(path, sizeof path, "%s?p_name=StorageSchedule&p_version=1&command=stop_urgent_storage_wpp_ch&channel_no=%d",
+    snprintf(path, sizeof path,
+             "%s?p_name=StorageSchedule&p_version=1&command=stop_urgent_storage_wpp_ch&channel_no=%d",
              "/cgi-bin/scheduleServer.cgi", g_channelNum.load(std::memory_order_relaxed));
     m_obClient_HTTP.ClearAllTag();
     m_obClient_HTTP.SetTargetPath(path);

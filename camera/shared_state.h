@@ -43,8 +43,7 @@ inline std::atomic<int> g_flgAlreadySendStop{0};
 // Stores tv as the post-alarm reference time.
 inline void SetNowTimePT(const timeval& tv)
 {
-    g_strNowTimePT.store(static_cast<long long>(tv.tv_sec) * 1000000LL + tv.tv_usec,
-                         std::memory_order_relaxed);
+    g_strNowTimePT.store(static_cast<long long>(tv.tv_sec) * 1000000LL + tv.tv_usec, std::memory_order_relaxed);
 }
 
 // The post-alarm reference time as a timeval ({0, 0} until the first login).

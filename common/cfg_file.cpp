@@ -137,8 +137,7 @@ int read_item(FILE* fp, const char* itemname, char* output, int outputSize, DbPr
         const char* value = eq != nullptr ? eq + 1 : "";
         size_t valueLen = to_line_end(value);
         if (valueLen > static_cast<size_t>(outputSize - 1)) {
-            TimePrint(pDB, 1, "[co_CfgFile_Read] value of itemname %s longer than %d\n", itemname,
-                      outputSize - 1);
+            TimePrint(pDB, 1, "[co_CfgFile_Read] value of itemname %s longer than %d\n", itemname, outputSize - 1);
             output[0] = '\0';
             return DATA_LARGE_THEN_BUF;
         }
@@ -258,8 +257,8 @@ int co_semaphore_v(int semid, DbPrintf_Class* pDB)
     return SUCCESS;
 }
 
-int co_CfgFile_Read(const char* filename, int sem_key, const char* itemname, char* output,
-                    int outputSize, DbPrintf_Class* pDB)
+int co_CfgFile_Read(const char* filename, int sem_key, const char* itemname, char* output, int outputSize,
+                    DbPrintf_Class* pDB)
 {
     if (!file_name_ok("co_CfgFile_Read", filename, pDB))
         return INVALID_ARGUMENT;
@@ -280,8 +279,7 @@ int co_CfgFile_Read(const char* filename, int sem_key, const char* itemname, cha
                             [&](FILE* fp) { return read_item(fp, itemname, output, outputSize, pDB); });
 }
 
-int co_CfgFile_Write(const char* filename, int sem_key, const char* itemname, const char* input,
-                     DbPrintf_Class* pDB)
+int co_CfgFile_Write(const char* filename, int sem_key, const char* itemname, const char* input, DbPrintf_Class* pDB)
 {
     if (!file_name_ok("co_CfgFile_Write", filename, pDB))
         return INVALID_ARGUMENT;
@@ -294,8 +292,7 @@ int co_CfgFile_Write(const char* filename, int sem_key, const char* itemname, co
         return INVALID_ARGUMENT;
     }
     if (std::strlen(itemname) + std::strlen(input) + 2 > LINE_MAXSIZE) {
-        TimePrint(pDB, 1, "[co_CfgFile_Write] LINE_MAXSIZE over(itemname %s,input %s)\n", itemname,
-                  input);
+        TimePrint(pDB, 1, "[co_CfgFile_Write] LINE_MAXSIZE over(itemname %s,input %s)\n", itemname, input);
         return INVALID_ARGUMENT;
     }
 
@@ -316,14 +313,13 @@ int co_CfgFile_Write(const char* filename, int sem_key, const char* itemname, co
         // The temporary stays in place; the backup receives the new content too.
         int rc = co_CfgFile_Copy(filename_t, filename, pDB);
         if (rc != SUCCESS) {
-            TimePrint(pDB, 1, "[co_CfgFile_Write] co_CfgFile_Copy(filename_t %s,filename %s) failed ::%d\n",
-                      filename_t, filename, rc);
+            TimePrint(pDB, 1, "[co_CfgFile_Write] co_CfgFile_Copy(filename_t %s,filename %s) failed ::%d\n", filename_t,
+                      filename, rc);
             return rc;
         }
         rc = co_CfgFile_Copy(filename_t, filename_b, pDB);
         if (rc != SUCCESS) {
-            TimePrint(pDB, 1,
-                      "[co_CfgFile_Write] co_CfgFile_Copy(filename_t %s,filename_b %s) failed ::%d\n",
+            TimePrint(pDB, 1, "[co_CfgFile_Write] co_CfgFile_Copy(filename_t %s,filename_b %s) failed ::%d\n",
                       filename_t, filename_b, rc);
             return rc;
         }
@@ -409,8 +405,7 @@ int co_CfgFile_GetSize(const char* filename, int sem_key, int* size, DbPrintf_Cl
     });
 }
 
-int co_CfgFile_GetAllContent(const char* filename, int sem_key, int n, char* buf,
-                             DbPrintf_Class* pDB)
+int co_CfgFile_GetAllContent(const char* filename, int sem_key, int n, char* buf, DbPrintf_Class* pDB)
 {
     if (!file_name_ok("co_CfgFile_GetAllContent", filename, pDB))
         return INVALID_ARGUMENT;
@@ -426,8 +421,7 @@ int co_CfgFile_GetAllContent(const char* filename, int sem_key, int n, char* buf
     });
 }
 
-int co_CfgFile_UserName_Read(const char* filename, int sem_key, const char* username, char* output,
-                             DbPrintf_Class* pDB)
+int co_CfgFile_UserName_Read(const char* filename, int sem_key, const char* username, char* output, DbPrintf_Class* pDB)
 {
     if (!file_name_ok("co_CfgFile_UserName_Read", filename, pDB))
         return INVALID_ARGUMENT;

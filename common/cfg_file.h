@@ -78,8 +78,7 @@ int co_CfgFile_GetSize(const char* filename, int sem_key, int* size, DbPrintf_Cl
 
 // Reads up to n raw bytes into buf. No terminator is added and the count
 // read is not reported.
-int co_CfgFile_GetAllContent(const char* filename, int sem_key, int n, char* buf,
-                             DbPrintf_Class* pDB = g_pDB);
+int co_CfgFile_GetAllContent(const char* filename, int sem_key, int n, char* buf, DbPrintf_Class* pDB = g_pDB);
 
 // Looks among the lines starting with "u_user_name" for one whose value
 // equals username; output (LINE_MAXSIZE bytes) receives the part of that

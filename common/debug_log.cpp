@@ -198,9 +198,7 @@ int DbPrintf_Class::FileOpen(const char* name, int mode)
 int DbPrintf_Class::OpenAtNaming()
 {
     switch (m_nMode) {
-    case 0:
-        m_pStream = open_0666(m_pFileName, "wt");
-        return m_pStream != nullptr ? SUCCESS : CANNOT_FILEOPEN;
+    case 0: m_pStream = open_0666(m_pFileName, "wt"); return m_pStream != nullptr ? SUCCESS : CANNOT_FILEOPEN;
     case 1: {
         FILE* fp = open_0666(m_pFileName, "wt");
         if (fp == nullptr) {
@@ -224,11 +222,8 @@ int DbPrintf_Class::OpenAtNaming()
         m_nGeneration.store(0, std::memory_order_relaxed);
         return SUCCESS;
     }
-    case 3:
-        FindNewestGeneration();
-        return SUCCESS;
-    default:
-        return SUCCESS;
+    case 3: FindNewestGeneration(); return SUCCESS;
+    default: return SUCCESS;
     }
 }
 
@@ -240,15 +235,13 @@ void DbPrintf_Class::FindNewestGeneration()
     char path[1024];
     struct stat best;
     int current = 0;
-    if (make_generation_path(path, sizeof path, m_pFileName, 0) != SUCCESS ||
-        stat(path, &best) != 0) {
+    if (make_generation_path(path, sizeof path, m_pFileName, 0) != SUCCESS || stat(path, &best) != 0) {
         m_nGeneration.store(0, std::memory_order_relaxed);
         return;
     }
     for (int i = 1; i < m_nGenerationCount; ++i) {
         struct stat st;
-        if (make_generation_path(path, sizeof path, m_pFileName, i) != SUCCESS ||
-            stat(path, &st) != 0) {
+        if (make_generation_path(path, sizeof path, m_pFileName, i) != SUCCESS || stat(path, &st) != 0) {
             break;
         }
         if (ctime_later(st, best)) {
@@ -270,10 +263,8 @@ int DbPrintf_Class::OpenCheck(int* fd)
         *fd = open_fd_0666(m_pFileName, false);
         return *fd >= 0 ? SUCCESS : CANNOT_FILEOPEN;
     case 2:
-    case 3:
-        return GenerationFileCheck(fd);
-    default:
-        return SUCCESS;
+    case 3: return GenerationFileCheck(fd);
+    default: return SUCCESS;
     }
 }
 

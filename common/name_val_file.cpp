@@ -36,8 +36,7 @@ constexpr long long kImageLimit = 0x40000;
 
 }  // namespace
 
-Parsing_NameValFile_Class::Parsing_NameValFile_Class()
-    : Parsing_NameValFile_Class(8, nullptr)
+Parsing_NameValFile_Class::Parsing_NameValFile_Class() : Parsing_NameValFile_Class(8, nullptr)
 {
 }
 
@@ -127,8 +126,7 @@ int Parsing_NameValFile_Class::OneLine_Parser(DbPrintf_Class* pDB)
     return SkipRead_NextLineTop(pDB);
 }
 
-int Parsing_NameValFile_Class::SkipRead_GetName(const unsigned char** name, int* len,
-                                                DbPrintf_Class* pDB)
+int Parsing_NameValFile_Class::SkipRead_GetName(const unsigned char** name, int* len, DbPrintf_Class* pDB)
 {
     (void)pDB;
     int start = m_nPos;
@@ -148,8 +146,7 @@ int Parsing_NameValFile_Class::SkipRead_GetName(const unsigned char** name, int*
     return END_OF_BUF;
 }
 
-int Parsing_NameValFile_Class::SkipRead_GetVal(const unsigned char** val, int* len,
-                                               DbPrintf_Class* pDB)
+int Parsing_NameValFile_Class::SkipRead_GetVal(const unsigned char** val, int* len, DbPrintf_Class* pDB)
 {
     (void)pDB;
     int start = m_nPos;

@@ -11,9 +11,9 @@
 // or borrowed from the caller, who must keep it alive. Not thread-safe.
 class StringBuf_Class {
 public:
-    StringBuf_Class();                      // no buffer: every append fails
-    StringBuf_Class(char* buf, int size);   // borrows buf
-    explicit StringBuf_Class(int size);     // owns a zeroed buffer of size bytes
+    StringBuf_Class();                     // no buffer: every append fails
+    StringBuf_Class(char* buf, int size);  // borrows buf
+    explicit StringBuf_Class(int size);    // owns a zeroed buffer of size bytes
     virtual ~StringBuf_Class();
 
     StringBuf_Class(const StringBuf_Class&) = delete;

@@ -5,8 +5,7 @@
 
 #include "common/return_codes.h"
 
-int digit_check(char* text, int maxlen, long long min, long long max, int empty_ok,
-                DbPrintf_Class* /*pDB*/)
+int digit_check(char* text, int maxlen, long long min, long long max, int empty_ok, DbPrintf_Class* /*pDB*/)
 {
     int len = Strnlen(text, maxlen);
     if (len == 0) {

@@ -9,8 +9,7 @@ class DbPrintf_Class;
 // Empty text: SHORTAGE_VALUE unless empty_ok is 1, then it counts as 0.
 // Results: SUCCESS, SHORTAGE_VALUE, OVER_CHAR, INVALID_CODE, OUT_OF_RANGE.
 // The value itself is not handed back.
-int digit_check(char* text, int maxlen, long long min, long long max, int empty_ok,
-                DbPrintf_Class* pDB = nullptr);
+int digit_check(char* text, int maxlen, long long min, long long max, int empty_ok, DbPrintf_Class* pDB = nullptr);
 
 // The file-name part of a path: the text after the last '/'. No '/' or a
 // last '/' at index 0 gives the whole path (so "/abc" yields "/abc"); a

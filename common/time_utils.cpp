@@ -50,15 +50,9 @@ int format_time(char* buf, int size, const timeval* tv, bool utc, const char* fm
     format_tm(text, sizeof text, fmt, tmv);
     size_t n = static_cast<size_t>(size);
     switch (suffix) {
-    case Suffix::none:
-        snprintf(buf, n, "%s", text);
-        break;
-    case Suffix::msec:
-        snprintf(buf, n, "%s(%ld)", text, static_cast<long>(t.tv_usec / 1000));
-        break;
-    case Suffix::usec:
-        snprintf(buf, n, "%s [%ld (us)]", text, static_cast<long>(t.tv_usec));
-        break;
+    case Suffix::none: snprintf(buf, n, "%s", text); break;
+    case Suffix::msec: snprintf(buf, n, "%s(%ld)", text, static_cast<long>(t.tv_usec / 1000)); break;
+    case Suffix::usec: snprintf(buf, n, "%s [%ld (us)]", text, static_cast<long>(t.tv_usec)); break;
     }
     return SUCCESS;
 }

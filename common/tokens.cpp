@@ -27,8 +27,7 @@ bool is_blank(unsigned char c)
 // lands below the previous value is reported as OUT_OF_RANGE with the
 // wrapped value left in *out. A wrap that lands above the previous value
 // goes unnoticed; callers rely on the check being exactly this.
-template <typename T, typename U>
-int span_to_number(const unsigned char* p, int len, T* out)
+template <typename T, typename U> int span_to_number(const unsigned char* p, int len, T* out)
 {
     if (p == nullptr) {
         return NOT_INITIALIZE;
@@ -187,7 +186,9 @@ int OneToken_Class::OutputBuffer(StringBuf_Class* buf, DbPrintf_Class* /*pDB*/) 
     return buf->add_FromPtr(m_pData, m_nLength);
 }
 
-void OneToken_Class::DebugOut(DbPrintf_Class* /*pDB*/) const {}
+void OneToken_Class::DebugOut(DbPrintf_Class* /*pDB*/) const
+{
+}
 
 // ------------------------------------------------------------ NameValToken
 
@@ -220,8 +221,7 @@ namespace {
 
 constexpr int kArrStep = 8;
 
-template <typename T>
-T** alloc_entries(int* capacity)
+template <typename T> T** alloc_entries(int* capacity)
 {
     T** arr = static_cast<T**>(calloc(kArrStep, sizeof(T*)));
     *capacity = arr != nullptr ? kArrStep : 0;
@@ -252,8 +252,7 @@ int append_entry(T*** arr, int* count, int* capacity, T* item, DbPrintf_Class* p
     return SUCCESS;
 }
 
-template <typename T>
-void free_entries(T** arr, int count)
+template <typename T> void free_entries(T** arr, int count)
 {
     if (arr == nullptr) {
         return;
@@ -330,8 +329,7 @@ Arr_NameValToken_Class::~Arr_NameValToken_Class()
 
 int Arr_NameValToken_Class::Add_NameValTokenClass(NameValToken_Class* pair, DbPrintf_Class* pDB)
 {
-    return append_entry(&m_ppArr, &m_nCount, &m_nCapacity, pair, pDB,
-                        "Arr_NameValToken_Class::Add_NameValTokenClass");
+    return append_entry(&m_ppArr, &m_nCount, &m_nCapacity, pair, pDB, "Arr_NameValToken_Class::Add_NameValTokenClass");
 }
 
 int Arr_NameValToken_Class::DupulicationCheck_NameAndVal(const NameValToken_Class* pair, int* which,
@@ -455,8 +453,7 @@ int StaticArr_NameValToken_Class::Set_NameValToken_WithMemAlloc(const unsigned c
     return SUCCESS;
 }
 
-int StaticArr_NameValToken_Class::Search_NameToVal(const char* name, OneToken_Class** val,
-                                                   DbPrintf_Class* pDB) const
+int StaticArr_NameValToken_Class::Search_NameToVal(const char* name, OneToken_Class** val, DbPrintf_Class* pDB) const
 {
     if (val == nullptr) {
         return DEBUG_WARNING;
@@ -470,9 +467,8 @@ int StaticArr_NameValToken_Class::Search_NameToVal(const char* name, OneToken_Cl
     return NOTFOUND_ITEM;
 }
 
-int StaticArr_NameValToken_Class::Search_NameToVal_WithMemAlloc(const char* name, OneToken_Class* out,
-                                                                int minLen, int maxLen,
-                                                                DbPrintf_Class* pDB) const
+int StaticArr_NameValToken_Class::Search_NameToVal_WithMemAlloc(const char* name, OneToken_Class* out, int minLen,
+                                                                int maxLen, DbPrintf_Class* pDB) const
 {
     if (out == nullptr) {
         return DEBUG_WARNING;

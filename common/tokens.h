@@ -116,8 +116,7 @@ public:
     // First entry whose name equals the new name: *which = 1; else whose
     // value equals the new value: *which = 2; either returns
     // FOUND_DUPLICATION. An entry's name is tested before its value.
-    int DupulicationCheck_NameAndVal(const NameValToken_Class* pair, int* which,
-                                     DbPrintf_Class* pDB = nullptr) const;
+    int DupulicationCheck_NameAndVal(const NameValToken_Class* pair, int* which, DbPrintf_Class* pDB = nullptr) const;
     int OutputBuffer(StringBuf_Class* buf, DbPrintf_Class* pDB = nullptr) const;
 
     int GetCount() const { return m_nCount; }
@@ -149,11 +148,9 @@ public:
 
     // NOT_FOUND_FREE_BUF when full. The token copies' own results are
     // ignored, so an empty value still takes an entry.
-    int Set_NameValToken_OnlyPointer(const unsigned char* name, int nameLen,
-                                     const unsigned char* val, int valLen,
+    int Set_NameValToken_OnlyPointer(const unsigned char* name, int nameLen, const unsigned char* val, int valLen,
                                      DbPrintf_Class* pDB = nullptr);
-    int Set_NameValToken_WithMemAlloc(const unsigned char* name, int nameLen,
-                                      const unsigned char* val, int valLen,
+    int Set_NameValToken_WithMemAlloc(const unsigned char* name, int nameLen, const unsigned char* val, int valLen,
                                       DbPrintf_Class* pDB = nullptr);
 
     // *val points to the stored value token; NOTFOUND_ITEM when absent.

@@ -8,18 +8,12 @@ namespace {
 int partner_of(int type)
 {
     switch (type) {
-    case CHANNELTYPE_OUT_PULL:
-        return CHANNELTYPE_IN_PULL;
-    case CHANNELTYPE_IN_PULL:
-        return CHANNELTYPE_OUT_PULL;
-    case CHANNELTYPE_OUT_PUSH:
-        return CHANNELTYPE_IN_PUSH;
-    case CHANNELTYPE_IN_PUSH:
-        return CHANNELTYPE_OUT_PUSH;
-    case CHANNELTYPE_CONTROL:
-        return CHANNELTYPE_CONTROL;
-    default:
-        return 0;
+    case CHANNELTYPE_OUT_PULL: return CHANNELTYPE_IN_PULL;
+    case CHANNELTYPE_IN_PULL: return CHANNELTYPE_OUT_PULL;
+    case CHANNELTYPE_OUT_PUSH: return CHANNELTYPE_IN_PUSH;
+    case CHANNELTYPE_IN_PUSH: return CHANNELTYPE_OUT_PUSH;
+    case CHANNELTYPE_CONTROL: return CHANNELTYPE_CONTROL;
+    default: return 0;
     }
 }
 
@@ -33,9 +27,8 @@ int Get_ChannelType_Num(const OneToken_Class* name, int* type, DbPrintf_Class* p
         const char* text;
         int type;
     } kNames[] = {
-        {"Out_PULL", CHANNELTYPE_OUT_PULL}, {"Out_PUSH", CHANNELTYPE_OUT_PUSH},
-        {"In_PULL", CHANNELTYPE_IN_PULL},   {"In_PUSH", CHANNELTYPE_IN_PUSH},
-        {"Control", CHANNELTYPE_CONTROL},
+        {"Out_PULL", CHANNELTYPE_OUT_PULL}, {"Out_PUSH", CHANNELTYPE_OUT_PUSH}, {"In_PULL", CHANNELTYPE_IN_PULL},
+        {"In_PUSH", CHANNELTYPE_IN_PUSH},   {"Control", CHANNELTYPE_CONTROL},
     };
     for (const auto& n : kNames) {
         if (name->Compare(n.text, pDB) == SUCCESS) {

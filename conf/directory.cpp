@@ -64,8 +64,7 @@ int PPD_Directory_Class::Parsing_FromFile(const char* path, DbPrintf_Class* pDB)
     }
     m_nUnixDomainSockDir_State = read_directory(root, "UnixDomainSockDir", m_szUnixDomainSockDir,
                                                 static_cast<int>(sizeof m_szUnixDomainSockDir), pDB);
-    m_nStatesDir_State =
-        read_directory(root, "StatesDir", m_szStatesDir, static_cast<int>(sizeof m_szStatesDir), pDB);
+    m_nStatesDir_State = read_directory(root, "StatesDir", m_szStatesDir, static_cast<int>(sizeof m_szStatesDir), pDB);
     return SUCCESS;
 }
 

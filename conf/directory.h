@@ -37,7 +37,10 @@ public:
     int OutputBuffer(StringBuf_Class* buf, DbPrintf_Class* pDB = nullptr) const;
 
     // The directory text, or null when absent.
-    const char* GetUnixDomainSockDir() const { return m_nUnixDomainSockDir_State == 0 ? m_szUnixDomainSockDir : nullptr; }
+    const char* GetUnixDomainSockDir() const
+    {
+        return m_nUnixDomainSockDir_State == 0 ? m_szUnixDomainSockDir : nullptr;
+    }
     const char* GetStatesDir() const { return m_nStatesDir_State == 0 ? m_szStatesDir : nullptr; }
 
 private:

@@ -65,8 +65,7 @@ int co_getipaddr(const char* device, char* ipaddr, char* netmask, DbPrintf_Class
     int fd = -1;
     if (Sock_OpenDatagram(&fd) != SUCCESS) {
         int err = errno;
-        std::printf("[co_getipaddr] socket() failed :%s(errno %d)\n", error_text(err, errbuf, sizeof errbuf),
-                    err);
+        std::printf("[co_getipaddr] socket() failed :%s(errno %d)\n", error_text(err, errbuf, sizeof errbuf), err);
         return SOCK_OPEN_FAIL;
     }
 

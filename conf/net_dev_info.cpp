@@ -85,8 +85,7 @@ int NetDevInfo_Class::GetInfo_IPString(const char* device, OneToken_Class* out, 
         }
         Parsing_NameValFile_Class file(kFilePairs, pDB);
         OneToken_Class* value = nullptr;
-        if (file.Parsing_FromFile(path, pDB) != SUCCESS ||
-            file.Search_NameToVal("IPADDR", &value, pDB) != SUCCESS) {
+        if (file.Parsing_FromFile(path, pDB) != SUCCESS || file.Search_NameToVal("IPADDR", &value, pDB) != SUCCESS) {
             rc = NOTFOUND_ITEM;
             goto end;
         }

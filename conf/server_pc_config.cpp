@@ -23,8 +23,7 @@ const XmlElement_Class* child_of(const XmlElement_Class* parent, const char* nam
 }
 
 // Address text and its 4-byte form; an entry without an address fails.
-bool read_address(const XmlElement_Class* entry, OneToken_Class* text, struct in_addr* addr,
-                  DbPrintf_Class* pDB)
+bool read_address(const XmlElement_Class* entry, OneToken_Class* text, struct in_addr* addr, DbPrintf_Class* pDB)
 {
     int kind = 0;
     if (PPDConfigXmlTree_Get_IPorDevice(entry, text, &kind, pDB) != SUCCESS || kind == 0)
@@ -37,8 +36,8 @@ bool read_address(const XmlElement_Class* entry, OneToken_Class* text, struct in
     return inet_pton(AF_INET, reinterpret_cast<const char*>(text->GetPtr()), addr) == 1;
 }
 
-bool read_port_entry(const XmlElement_Class* root, const char* name, OneToken_Class* text,
-                     struct in_addr* addr, int* port, DbPrintf_Class* pDB)
+bool read_port_entry(const XmlElement_Class* root, const char* name, OneToken_Class* text, struct in_addr* addr,
+                     int* port, DbPrintf_Class* pDB)
 {
     const XmlElement_Class* entry = child_of(root, name);
     return entry != nullptr && read_address(entry, text, addr, pDB) &&
@@ -60,8 +59,7 @@ int print_port_entry(StringBuf_Class* buf, const char* tag, int state, const One
 
 }  // namespace
 
-int PPDConfigXmlTree_Get_IPorDevice(const XmlElement_Class* entry, OneToken_Class* out, int* kind,
-                                    DbPrintf_Class* pDB)
+int PPDConfigXmlTree_Get_IPorDevice(const XmlElement_Class* entry, OneToken_Class* out, int* kind, DbPrintf_Class* pDB)
 {
     if (entry == nullptr || out == nullptr)
         return DEBUG_WARNING;
@@ -142,8 +140,8 @@ int PPD_ServerPCConfig_Class::Parsing_FromFile(const char* path, DbPrintf_Class*
     rc = parser.ParserMain(pDB);
     if (rc != SUCCESS) {
         const InFileAddress_Class& at = parser.GetCurrentAddress();
-        m_Message.add("[%s] XML File. %s\nLine %d:%d (%d)\n", path, parser.GetMessage(), at.GetLine(),
-                      at.GetColumn(), at.GetOffset());
+        m_Message.add("[%s] XML File. %s\nLine %d:%d (%d)\n", path, parser.GetMessage(), at.GetLine(), at.GetColumn(),
+                      at.GetOffset());
         return rc;
     }
     const XmlElement_Class* root = parser.GetRootElement();
@@ -194,8 +192,8 @@ int PPD_ServerPCConfig_Class::OutputBuffer(StringBuf_Class* buf, DbPrintf_Class*
         rc = print_port_entry(buf, "PreHttpD_ControlPort", m_PreHTTPD_ControlPort.m_nState,
                               m_PreHTTPD_ControlPort.m_IPString, m_PreHTTPD_ControlPort.m_nPort, pDB);
     if (rc == SUCCESS)
-        rc = print_port_entry(buf, "HTTPD_Port", m_HTTPD_Port.m_nState, m_HTTPD_Port.m_IPString,
-                              m_HTTPD_Port.m_nPort, pDB);
+        rc = print_port_entry(buf, "HTTPD_Port", m_HTTPD_Port.m_nState, m_HTTPD_Port.m_IPString, m_HTTPD_Port.m_nPort,
+                              pDB);
     if (rc != SUCCESS)
         return rc;
     if (m_PPD.m_nState != 0)

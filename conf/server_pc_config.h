@@ -31,9 +31,9 @@ public:
 
     void Clear();
 
-    int m_nState = -1;        // 0 once the entry was read completely
+    int m_nState = -1;  // 0 once the entry was read completely
     OneToken_Class m_IPString;
-    struct in_addr m_Addr {}; // network order
+    struct in_addr m_Addr {};  // network order
     int m_nPort = 0;
 };
 

@@ -88,15 +88,13 @@ int PPDStatesFile_Class::WriteDocument(const char* state, const char* comment)
                           "<PPD.States>\n <PPD_Type>%s</PPD_Type>\n <PPD_VersionTime>%s %s</PPD_VersionTime>\n"
                           " <PPD_Name>%s</PPD_Name>\n <States>%s</States>\n <ProcessId>%d</ProcessId>\n"
                           " <Port>%d</Port>\n</PPD.States>\n",
-                          token_text(m_Type), kBuildTime, kBuildDate, token_text(m_Name), state, m_nProcessId,
-                          m_sPort);
+                          token_text(m_Type), kBuildTime, kBuildDate, token_text(m_Name), state, m_nProcessId, m_sPort);
     } else {
         written = fprintf(fp,
                           "<PPD.States>\n <PPD_Type>%s</PPD_Type>\n <PPD_VersionTime>%s</PPD_VersionTime>\n"
                           " <PPD_Name>%s</PPD_Name>\n <States>%s</States>\n <ProcessId>%d</ProcessId>\n"
                           " <Port>%d</Port>\n <Comment>%s</Comment>\n</PPD.States>\n",
-                          token_text(m_Type), kBuildDate, token_text(m_Name), state, m_nProcessId, m_sPort,
-                          comment);
+                          token_text(m_Type), kBuildDate, token_text(m_Name), state, m_nProcessId, m_sPort, comment);
     }
     // A full disk shows only at the flush: report it, since readers would
     // otherwise find a cut document.
@@ -153,6 +151,6 @@ int PPDStatesFile_Class::OutputBuffer(StringBuf_Class* buf, DbPrintf_Class*) con
     if (buf == nullptr) {
         return DEBUG_WARNING;
     }
-    return buf->add("--- PPDStatesFile ---\nPath[%s]\nName[%s] Type[%s]\nStates[%s] ProcessId[%d] Port[%d]\n",
-                    m_szPath, token_text(m_Name), token_text(m_Type), token_text(m_States), m_nProcessId, m_sPort);
+    return buf->add("--- PPDStatesFile ---\nPath[%s]\nName[%s] Type[%s]\nStates[%s] ProcessId[%d] Port[%d]\n", m_szPath,
+                    token_text(m_Name), token_text(m_Type), token_text(m_States), m_nProcessId, m_sPort);
 }

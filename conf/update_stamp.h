@@ -48,12 +48,10 @@ public:
 
     // The verdict of the entry with that name, or NEED_UPDATE when no entry
     // has it.
-    int Is_Accept_ConfUpdate(const OneToken_Class* name, const timeval* time, int seq,
-                             DbPrintf_Class* pDB = nullptr);
+    int Is_Accept_ConfUpdate(const OneToken_Class* name, const timeval* time, int seq, DbPrintf_Class* pDB = nullptr);
     // Replaces the stamp of the entry with that name or appends one (growth
     // by 8). SUCCESS, DEBUG_WARNING, MEM_MAP_ERROR or MALLOC_ERROR.
-    int Update_ConfUpdateInfo(const OneToken_Class* name, const timeval* time, int seq,
-                              DbPrintf_Class* pDB = nullptr);
+    int Update_ConfUpdateInfo(const OneToken_Class* name, const timeval* time, int seq, DbPrintf_Class* pDB = nullptr);
 
     int GetCount();
 

@@ -214,15 +214,18 @@ bool ControlPort_ServerThread::IsHeadRequest() const
 
 int ControlPort_ServerThread::SendAnswer(int status, const char* extraHeaders, DbPrintf_Class* pDB)
 {
-    int rc = HttpResponse_MakeMessage_Header(&m_Header, status, MinorVersion(), 0, "text/plain",
-                                             extraHeaders, m_Body.length(), pDB);
+    int rc = HttpResponse_MakeMessage_Header(&m_Header, status, MinorVersion(), 0, "text/plain", extraHeaders,
+                                             m_Body.length(), pDB);
     if (rc != SUCCESS) {
-        TimePrint(pDB, 1, "[ControlPort_ServerThread::ResponceSend_ConnectionClose] HttpResponse_MakeMessage_Header failed ::%d\n", rc);
+        TimePrint(
+            pDB, 1,
+            "[ControlPort_ServerThread::ResponceSend_ConnectionClose] HttpResponse_MakeMessage_Header failed ::%d\n",
+            rc);
         return rc;
     }
     int bodyLength = IsHeadRequest() ? 0 : m_Body.length();
-    return HttpResponse_SendMessage(m_nConnectFd, m_Header.c_str(), m_Header.length(), m_Body.c_str(),
-                                    bodyLength, kSendTimeoutMs, &m_nCommand, pDB);
+    return HttpResponse_SendMessage(m_nConnectFd, m_Header.c_str(), m_Header.length(), m_Body.c_str(), bodyLength,
+                                    kSendTimeoutMs, &m_nCommand, pDB);
 }
 
 int ControlPort_ServerThread::ResponceSend_ConnectionClose(int status, DbPrintf_Class* pDB)
@@ -231,8 +234,7 @@ int ControlPort_ServerThread::ResponceSend_ConnectionClose(int status, DbPrintf_
     return SUCCESS;
 }
 
-int ControlPort_ServerThread::ResponceSend_ConnectionClose(int status, const char* extraHeaders,
-                                                           DbPrintf_Class* pDB)
+int ControlPort_ServerThread::ResponceSend_ConnectionClose(int status, const char* extraHeaders, DbPrintf_Class* pDB)
 {
     SendAnswer(status, extraHeaders, pDB);
     return SUCCESS;

@@ -98,7 +98,8 @@ bool ControlPort_ServerThread::ImageRequestValid(DbPrintf_Class* pDB)
         return false;
     }
     if (userId != kUserId || g_flagLoginUserExist.load(std::memory_order_relaxed) != 1) {
-        TimePrint(pDB, 1, "ControlPort_ServerThread:ptippreimg.cgi get_image Error.This img_user_id is not login:[200]\n");
+        TimePrint(pDB, 1,
+                  "ControlPort_ServerThread:ptippreimg.cgi get_image Error.This img_user_id is not login:[200]\n");
         AnswerText("ERROR_USER_ID:", pDB);
         return false;
     }
@@ -113,8 +114,7 @@ bool ControlPort_ServerThread::ImageRequestValid(DbPrintf_Class* pDB)
 // Borrows frame g_NextDataID (or the nearest one the FIFO still holds),
 // waiting for the camera's commit within the frame wait. The option buffer
 // holds kOptionSize + 1 bytes.
-bool ControlPort_ServerThread::BorrowNextFrame(char** ppVideo, char* option, _StrOutInfo* pInfo,
-                                               DbPrintf_Class* pDB)
+bool ControlPort_ServerThread::BorrowNextFrame(char** ppVideo, char* option, _StrOutInfo* pInfo, DbPrintf_Class* pDB)
 {
     int videoCapacity = 0;
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::microseconds(kFrameWaitUsec);
@@ -128,7 +128,9 @@ bool ControlPort_ServerThread::BorrowNextFrame(char** ppVideo, char* option, _St
         int rc = g_Fifo.GetTopTailDataNo(&top, &tail);
         const bool fifoEmpty = (rc == CHANNEL_NO_DATA);
         if (rc != SUCCESS && rc != CHANNEL_NO_DATA) {
-            TimePrint(pDB, 1, "ControlPort_ServerThread:ptippreimg.cgi get_image Error.failed at g_Fifo.GetTopTailDataNo[200]\n");
+            TimePrint(
+                pDB, 1,
+                "ControlPort_ServerThread:ptippreimg.cgi get_image Error.failed at g_Fifo.GetTopTailDataNo[200]\n");
             if (AnswerText("ERROR_SYSTEM:", pDB) != SUCCESS || StopRequested())
                 return false;
             continue;
@@ -139,7 +141,8 @@ bool ControlPort_ServerThread::BorrowNextFrame(char** ppVideo, char* option, _St
             rc = g_Fifo.GetData2(next, ppVideo, &videoCapacity, option, kOptionSize, pInfo);
             if (rc == SUCCESS)
                 return true;
-            TimePrint(pDB, 1, "ControlPort_ServerThread:ptippreimg.cgi get_image Error.failed at g_Fifo.GetData2[200]\n");
+            TimePrint(pDB, 1,
+                      "ControlPort_ServerThread:ptippreimg.cgi get_image Error.failed at g_Fifo.GetData2[200]\n");
             if (AnswerText("ERROR_SYSTEM:", pDB) != SUCCESS || StopRequested())
                 return false;
             continue;
@@ -155,7 +158,9 @@ bool ControlPort_ServerThread::BorrowNextFrame(char** ppVideo, char* option, _St
         }
         if (!arrived) {
             if (fifoEmpty)
-                TimePrint(pDB, 1, "ControlPort_ServerThread:ptippreimg.cgi get_image Error.ERROR_TRANSLATOR_RECEIVE for timeout:[200]\n");
+                TimePrint(
+                    pDB, 1,
+                    "ControlPort_ServerThread:ptippreimg.cgi get_image Error.ERROR_TRANSLATOR_RECEIVE for timeout:[200]\n");
             AnswerText("ERROR_TRANSLATOR_RECEIVE:", pDB);
             return false;
         }
@@ -175,12 +180,15 @@ void ControlPort_ServerThread::SendImage(const char* pVideo, const char* option,
     int rc = HttpResponse_MakeMessage_Header(&m_Header, 200, MinorVersion(), 0, "image/jpeg", extra,
                                              info.nDataSize_Video, pDB);
     if (rc != SUCCESS) {
-        TimePrint(pDB, 1, "[ControlPort_ServerThread::DoCommand_Ptipimg__get_image] HttpResponse_MakeMessage_Header failed ::%d\n", rc);
+        TimePrint(
+            pDB, 1,
+            "[ControlPort_ServerThread::DoCommand_Ptipimg__get_image] HttpResponse_MakeMessage_Header failed ::%d\n",
+            rc);
         return;
     }
     int bodyLength = IsHeadRequest() ? 0 : info.nDataSize_Video;
-    HttpResponse_SendMessage(m_nConnectFd, m_Header.c_str(), m_Header.length(), pVideo, bodyLength,
-                             kSendTimeoutMs, &m_nCommand, pDB);
+    HttpResponse_SendMessage(m_nConnectFd, m_Header.c_str(), m_Header.length(), pVideo, bodyLength, kSendTimeoutMs,
+                             &m_nCommand, pDB);
     // Done with the borrowed slot: taking the FIFO's mutex once more orders
     // this read before the writer's next commit, and so before it refills
     // the slot, even when no further request comes (a paused viewer).
@@ -197,7 +205,8 @@ int ControlPort_ServerThread::DoCommand_Ptipimg__img_logout(DbPrintf_Class* pDB)
         return HTTP_CONNECTIONCLOSE;
     }
     if (userId != kUserId) {
-        TimePrint(pDB, 1, "ControlPort_ServerThread:ptippreimg.cgi img_logout Error.This img_user_id is not login[200]\n");
+        TimePrint(pDB, 1,
+                  "ControlPort_ServerThread:ptippreimg.cgi img_logout Error.This img_user_id is not login[200]\n");
         AnswerText("ERROR_LOGOUT:", pDB);
         return HTTP_CONNECTIONCLOSE;
     }

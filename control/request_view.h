@@ -9,16 +9,31 @@
 // results borrow the reader's buffer: valid until its next read or clear.
 
 // HTTP status and reason text of the last failed read (0 / "" when none).
-inline int request_status(const HTTPRequestBuffer_Class& r) { return r.m_nStatus; }
-inline const char* request_error_text(const HTTPRequestBuffer_Class& r) { return r.m_strError; }
+inline int request_status(const HTTPRequestBuffer_Class& r)
+{
+    return r.m_nStatus;
+}
+inline const char* request_error_text(const HTTPRequestBuffer_Class& r)
+{
+    return r.m_strError;
+}
 
 // Method number: 1 GET, 2 HEAD, 3 POST, 0 other.
-inline int request_method(const HTTPRequestBuffer_Class& r) { return r.Parser.Flag_Num; }
+inline int request_method(const HTTPRequestBuffer_Class& r)
+{
+    return r.Parser.Flag_Num;
+}
 // Minor HTTP version, -1 when the request line was not read that far.
-inline int request_minor_version(const HTTPRequestBuffer_Class& r) { return r.Parser.m_nMinorVersion; }
+inline int request_minor_version(const HTTPRequestBuffer_Class& r)
+{
+    return r.Parser.m_nMinorVersion;
+}
 
 // The request URI as received and its file name ("/ptippreimg.cgi").
-inline const OneToken_Class& request_uri(const HTTPRequestBuffer_Class& r) { return r.Parser.URI; }
+inline const OneToken_Class& request_uri(const HTTPRequestBuffer_Class& r)
+{
+    return r.Parser.URI;
+}
 inline const OneToken_Class& request_file_name(const HTTPRequestBuffer_Class& r)
 {
     return r.Parser.URIParser.FileName;

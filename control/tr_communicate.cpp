@@ -97,9 +97,10 @@ int ControlPort_ServerThread::DoCommand_TrCommunicate(DbPrintf_Class* pDB)
     }
 
     char extra[kAnswerHeadersMax + 1];
-    snprintf(extra, sizeof(extra),
-             "Protocol_Name: TrCommunicate\r\nProtocol_Version: 1\r\nNode_Id: %d\r\nQuery_Result: %d:%d\r\nQuery_String: %s\r\n",
-             kNodeId, GetErrGeneralCode(result), result, query);
+    snprintf(
+        extra, sizeof(extra),
+        "Protocol_Name: TrCommunicate\r\nProtocol_Version: 1\r\nNode_Id: %d\r\nQuery_Result: %d:%d\r\nQuery_String: %s\r\n",
+        kNodeId, GetErrGeneralCode(result), result, query);
     m_Header.clear();
     m_Body.clear();
     m_Body.add("<HTML><BODY><H1>200 OK</H1></BODY></HTML>");
@@ -110,16 +111,20 @@ int ControlPort_ServerThread::DoCommand_TrCommunicate(DbPrintf_Class* pDB)
 int ControlPort_ServerThread::DoCommand_TrCommunicate__notice_update(DbPrintf_Class* pDB)
 {
     TimePrint(pDB, 1, "[ControlPort_ServerThread::DoCommand_TrCommunicate()] notice_update received\n");
-    int rc = g_configInfoIOClass.ReadParamFromFileAndTimeUpdate_WithChNum(
-        g_channelNum.load(std::memory_order_relaxed), pDB);
+    int rc =
+        g_configInfoIOClass.ReadParamFromFileAndTimeUpdate_WithChNum(g_channelNum.load(std::memory_order_relaxed), pDB);
     if (rc == SUCCESS)
         return rc;
     if (rc == kDataTypeMismatch) {
         fprintf(stderr, "PROGRAM_COMMAND_DESTRUCT for translator_tarndatatype changed\n");
-        TimePrint(pDB, 1, "[ControlPort_ServerThread::DoCommand_TrCommunicate()] set PROGRAM_COMMAND_DESTRUCT for translator_tarndatatype changed\n");
+        TimePrint(
+            pDB, 1,
+            "[ControlPort_ServerThread::DoCommand_TrCommunicate()] set PROGRAM_COMMAND_DESTRUCT for translator_tarndatatype changed\n");
     } else {
         fprintf(stderr, "PROGRAM_COMMAND_DESTRUCT for failed at config file reading\n");
-        TimePrint(pDB, 1, "[ControlPort_ServerThread::DoCommand_TrCommunicate()] set PROGRAM_COMMAND_DESTRUCT for failed at config file reading\n");
+        TimePrint(
+            pDB, 1,
+            "[ControlPort_ServerThread::DoCommand_TrCommunicate()] set PROGRAM_COMMAND_DESTRUCT for failed at config file reading\n");
     }
     g_Program_Command.store(-1, std::memory_order_relaxed);
     return rc;

@@ -135,14 +135,10 @@ int DoCGI_CGICommand(CGIParamParser_Class* params, DbPrintf_Class* pDB)
         OneToken_Class name;
         int rc = params->m_Params.Search_NameToVal_WithMemAlloc("Name=", &name, 2, 255, pDB);
         switch (rc) {
-        case SUCCESS:
-            break;
-        case DATASIZE_SHORT:
-            return refuse("DoCGI_CGICommand", "'Name' Length too short", pDB);
-        case DATASIZE_LARGE:
-            return refuse("DoCGI_CGICommand", "'Name' Length too large", pDB);
-        case NOTFOUND_ITEM:
-            return refuse("DoCGI_CGICommand", "Not found 'Name' CGI Argument ", pDB);
+        case SUCCESS: break;
+        case DATASIZE_SHORT: return refuse("DoCGI_CGICommand", "'Name' Length too short", pDB);
+        case DATASIZE_LARGE: return refuse("DoCGI_CGICommand", "'Name' Length too large", pDB);
+        case NOTFOUND_ITEM: return refuse("DoCGI_CGICommand", "Not found 'Name' CGI Argument ", pDB);
         default:
             TimePrint(pDB, 1, "[DoCGI_CGICommand] Search_NameToVal_WithMemAlloc(Name=) failed ::%d\n", rc);
             Answer_StartFailed("Malloc Error", pDB);

@@ -102,23 +102,12 @@ PrepareFailure prepare_daemon(const char* name, int* pRc, DbPrintf_Class* pDB)
 void write_preparation_error(PrepareFailure failure, const char* paramsComment, DbPrintf_Class* pDB)
 {
     switch (failure) {
-    case PrepareFailure::kNone:
-        return;
-    case PrepareFailure::kName:
-        write_error_exit("For invalid argument", pDB);
-        return;
-    case PrepareFailure::kConfigType:
-        write_error_exit("For translator_tarndatatype matching failed", pDB);
-        return;
-    case PrepareFailure::kConfigRead:
-        write_error_exit("For failed at config file reading", pDB);
-        return;
-    case PrepareFailure::kParams:
-        write_error_exit(paramsComment, pDB);
-        return;
-    case PrepareFailure::kListenPort:
-        write_error_exit("Control Listen Port , can not open.", pDB);
-        return;
+    case PrepareFailure::kNone: return;
+    case PrepareFailure::kName: write_error_exit("For invalid argument", pDB); return;
+    case PrepareFailure::kConfigType: write_error_exit("For translator_tarndatatype matching failed", pDB); return;
+    case PrepareFailure::kConfigRead: write_error_exit("For failed at config file reading", pDB); return;
+    case PrepareFailure::kParams: write_error_exit(paramsComment, pDB); return;
+    case PrepareFailure::kListenPort: write_error_exit("Control Listen Port , can not open.", pDB); return;
     }
 }
 
@@ -127,8 +116,7 @@ void write_preparation_error(PrepareFailure failure, const char* paramsComment, 
 void fail_preparation_forked(PrepareFailure failure, int rc, DbPrintf_Class* pDB)
 {
     switch (failure) {
-    case PrepareFailure::kNone:
-        return;
+    case PrepareFailure::kNone: return;
     case PrepareFailure::kName:
         TimePrint(pDB, 1, "[PPDMain_ForkStart] digit_check() failed (for invalid argument) ::%d\n", rc);
         break;
@@ -151,16 +139,15 @@ void fail_preparation_forked(PrepareFailure failure, int rc, DbPrintf_Class* pDB
         TimePrint(pDB, 1, "[PPDMain_ForkStart] g_ControlListenPort.ListenPort_SetUp() failed ::%d\n", rc);
         break;
     }
-    write_preparation_error(
-        failure, "Debug Warning. [PPDMain_ForkStart()]g_configInfoIOClass.GetParamsFromMem() failed", pDB);
+    write_preparation_error(failure,
+                            "Debug Warning. [PPDMain_ForkStart()]g_configInfoIOClass.GetParamsFromMem() failed", pDB);
 }
 
 // The foreground start's account of a failed preparation.
 void fail_preparation_foreground(PrepareFailure failure, int rc, DbPrintf_Class* pDB)
 {
     switch (failure) {
-    case PrepareFailure::kNone:
-        return;
+    case PrepareFailure::kNone: return;
     case PrepareFailure::kName:
         TimePrint(pDB, 1, "[PPDMain_NonForkStart] digit_check() failed (for invalid argument)::%d\n", rc);
         break;
@@ -232,9 +219,9 @@ int answer_launcher(int pair[2], pid_t child, DbPrintf_Class* pDB)
 void send_success(int fd, DbPrintf_Class* pDB)
 {
     char answer[kAnswerMaxBytes];
-    int len = snprintf(answer, sizeof answer,
-                       "<Response>\n  <States>Success</States>\n  <Port>%d</Port>\n</Response>\n",
-                       g_ControlListenPort.GetPort());
+    int len =
+        snprintf(answer, sizeof answer, "<Response>\n  <States>Success</States>\n  <Port>%d</Port>\n</Response>\n",
+                 g_ControlListenPort.GetPort());
     if (len < 0)
         return;
     if (len >= static_cast<int>(sizeof answer))

@@ -54,8 +54,7 @@ int Answer_InvalidArgument(const char* comment, DbPrintf_Class* pDB)
 {
     StringBuf_Class* buf = fresh_answer();
     if (buf != nullptr)
-        buf->add("<Response>\n  <States>Err_InvalidArgument</States>\n  <Comment>%s</Comment>\n</Response>\n",
-                 comment);
+        buf->add("<Response>\n  <States>Err_InvalidArgument</States>\n  <Comment>%s</Comment>\n</Response>\n", comment);
     return HTTPD_Responce(buf, pDB);
 }
 

@@ -35,8 +35,8 @@ bool CMFifo::SetUpOrLog(const char* pszNotSetUpLine)
     return false;
 }
 
-int CMFifo::Setup(int nLengthFifo, int nLengthWriteOnlyZone, int nBufferSizeVideo,
-                  int nBufferSizeOption, int /*nChannel*/)
+int CMFifo::Setup(int nLengthFifo, int nLengthWriteOnlyZone, int nBufferSizeVideo, int nBufferSizeOption,
+                  int /*nChannel*/)
 {
     if (m_nSetup.load(std::memory_order_relaxed) != 0) {
         TimePrint(m_pDB, m_nLogLevel, "[CMFifo::Setup] m_nSetup != 0\n");
@@ -47,18 +47,15 @@ int CMFifo::Setup(int nLengthFifo, int nLengthWriteOnlyZone, int nBufferSizeVide
         return INVALID_ARGUMENT;
     }
     if (nLengthWriteOnlyZone < 2) {
-        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::Setup] nLength_WriteOnlyZone(%d) <= 1\n",
-                  nLengthWriteOnlyZone);
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::Setup] nLength_WriteOnlyZone(%d) <= 1\n", nLengthWriteOnlyZone);
         return INVALID_ARGUMENT;
     }
     if (nBufferSizeVideo < 1) {
-        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::Setup] nBufferSize_Video(%d) <= 0\n",
-                  nBufferSizeVideo);
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::Setup] nBufferSize_Video(%d) <= 0\n", nBufferSizeVideo);
         return INVALID_ARGUMENT;
     }
     if (nBufferSizeOption < 1) {
-        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::Setup] nBufferSize_Option(%d) <= 0\n",
-                  nBufferSizeOption);
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::Setup] nBufferSize_Option(%d) <= 0\n", nBufferSizeOption);
         return INVALID_ARGUMENT;
     }
 
@@ -124,13 +121,11 @@ int CMFifo::AllocStrBuffer(_StrBuffer** pStrbuf, int nBufferSizeVideo, int nBuff
         return INVALID_ARGUMENT;
     }
     if (nBufferSizeVideo < 1) {
-        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::AllocStrBuffer] nBufferSize_Video(%d) <= 0\n",
-                  nBufferSizeVideo);
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::AllocStrBuffer] nBufferSize_Video(%d) <= 0\n", nBufferSizeVideo);
         return INVALID_ARGUMENT;
     }
     if (nBufferSizeOption < 1) {
-        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::AllocStrBuffer] nBufferSize_Option(%d) <= 0\n",
-                  nBufferSizeOption);
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::AllocStrBuffer] nBufferSize_Option(%d) <= 0\n", nBufferSizeOption);
         return INVALID_ARGUMENT;
     }
 
@@ -221,8 +216,7 @@ int CMFifo::InputDataStart()
     } else {
         ret = ClearOption();
         if (ret != SUCCESS) {
-            TimePrint(m_pDB, m_nLogLevel, "[CMFifo::InputDataStart] ClearOption failed ::%d\n",
-                      ret);
+            TimePrint(m_pDB, m_nLogLevel, "[CMFifo::InputDataStart] ClearOption failed ::%d\n", ret);
         }
     }
     return ret;
@@ -255,8 +249,7 @@ int CMFifo::InputDataGet(char** pBuf, int* nBufSize, int* nDataSize)
         return INVALID_ARGUMENT;
     }
     if (nBufSize == nullptr || nDataSize == nullptr) {
-        TimePrint(m_pDB, m_nLogLevel,
-                  "[CMFifo::InputDataGet] nBufSize == NULL || nDataSize == NULL\n");
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::InputDataGet] nBufSize == NULL || nDataSize == NULL\n");
         return INVALID_ARGUMENT;
     }
     const int i = CalcBufferNo(m_lnDataNo_Input.load(std::memory_order_relaxed));
@@ -277,8 +270,7 @@ int CMFifo::InputVideo(char* pInData_Video, int nInDataSize_Video)
         return INVALID_ARGUMENT;
     }
     if (nInDataSize_Video <= 0) {
-        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::InputVideo] nInDataSize_Video(%d) <= 0\n",
-                  nInDataSize_Video);
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::InputVideo] nInDataSize_Video(%d) <= 0\n", nInDataSize_Video);
         return INVALID_ARGUMENT;
     }
     const int i = CalcBufferNo(m_lnDataNo_Input.load(std::memory_order_relaxed));
@@ -321,8 +313,7 @@ int CMFifo::InputData(char* pInData_Video, int nInDataSize_Video)
         return INVALID_ARGUMENT;
     }
     if (nInDataSize_Video <= 0) {
-        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::InputData] nInDataSize_Video(%d) <= 0\n",
-                  nInDataSize_Video);
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::InputData] nInDataSize_Video(%d) <= 0\n", nInDataSize_Video);
         return INVALID_ARGUMENT;
     }
     const int ret = InputVideo(pInData_Video, nInDataSize_Video);
@@ -335,8 +326,7 @@ int CMFifo::InputData(char* pInData_Video, int nInDataSize_Video)
 int CMFifo::DeleteVideo(int nInDeleteSize_Video)
 {
     if (nInDeleteSize_Video <= 0) {
-        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::DeleteVideo] nInDeleteSize_Video(%d) <= 0\n",
-                  nInDeleteSize_Video);
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::DeleteVideo] nInDeleteSize_Video(%d) <= 0\n", nInDeleteSize_Video);
         return INVALID_ARGUMENT;
     }
     const int i = CalcBufferNo(m_lnDataNo_Input.load(std::memory_order_relaxed));
@@ -364,14 +354,12 @@ int CMFifo::InputDataDelete(int nDeleteSize)
         return NOT_INITIALIZE;
     }
     if (nDeleteSize <= 0) {
-        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::InputDataDelete] nDeleteSize(%d) <= 0\n",
-                  nDeleteSize);
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::InputDataDelete] nDeleteSize(%d) <= 0\n", nDeleteSize);
         return INVALID_ARGUMENT;
     }
     const int ret = DeleteVideo(nDeleteSize);
     if (ret != SUCCESS) {
-        TimePrint(m_pDB, m_nLogLevel,
-                  "[CMFifo::InputDataDelete] DeleteVideo(nDeleteSize %d) failed ::%d\n",
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::InputDataDelete] DeleteVideo(nDeleteSize %d) failed ::%d\n",
                   nDeleteSize, ret);
     }
     return ret;
@@ -384,8 +372,7 @@ int CMFifo::InputOption(char* pInData_Option, int nInDataSize_Option)
         return INVALID_ARGUMENT;
     }
     if (nInDataSize_Option <= 0) {
-        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::InputOption] nInDataSize_Option(%d) <= 0\n",
-                  nInDataSize_Option);
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::InputOption] nInDataSize_Option(%d) <= 0\n", nInDataSize_Option);
         return INVALID_ARGUMENT;
     }
     const int i = CalcBufferNo(m_lnDataNo_Input.load(std::memory_order_relaxed));
@@ -417,8 +404,7 @@ int CMFifo::InputDataFinish(char* pInData_Option, int nInDataSize_Option)
         return INVALID_ARGUMENT;
     }
     if (nInDataSize_Option <= 0) {
-        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::InputDataFinish] nInDataSize_Option(%d) <= 0\n",
-                  nInDataSize_Option);
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::InputDataFinish] nInDataSize_Option(%d) <= 0\n", nInDataSize_Option);
         return INVALID_ARGUMENT;
     }
     const int ret = InputOption(pInData_Option, nInDataSize_Option);
@@ -449,9 +435,8 @@ int CMFifo::InputDataFinish(char* pInData_Option, int nInDataSize_Option)
 bool CMFifo::WaitForDataNo(long long lnDataNo, std::chrono::steady_clock::time_point deadline)
 {
     std::unique_lock<std::mutex> lock(m_Mutex);
-    return m_Committed.wait_until(lock, deadline, [&] {
-        return m_lnDataNo_PublicTail.load(std::memory_order_relaxed) >= lnDataNo;
-    });
+    return m_Committed.wait_until(lock, deadline,
+                                  [&] { return m_lnDataNo_PublicTail.load(std::memory_order_relaxed) >= lnDataNo; });
 }
 
 int CMFifo::GetTopTailDataNo(long long* pDataNo_PublicTop, long long* pDataNo_PublicTail)
@@ -479,9 +464,9 @@ int CMFifo::GetTopTailDataNo(long long* pDataNo_PublicTop, long long* pDataNo_Pu
 // (GetData); otherwise *ppOutMem_Video lends the slot's buffer (GetData2).
 // The option record is copied either way. On a refusal *pFault says why,
 // for the caller's log line.
-int CMFifo::Deliver(long long nDataNo, char* pOutMem_Video, int nOutMemSize_Video,
-                    char** ppOutMem_Video, int* pOutMemSize_Video, char* pOutMem_Option,
-                    int nOutMemSize_Option, _StrOutInfo* pOutInfo, DeliveryFault* pFault)
+int CMFifo::Deliver(long long nDataNo, char* pOutMem_Video, int nOutMemSize_Video, char** ppOutMem_Video,
+                    int* pOutMemSize_Video, char* pOutMem_Option, int nOutMemSize_Option, _StrOutInfo* pOutInfo,
+                    DeliveryFault* pFault)
 {
     if (m_lnDataNo_PublicTail.load(std::memory_order_relaxed) < 0) {
         return CHANNEL_NO_DATA;
@@ -532,8 +517,8 @@ int CMFifo::Deliver(long long nDataNo, char* pOutMem_Video, int nOutMemSize_Vide
     return SUCCESS;
 }
 
-int CMFifo::GetData(long long nDataNo, char* pOutMem_Video, int nOutMemSize_Video,
-                    char* pOutMem_Option, int nOutMemSize_Option, _StrOutInfo* pOutInfo)
+int CMFifo::GetData(long long nDataNo, char* pOutMem_Video, int nOutMemSize_Video, char* pOutMem_Option,
+                    int nOutMemSize_Option, _StrOutInfo* pOutInfo)
 {
     if (!SetUpOrLog("[CMFifo::GetData] m_nSetup == 0\n")) {
         return NOT_INITIALIZE;
@@ -543,8 +528,7 @@ int CMFifo::GetData(long long nDataNo, char* pOutMem_Video, int nOutMemSize_Vide
         return INVALID_ARGUMENT;
     }
     if (nOutMemSize_Video <= 0) {
-        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::GetData] nOutMemSize_Video(%d) <= 0\n",
-                  nOutMemSize_Video);
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::GetData] nOutMemSize_Video(%d) <= 0\n", nOutMemSize_Video);
         return INVALID_ARGUMENT;
     }
     if (pOutMem_Option == nullptr) {
@@ -552,8 +536,7 @@ int CMFifo::GetData(long long nDataNo, char* pOutMem_Video, int nOutMemSize_Vide
         return INVALID_ARGUMENT;
     }
     if (nOutMemSize_Option <= 0) {
-        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::GetData] nOutMemSize_Option(%d) <= 0\n",
-                  nOutMemSize_Option);
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::GetData] nOutMemSize_Option(%d) <= 0\n", nOutMemSize_Option);
         return INVALID_ARGUMENT;
     }
     if (pOutInfo == nullptr) {
@@ -561,30 +544,27 @@ int CMFifo::GetData(long long nDataNo, char* pOutMem_Video, int nOutMemSize_Vide
         return INVALID_ARGUMENT;
     }
     DeliveryFault f;
-    const int ret = Deliver(nDataNo, pOutMem_Video, nOutMemSize_Video, nullptr, nullptr,
-                            pOutMem_Option, nOutMemSize_Option, pOutInfo, &f);
+    const int ret = Deliver(nDataNo, pOutMem_Video, nOutMemSize_Video, nullptr, nullptr, pOutMem_Option,
+                            nOutMemSize_Option, pOutInfo, &f);
     switch (f.eKind) {
-    case DeliveryFault::kNone:
-        break;
+    case DeliveryFault::kNone: break;
     case DeliveryFault::kSlotMissing:
         TimePrint(m_pDB, m_nLogLevel, "[CMFifo::GetData] m_ppFifo[%d] == NULL\n", f.nSlot);
         break;
     case DeliveryFault::kVideoTooLarge:
-        TimePrint(m_pDB, m_nLogLevel,
-                  "[CMFifo::GetData] m_ppFifo[%d]->nDataSize_Video(%d) > nOutMemSize_Video(%d)\n",
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::GetData] m_ppFifo[%d]->nDataSize_Video(%d) > nOutMemSize_Video(%d)\n",
                   f.nSlot, f.nDataSize, nOutMemSize_Video);
         break;
     case DeliveryFault::kOptionTooLarge:
-        TimePrint(m_pDB, m_nLogLevel,
-                  "[CMFifo::GetData] m_ppFifo[%d]->nDataSize_Option(%d) > nOutMemSize_Option(%d)\n",
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::GetData] m_ppFifo[%d]->nDataSize_Option(%d) > nOutMemSize_Option(%d)\n",
                   f.nSlot, f.nDataSize, nOutMemSize_Option);
         break;
     }
     return ret;
 }
 
-int CMFifo::GetData2(long long nDataNo, char** ppOutMem_Video, int* pOutMemSize_Video,
-                     char* pOutMem_Option, int nOutMemSize_Option, _StrOutInfo* pOutInfo)
+int CMFifo::GetData2(long long nDataNo, char** ppOutMem_Video, int* pOutMemSize_Video, char* pOutMem_Option,
+                     int nOutMemSize_Option, _StrOutInfo* pOutInfo)
 {
     if (!SetUpOrLog("[CMFifo::GetData2] m_nSetup == 0\n")) {
         return NOT_INITIALIZE;
@@ -602,8 +582,7 @@ int CMFifo::GetData2(long long nDataNo, char** ppOutMem_Video, int* pOutMemSize_
         return INVALID_ARGUMENT;
     }
     if (nOutMemSize_Option <= 0) {
-        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::GetData2] nOutMemSize_Option(%d) <= 0\n",
-                  nOutMemSize_Option);
+        TimePrint(m_pDB, m_nLogLevel, "[CMFifo::GetData2] nOutMemSize_Option(%d) <= 0\n", nOutMemSize_Option);
         return INVALID_ARGUMENT;
     }
     if (pOutInfo == nullptr) {
@@ -611,8 +590,8 @@ int CMFifo::GetData2(long long nDataNo, char** ppOutMem_Video, int* pOutMemSize_
         return INVALID_ARGUMENT;
     }
     DeliveryFault f;
-    const int ret = Deliver(nDataNo, nullptr, 0, ppOutMem_Video, pOutMemSize_Video,
-                            pOutMem_Option, nOutMemSize_Option, pOutInfo, &f);
+    const int ret = Deliver(nDataNo, nullptr, 0, ppOutMem_Video, pOutMemSize_Video, pOutMem_Option, nOutMemSize_Option,
+                            pOutInfo, &f);
     switch (f.eKind) {
     case DeliveryFault::kNone:
     case DeliveryFault::kVideoTooLarge:  // nothing is copied, so never
@@ -622,8 +601,8 @@ int CMFifo::GetData2(long long nDataNo, char** ppOutMem_Video, int* pOutMemSize_
         break;
     case DeliveryFault::kOptionTooLarge:
         TimePrint(m_pDB, m_nLogLevel,
-                  "[CMFifo::GetData2] m_ppFifo[%d]->nDataSize_Option(%d) > nOutMemSize_Option(%d)\n",
-                  f.nSlot, f.nDataSize, nOutMemSize_Option);
+                  "[CMFifo::GetData2] m_ppFifo[%d]->nDataSize_Option(%d) > nOutMemSize_Option(%d)\n", f.nSlot,
+                  f.nDataSize, nOutMemSize_Option);
         break;
     }
     return ret;

@@ -65,8 +65,7 @@ public:
     // each slot with the given buffer sizes (both >= 1). The fifth argument
     // is accepted and ignored. ALREADY_INITIALIZE, INVALID_ARGUMENT or
     // SYS_FUNC_ERROR on failure; then call Cleanup.
-    int Setup(int nLength_Fifo, int nLength_WriteOnlyZone, int nBufferSize_Video,
-              int nBufferSize_Option, int nChannel);
+    int Setup(int nLength_Fifo, int nLength_WriteOnlyZone, int nBufferSize_Video, int nBufferSize_Option, int nChannel);
     // Frees everything; safe to call twice and after a failed Setup.
     // Returns 1.
     int Cleanup();
@@ -99,14 +98,14 @@ public:
     // when above it) into the caller's buffers and describes it in
     // *pOutInfo. CHANNEL_NO_DATA before the first commit;
     // DATA_LARGE_THEN_BUF when a buffer is too small.
-    int GetData(long long nDataNo, char* pOutMem_Video, int nOutMemSize_Video,
-                char* pOutMem_Option, int nOutMemSize_Option, _StrOutInfo* pOutInfo);
+    int GetData(long long nDataNo, char* pOutMem_Video, int nOutMemSize_Video, char* pOutMem_Option,
+                int nOutMemSize_Option, _StrOutInfo* pOutInfo);
     // As GetData, but lends the picture: *ppOutMem_Video points into the
     // slot, *pOutMemSize_Video receives the slot's capacity and the
     // picture's length is pOutInfo->nDataSize_Video. Only the option record
     // is copied. The pointer stays valid for the window described above.
-    int GetData2(long long nDataNo, char** ppOutMem_Video, int* pOutMemSize_Video,
-                 char* pOutMem_Option, int nOutMemSize_Option, _StrOutInfo* pOutInfo);
+    int GetData2(long long nDataNo, char** ppOutMem_Video, int* pOutMemSize_Video, char* pOutMem_Option,
+                 int nOutMemSize_Option, _StrOutInfo* pOutInfo);
 
     // Blocks until a frame numbered lnDataNo or later has been committed, or
     // until the deadline passes, whichever comes first. Returns true when
@@ -132,9 +131,9 @@ private:
         int nSlot = 0;
         int nDataSize = 0;  // the slot's picture or option bytes
     };
-    int Deliver(long long nDataNo, char* pOutMem_Video, int nOutMemSize_Video,
-                char** ppOutMem_Video, int* pOutMemSize_Video, char* pOutMem_Option,
-                int nOutMemSize_Option, _StrOutInfo* pOutInfo, DeliveryFault* pFault);
+    int Deliver(long long nDataNo, char* pOutMem_Video, int nOutMemSize_Video, char** ppOutMem_Video,
+                int* pOutMemSize_Video, char* pOutMem_Option, int nOutMemSize_Option, _StrOutInfo* pOutInfo,
+                DeliveryFault* pFault);
 
     // m_nSetup is read by every thread; the data numbers are changed under
     // m_Mutex but Tail is also tested before the lock, so they are atomics

@@ -162,8 +162,7 @@ int HTTPBaseBuffer_Class::KeepAliveVerdict(const HTTPMessageParser_Class& parser
     return HTTP_CONNECTIONCLOSE;
 }
 
-int HTTPBaseBuffer_Class::RecvOnce(int fd, void* buf, int len, int* got, int timeout_ms, int flags,
-                                   DbPrintf_Class* pDB)
+int HTTPBaseBuffer_Class::RecvOnce(int fd, void* buf, int len, int* got, int timeout_ms, int flags, DbPrintf_Class* pDB)
 {
     if (m_pSource != nullptr) {
         return m_pSource->RecvOnce(buf, len, got, timeout_ms, flags, pDB);
@@ -204,8 +203,8 @@ int HTTPBaseBuffer_Class::ReadHead(int fd, int timeout_ms, SockExitFlag* exitFla
         gettimeofday(&before, nullptr);
         int got = 0;
         if (pass > 0 || m_nFilled <= m_nConsumed) {
-            int rc = RecvOnce(fd, m_pBuffer + m_nFilled, m_nCapacity - m_nFilled, &got, timeout_ms, SOCK_FIXED_FLAGS,
-                              pDB);
+            int rc =
+                RecvOnce(fd, m_pBuffer + m_nFilled, m_nCapacity - m_nFilled, &got, timeout_ms, SOCK_FIXED_FLAGS, pDB);
             if (rc == SOCK_INTERRUPT) {
                 // A signal broke the wait: stop if it was the stop request,
                 // otherwise carry on as after a pass without data.
@@ -248,10 +247,10 @@ int HTTPBaseBuffer_Class::HttpRead_Body(int fd, int length, int timeout_ms, Sock
     }
     if (m_nFilled < end) {
         int got = 0;
-        int rc = RecvFill(fd, m_pBuffer + m_nFilled, static_cast<int>(end) - m_nFilled, &got, timeout_ms, exitFlag,
-                          pDB);
+        int rc =
+            RecvFill(fd, m_pBuffer + m_nFilled, static_cast<int>(end) - m_nFilled, &got, timeout_ms, exitFlag, pDB);
         if (rc == SUCCESS || rc == SOCK_TIMEOUT || rc == LOOP_INTERRUPTED) {
-            m_nFilled += got; // these codes report what did arrive
+            m_nFilled += got;  // these codes report what did arrive
         }
         if (rc != SUCCESS) {
             TimePrint(pDB, 1, "[HTTPBaseBuffer_Class::HttpRead_Body()] Sock_Recv(sockfd %d) failed ::%d\n", fd, rc);
@@ -282,7 +281,7 @@ int HTTPBaseBuffer_Class::CheckContentLength(const StaticArr_NameValToken_Class&
         return HTTP_ERR_CONTENTLENGTH;
     }
     if (value > maxLength) {
-        m_nContentLength = value; // kept for the caller's log
+        m_nContentLength = value;  // kept for the caller's log
         SetFailure(411, "'Content-Length:' too large.");
         return HTTP_ERR_CONTENTLENGTH;
     }

@@ -64,7 +64,7 @@ struct Scan {
 // ends a head read with its own SOCK_TIMEOUT). True when the time is up.
 bool TimeUp(const timeval& before, int timeout_ms, long long* countedUsec);
 
-} // namespace http_head
+}  // namespace http_head
 
 class HTTPBaseBuffer_Class {
 public:
@@ -136,7 +136,7 @@ public:
     int m_nBodyLength = 0;
     char m_strError[ERROR_TEXT_SIZE];
     int m_nStatus = 0;
-    unsigned char* m_pBuffer = nullptr; // owned
+    unsigned char* m_pBuffer = nullptr;  // owned
     int m_nContentLength = 0;
     int m_nCapacity = 0;
     int m_nFilled = 0;

@@ -29,8 +29,7 @@ public:
     // Fills buf with len bytes, with the codes and time-out meaning of
     // Sock_Recv with the fixed flags: SUCCESS with *got = len, or fewer when
     // the peer closed; SOCK_TIMEOUT or LOOP_INTERRUPTED with the count so far.
-    virtual int RecvFill(void* buf, int len, int* got, int timeout_ms, SockExitFlag* exitFlag,
-                         DbPrintf_Class* pDB) = 0;
+    virtual int RecvFill(void* buf, int len, int* got, int timeout_ms, SockExitFlag* exitFlag, DbPrintf_Class* pDB) = 0;
 };
 
 // The socket source: Sock_Recv_OneBlock and Sock_Recv on one descriptor,

@@ -10,7 +10,7 @@ namespace {
 // The value of an empty parameter: one NUL byte, so its length is 1.
 const unsigned char kEmptyValue[1] = {0};
 
-} // namespace
+}  // namespace
 
 CGIParamParser_Class::CGIParamParser_Class(DbPrintf_Class* pDB)
 {
@@ -67,7 +67,7 @@ int CGIParamParser_Class::Parsing(const unsigned char* text, int length, DbPrint
 
     for (;;) {
         if (m_Params.GetCount() >= PARAMS_MAX) {
-            return SUCCESS; // the rest is ignored
+            return SUCCESS;  // the rest is ignored
         }
         int nameStart = 0;
         int nameLen = 0;
@@ -76,7 +76,7 @@ int CGIParamParser_Class::Parsing(const unsigned char* text, int length, DbPrint
             TimePrint(pDB, 1, "[CGIParamParser_Class::Parsing()] name at offset %d ::%d\n", nameStart, rc);
             return CGIPARAMS_SYNTAX_ERR;
         }
-        nameLen++; // the name keeps its "="
+        nameLen++;  // the name keeps its "="
         m_nPos++;
 
         int valStart = 0;
@@ -93,6 +93,6 @@ int CGIParamParser_Class::Parsing(const unsigned char* text, int length, DbPrint
         if (rc == END_OF_BUF) {
             return SUCCESS;
         }
-        m_nPos++; // past "&"
+        m_nPos++;  // past "&"
     }
 }

@@ -51,8 +51,8 @@ int CClient_HTTP::Get(int keepAlive, char* pBuf, int nSize, int* pReceived)
     }
     ret = m_obHTTPResponseBuffer.HttpRead(m_nSockfd, m_nSocketTimeout, m_pExitFlag, m_pDB);
     if (ret != SUCCESS) {
-        TimePrint(m_pDB, m_nLogLevel, "[CClient_HTTP::Get()] m_obHTTPResponseBuffer.HttpRead(m_nSockfd %d) failed ::%d\n",
-                  m_nSockfd, ret);
+        TimePrint(m_pDB, m_nLogLevel,
+                  "[CClient_HTTP::Get()] m_obHTTPResponseBuffer.HttpRead(m_nSockfd %d) failed ::%d\n", m_nSockfd, ret);
         // Also with keep-alive: after a failed read the connection's state is
         // unknown, and the next Get must start afresh.
         DestroySock();

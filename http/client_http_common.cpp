@@ -63,8 +63,7 @@ int CClient_HTTP_Common::Initialize(int nHTTPBodySize)
         return ALREADY_INITIALIZE;
     }
     if (nHTTPBodySize < 0) {
-        TimePrint(m_pDB, m_nLogLevel, "[%s::Initialize()] nHTTPBodySize(%d) < 0\n", m_pClassName,
-                  nHTTPBodySize);
+        TimePrint(m_pDB, m_nLogLevel, "[%s::Initialize()] nHTTPBodySize(%d) < 0\n", m_pClassName, nHTTPBodySize);
         return INVALID_ARGUMENT;
     }
     DestroySock();
@@ -72,8 +71,8 @@ int CClient_HTTP_Common::Initialize(int nHTTPBodySize)
     // A reader that already has a buffer of this size (after Release) keeps it.
     const int ret = m_pReader->Init(nHTTPBodySize + 1024, m_pDB);
     if (ret != SUCCESS && ret != ALREADY_INITIALIZE) {
-        TimePrint(m_pDB, m_nLogLevel, "[%s::Initialize()] Init(%d) failed ::%d\n", m_pClassName,
-                  nHTTPBodySize + 1024, ret);
+        TimePrint(m_pDB, m_nLogLevel, "[%s::Initialize()] Init(%d) failed ::%d\n", m_pClassName, nHTTPBodySize + 1024,
+                  ret);
         return ret;
     }
     m_nInitializeDone = 1;
@@ -118,8 +117,7 @@ int CClient_HTTP_Common::SetTargetIp(const char* pTargetIp)
 int CClient_HTTP_Common::SetTargetPort(int nPort)
 {
     if (!valid_port(nPort)) {
-        TimePrint(m_pDB, m_nLogLevel, "[%s::SetTargetPort()] nTargetPort(%d) invalid\n", m_pClassName,
-                  nPort);
+        TimePrint(m_pDB, m_nLogLevel, "[%s::SetTargetPort()] nTargetPort(%d) invalid\n", m_pClassName, nPort);
         return INVALID_ARGUMENT;
     }
     m_nTargetPort = nPort;
@@ -149,8 +147,7 @@ int CClient_HTTP_Common::SetProxyIp(const char* pProxyIp)
 int CClient_HTTP_Common::SetProxyPort(int nPort)
 {
     if (!valid_port(nPort)) {
-        TimePrint(m_pDB, m_nLogLevel, "[%s::SetProxyPort()] nProxyPort(%d) invalid\n", m_pClassName,
-                  nPort);
+        TimePrint(m_pDB, m_nLogLevel, "[%s::SetProxyPort()] nProxyPort(%d) invalid\n", m_pClassName, nPort);
         return INVALID_ARGUMENT;
     }
     m_nProxyPort = nPort;
@@ -221,8 +218,7 @@ int CClient_HTTP_Common::SetAuthString(const char* pUserName, const char* pPassw
 int CClient_HTTP_Common::SetSocketTimeout(int nTimeoutMsec)
 {
     if (nTimeoutMsec < 0) {
-        TimePrint(m_pDB, m_nLogLevel, "[%s::SetSocketTimeout()] nTimeoutMsec(%d) < 0\n", m_pClassName,
-                  nTimeoutMsec);
+        TimePrint(m_pDB, m_nLogLevel, "[%s::SetSocketTimeout()] nTimeoutMsec(%d) < 0\n", m_pClassName, nTimeoutMsec);
         return INVALID_ARGUMENT;
     }
     m_nSocketTimeout = nTimeoutMsec;
@@ -252,12 +248,11 @@ int CClient_HTTP_Common::AddTag(const char* pName, const char* pValue)
     // Only whole lines go in: a cut line would end the request head early.
     const size_t need = strlen(pName) + strlen(pValue) + 4;
     if (need >= static_cast<size_t>(TAG_BLOCK_SIZE - m_nTagLength)) {
-        TimePrint(m_pDB, m_nLogLevel, "[%s::AddTag()] tag(%s) does not fit (%d + %d)\n", m_pClassName,
-                  pName, m_nTagLength, static_cast<int>(need));
+        TimePrint(m_pDB, m_nLogLevel, "[%s::AddTag()] tag(%s) does not fit (%d + %d)\n", m_pClassName, pName,
+                  m_nTagLength, static_cast<int>(need));
         return DATA_LARGE_THEN_BUF;
     }
-    snprintf(m_strTag + m_nTagLength, static_cast<size_t>(TAG_BLOCK_SIZE - m_nTagLength), "%s: %s\r\n",
-             pName, pValue);
+    snprintf(m_strTag + m_nTagLength, static_cast<size_t>(TAG_BLOCK_SIZE - m_nTagLength), "%s: %s\r\n", pName, pValue);
     m_nTagLength += static_cast<int>(need);
     return SUCCESS;
 }
@@ -324,22 +319,24 @@ int CClient_HTTP_Common::CreateSock()
     DestroySock();
     int ret;
     if (m_nProxy == 1) {
-        ret = Sock_OpenConnect_String(m_pMyselfIp, m_pProxyIp, static_cast<unsigned short>(m_nProxyPort),
-                                      &m_nSockfd, m_nSocketTimeout, m_pDB);
+        ret = Sock_OpenConnect_String(m_pMyselfIp, m_pProxyIp, static_cast<unsigned short>(m_nProxyPort), &m_nSockfd,
+                                      m_nSocketTimeout, m_pDB);
         if (ret != SUCCESS) {
             DestroySock();
-            TimePrint(m_pDB, m_nLogLevel,
-                      "[%s::CreateSock()] Sock_OpenConnect_String(m_pMyselfIp %s,m_pProxyIp %s,m_nProxyPort %d) failed ::%d\n",
-                      m_pClassName, m_pMyselfIp, m_pProxyIp, m_nProxyPort, ret);
+            TimePrint(
+                m_pDB, m_nLogLevel,
+                "[%s::CreateSock()] Sock_OpenConnect_String(m_pMyselfIp %s,m_pProxyIp %s,m_nProxyPort %d) failed ::%d\n",
+                m_pClassName, m_pMyselfIp, m_pProxyIp, m_nProxyPort, ret);
         }
     } else {
-        ret = Sock_OpenConnect_String(m_pMyselfIp, m_pTargetIp, static_cast<unsigned short>(m_nTargetPort),
-                                      &m_nSockfd, m_nSocketTimeout, m_pDB);
+        ret = Sock_OpenConnect_String(m_pMyselfIp, m_pTargetIp, static_cast<unsigned short>(m_nTargetPort), &m_nSockfd,
+                                      m_nSocketTimeout, m_pDB);
         if (ret != SUCCESS) {
             DestroySock();
-            TimePrint(m_pDB, m_nLogLevel,
-                      "[%s::CreateSock()] Sock_OpenConnect_String(m_pMyselfIp %s,m_pTargetIp %s,m_nTargetPort %d) failed ::%d\n",
-                      m_pClassName, m_pMyselfIp, m_pTargetIp, m_nTargetPort, ret);
+            TimePrint(
+                m_pDB, m_nLogLevel,
+                "[%s::CreateSock()] Sock_OpenConnect_String(m_pMyselfIp %s,m_pTargetIp %s,m_nTargetPort %d) failed ::%d\n",
+                m_pClassName, m_pMyselfIp, m_pTargetIp, m_nTargetPort, ret);
         }
     }
     return ret;
@@ -378,16 +375,16 @@ int CClient_HTTP_Common::SendRequest(const char* method, const char* version)
             len = snprintf(m_strRequest, sizeof(m_strRequest), "%s http://%s:%d%s %s\r\n%s\r\n%s\r\n", method,
                            m_pTargetIp, m_nTargetPort, m_strTargetPath, version, m_strAuth, m_strTag);
         } else {
-            len = snprintf(m_strRequest, sizeof(m_strRequest), "%s http://%s:%d%s %s\r\n%s\r\n", method,
-                           m_pTargetIp, m_nTargetPort, m_strTargetPath, version, m_strTag);
+            len = snprintf(m_strRequest, sizeof(m_strRequest), "%s http://%s:%d%s %s\r\n%s\r\n", method, m_pTargetIp,
+                           m_nTargetPort, m_strTargetPath, version, m_strTag);
         }
     } else {
         if (auth) {
-            len = snprintf(m_strRequest, sizeof(m_strRequest), "%s %s %s\r\n%s\r\n%s\r\n", method,
-                           m_strTargetPath, version, m_strAuth, m_strTag);
+            len = snprintf(m_strRequest, sizeof(m_strRequest), "%s %s %s\r\n%s\r\n%s\r\n", method, m_strTargetPath,
+                           version, m_strAuth, m_strTag);
         } else {
-            len = snprintf(m_strRequest, sizeof(m_strRequest), "%s %s %s\r\n%s\r\n", method, m_strTargetPath,
-                           version, m_strTag);
+            len = snprintf(m_strRequest, sizeof(m_strRequest), "%s %s %s\r\n%s\r\n", method, m_strTargetPath, version,
+                           m_strTag);
         }
     }
     if (len < 0 || len >= static_cast<int>(sizeof(m_strRequest))) {

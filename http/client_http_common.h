@@ -110,7 +110,7 @@ protected:
     int SendRequest(const char* method, const char* version);
 
     const char* m_pClassName;
-    HTTPBaseBuffer_Class* m_pReader;                        // owned by the derived class
+    HTTPBaseBuffer_Class* m_pReader;                         // owned by the derived class
     const StaticArr_NameValToken_Class* m_pResponseHeaders;  // of the reader's parser
 
     int m_nInitializeDone = 0;

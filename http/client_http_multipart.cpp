@@ -1,6 +1,5 @@
 #include "http/client_http_multipart.h"
 
-
 #include "common/debug_log.h"
 #include "common/return_codes.h"
 
@@ -43,9 +42,10 @@ int CClient_HTTP_MultiPart::Get()
     }
     ret = m_obHTTPMultiPartResponseBuffer.HttpReadFirst(m_nSockfd, m_nSocketTimeout, m_pExitFlag, m_pDB);
     if (ret != SUCCESS) {
-        TimePrint(m_pDB, m_nLogLevel,
-                  "[CClient_HTTP_MultiPart::Get()] m_obHTTPMultiPartResponseBuffer.HttpRead(m_nSockfd %d) failed ::%d\n",
-                  m_nSockfd, ret);
+        TimePrint(
+            m_pDB, m_nLogLevel,
+            "[CClient_HTTP_MultiPart::Get()] m_obHTTPMultiPartResponseBuffer.HttpRead(m_nSockfd %d) failed ::%d\n",
+            m_nSockfd, ret);
         DestroySock();
         return ret;
     }
@@ -73,9 +73,10 @@ int CClient_HTTP_MultiPart::Read(char* pBuf, int nSize, int* pReceived)
         return DATASIZE_LARGE;
     }
     if (ret != SUCCESS) {
-        TimePrint(m_pDB, m_nLogLevel,
-                  "[CClient_HTTP_MultiPart::Read()] m_obHTTPMultiPartResponseBuffer.HttpReadMulti(m_nSockfd %d) failed ::%d\n",
-                  m_nSockfd, ret);
+        TimePrint(
+            m_pDB, m_nLogLevel,
+            "[CClient_HTTP_MultiPart::Read()] m_obHTTPMultiPartResponseBuffer.HttpReadMulti(m_nSockfd %d) failed ::%d\n",
+            m_nSockfd, ret);
         DestroySock();
         return ret;
     }

@@ -22,7 +22,7 @@ bool span_equals_nocase(const unsigned char* p, int len, const char* text, int t
     return len == textLen && strncasecmp(reinterpret_cast<const char*>(p), text, textLen) == 0;
 }
 
-} // namespace
+}  // namespace
 
 HTTPMessageParser_Class::HTTPMessageParser_Class(DbPrintf_Class* pDB)
 {
@@ -216,7 +216,7 @@ int HTTPMessageParser_Class::Get_ProtocolVersion(DbPrintf_Class* pDB)
     if (GetToken_toNextChar('/', HTTP_TokenChar, &m_Protocol, pDB) != SUCCESS) {
         return NOTFOUND_PROTOCOLINFO;
     }
-    m_nPos++; // past "/"
+    m_nPos++;  // past "/"
     if (m_nPos >= m_nSize) {
         return NOTFOUND_PROTOCOLINFO;
     }
@@ -353,7 +353,7 @@ int HTTPMessageParser_Class::Parsing_OneHeaderLine(int* endOfHeader, DbPrintf_Cl
     if (rc != SUCCESS) {
         return rc;
     }
-    nameLen++; // the name keeps its colon
+    nameLen++;  // the name keeps its colon
     m_nPos++;
     const unsigned char* name = m_pBuf + nameStart;
 

@@ -87,14 +87,14 @@ public:
     int Parsing_HedderLine(DbPrintf_Class* pDB = nullptr);
 
     // Parse results; read them, do not write them.
-    char m_strError[ERROR_TEXT_SIZE]; // "" when no fault
-    int m_nStatus = 0;                // 0, 400 or 413
-    OneToken_Class m_Protocol;        // "HTTP" of "HTTP/1.1"
+    char m_strError[ERROR_TEXT_SIZE];  // "" when no fault
+    int m_nStatus = 0;                 // 0, 400 or 413
+    OneToken_Class m_Protocol;         // "HTTP" of "HTTP/1.1"
     int m_nMajorVersion = -1;
     int m_nMinorVersion = -1;
-    int Flag_HOST = 0; // 1 once a Host line was parsed
+    int Flag_HOST = 0;  // 1 once a Host line was parsed
     StaticArr_NameValToken_Class m_HeaderLines;
-    int m_nKeepAlive = 1; // 0 once "Connection: close" was parsed
+    int m_nKeepAlive = 1;  // 0 once "Connection: close" was parsed
 
     // Scanner state: next byte to examine, valid bytes, borrowed buffer.
     int m_nPos = 0;

@@ -38,7 +38,7 @@ int find_boundary(const OneToken_Class& contentType, char (&work)[256], const ch
     return NOTFOUND_ITEM;
 }
 
-} // namespace
+}  // namespace
 
 HTTPMultiPartResponseBuffer_Class::HTTPMultiPartResponseBuffer_Class()
 {

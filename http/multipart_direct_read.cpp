@@ -89,7 +89,7 @@ int read_part_head_exact(HTTPMultiPartResponseBuffer_Class& b, int fd, int timeo
     return SUCCESS;
 }
 
-} // namespace
+}  // namespace
 
 int HTTPMultiPartResponseBuffer_Class::HttpReadMultiInto(int fd, int timeout_ms, SockExitFlag* exitFlag, char* pDst,
                                                          int nDstSize, int* pReceived, DbPrintf_Class* pDB)

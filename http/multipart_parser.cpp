@@ -16,7 +16,8 @@ int HTTPMultiPartResponseParser_Class::ParsingMulti(unsigned char* buf, int size
     // puts more than CR LF after a part's data still parses.
     int rc = SkipRead_BeforeHTTPHeader_ReturnCode(pDB);
     if (rc != SUCCESS) {
-        return FailedStep(rc, pDB, "HTTPMultiPartResponseParser_Class::ParsingMulti", "Syntax error before HTTP Header.");
+        return FailedStep(rc, pDB, "HTTPMultiPartResponseParser_Class::ParsingMulti",
+                          "Syntax error before HTTP Header.");
     }
     rc = ReadLineText(pDB);
     if (rc != SUCCESS) {

@@ -43,8 +43,7 @@ int HTTPRequestBuffer_Class::HttpRead(int fd, int timeout_ms, SockExitFlag* exit
         m_nStatus = 200;
         return SUCCESS;
     }
-    case HTTPRequestParser_Class::METHOD_POST:
-        return ReadPostParams(fd, timeout_ms, exitFlag, pDB);
+    case HTTPRequestParser_Class::METHOD_POST: return ReadPostParams(fd, timeout_ms, exitFlag, pDB);
     default:
         TimePrint(pDB, 1, "[HTTPRequestBuffer_Class::HttpRead()] Unkown Method ::%d\n", HTTP_UNSUPPORT_METHOD);
         SetFailure(415, "Unkown Method.");

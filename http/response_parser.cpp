@@ -6,7 +6,9 @@
 #include "common/return_codes.h"
 #include "common/string_buf.h"
 
-HTTPResponseParser_Class::HTTPResponseParser_Class(DbPrintf_Class* pDB) : HTTPMessageParser_Class(pDB) {}
+HTTPResponseParser_Class::HTTPResponseParser_Class(DbPrintf_Class* pDB) : HTTPMessageParser_Class(pDB)
+{
+}
 
 HTTPResponseParser_Class::~HTTPResponseParser_Class() = default;
 

@@ -27,8 +27,8 @@ public:
     // m_strError set, or SUCCESS.
     int Parsing(unsigned char* buf, int size, DbPrintf_Class* pDB = nullptr);
 
-    int m_nStatusCode = 0; // the status line's code
-    OneToken_Class m_Text; // the reason phrase (or, for a part head, its boundary line)
+    int m_nStatusCode = 0;  // the status line's code
+    OneToken_Class m_Text;  // the reason phrase (or, for a part head, its boundary line)
 
 protected:
     // The status line, from the current position up to and past its LF.

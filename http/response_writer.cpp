@@ -87,8 +87,8 @@ int HttpResponse_GetStatesCode(const char** text, int code, DbPrintf_Class* /*pD
 }
 
 int HttpResponse_MakeMessage_Header(StringBuf_Class* out, int code, int minorVersion, int keepAlive,
-                                    const char* contentType, const char* extraHeaders,
-                                    int contentLength, DbPrintf_Class* pDB)
+                                    const char* contentType, const char* extraHeaders, int contentLength,
+                                    DbPrintf_Class* pDB)
 {
     if (out == nullptr) {
         return DEBUG_WARNING;
@@ -104,8 +104,7 @@ int HttpResponse_MakeMessage_Header(StringBuf_Class* out, int code, int minorVer
     // The error responses pass no content type; peers have always seen the
     // C library's "(null)" there, so it is written out explicitly.
     int rc = out->add("HTTP/1.%d %s\r\nDate: %s\r\nServer: %s\r\nContent-Type: %s\r\nPragma: no-cache\r\n",
-                      minorVersion, status, date, HTTP_SERVER_NAME,
-                      contentType != nullptr ? contentType : "(null)");
+                      minorVersion, status, date, HTTP_SERVER_NAME, contentType != nullptr ? contentType : "(null)");
     if (rc == SUCCESS && contentLength > 0) {
         rc = out->add("Content-Length: %d\r\n", contentLength);
     }
@@ -122,8 +121,8 @@ int HttpResponse_MakeMessage_Header(StringBuf_Class* out, int code, int minorVer
     return buffer_result(out, rc);
 }
 
-int HttpResponse_MakeMessage_WithStatesCodeBody(StringBuf_Class* out, int code, int minorVersion,
-                                                int keepAlive, DbPrintf_Class* pDB)
+int HttpResponse_MakeMessage_WithStatesCodeBody(StringBuf_Class* out, int code, int minorVersion, int keepAlive,
+                                                DbPrintf_Class* pDB)
 {
     if (out == nullptr) {
         return DEBUG_WARNING;
@@ -139,8 +138,7 @@ int HttpResponse_MakeMessage_WithStatesCodeBody(StringBuf_Class* out, int code, 
     // "text/html" goes in the extra-header place, not as the content type:
     // the head thus reads "Content-Type: (null)" followed later by a bare
     // "text/html". Peers expect exactly these bytes.
-    int rc = HttpResponse_MakeMessage_Header(out, code, minorVersion, keepAlive, nullptr, "text/html",
-                                             bodyLength, pDB);
+    int rc = HttpResponse_MakeMessage_Header(out, code, minorVersion, keepAlive, nullptr, "text/html", bodyLength, pDB);
     if (rc != SUCCESS) {
         return rc;
     }
@@ -148,9 +146,8 @@ int HttpResponse_MakeMessage_WithStatesCodeBody(StringBuf_Class* out, int code, 
     return buffer_result(out, rc);
 }
 
-int HttpResponse_SendMessage(int fd, const char* head, int headLength, const char* body,
-                             int bodyLength, int timeout_ms, SockExitFlag* exitFlag,
-                             DbPrintf_Class* pDB)
+int HttpResponse_SendMessage(int fd, const char* head, int headLength, const char* body, int bodyLength, int timeout_ms,
+                             SockExitFlag* exitFlag, DbPrintf_Class* pDB)
 {
     int sent = 0;
     // A body follows the head at once: both leave in one segment.

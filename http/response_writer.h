@@ -28,8 +28,8 @@ int HttpResponse_GetStatesCode(const char** text, int code, DbPrintf_Class* pDB 
 // (a buffer filled exactly to capacity - 1 counts as too small); a cut head
 // must not be sent.
 int HttpResponse_MakeMessage_Header(StringBuf_Class* out, int code, int minorVersion, int keepAlive,
-                                    const char* contentType, const char* extraHeaders,
-                                    int contentLength, DbPrintf_Class* pDB = nullptr);
+                                    const char* contentType, const char* extraHeaders, int contentLength,
+                                    DbPrintf_Class* pDB = nullptr);
 
 // Appends a complete error response to out: a head as above and the body
 // "<HTML><BODY><H1><status text></H1></BODY></HTML>". The head is built with a
@@ -37,16 +37,15 @@ int HttpResponse_MakeMessage_Header(StringBuf_Class* out, int code, int minorVer
 // the line "Content-Type: (null)" and the bare text "text/html" right before
 // the Connection line (or the blank line); peers read only the status line of
 // these replies. Return codes as HttpResponse_MakeMessage_Header.
-int HttpResponse_MakeMessage_WithStatesCodeBody(StringBuf_Class* out, int code, int minorVersion,
-                                                int keepAlive, DbPrintf_Class* pDB = nullptr);
+int HttpResponse_MakeMessage_WithStatesCodeBody(StringBuf_Class* out, int code, int minorVersion, int keepAlive,
+                                                DbPrintf_Class* pDB = nullptr);
 
 // Sends headLength bytes of head, then, if bodyLength >= 1, bodyLength bytes
 // of body, each with Sock_Send (timeout_ms, exitFlag). The body is never sent
 // after a failed head. SUCCESS or the first failing code of Sock_Send
 // (SOCK_TIMEOUT, SOCK_SIGPIPE, LOOP_INTERRUPTED, SYS_FUNC_ERROR, ...). The
 // buffers are only read; the body is sent from where it lies (no copy).
-int HttpResponse_SendMessage(int fd, const char* head, int headLength, const char* body,
-                             int bodyLength, int timeout_ms, SockExitFlag* exitFlag,
-                             DbPrintf_Class* pDB = nullptr);
+int HttpResponse_SendMessage(int fd, const char* head, int headLength, const char* body, int bodyLength, int timeout_ms,
+                             SockExitFlag* exitFlag, DbPrintf_Class* pDB = nullptr);
 
 #endif

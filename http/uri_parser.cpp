@@ -14,7 +14,7 @@ void set_span(OneToken_Class* token, const unsigned char* p, int len)
     }
 }
 
-} // namespace
+}  // namespace
 
 int HTTPURIParser_Class::Clear(DbPrintf_Class*)
 {

@@ -40,9 +40,9 @@ public:
     // target), DEBUG_WARNING for a null token.
     int Parsing(const OneToken_Class* uri, DbPrintf_Class* pDB = nullptr);
 
-    int Flag_URI_States = 0;    // 1: scheme present; 2: no scheme; 0: not parsed
-    int Flag_Have_CGIParam = 0; // 2: a "?" was present; 1: none; 0: not parsed
-    OneToken_Class Protocol;    // the scheme without its colon
+    int Flag_URI_States = 0;     // 1: scheme present; 2: no scheme; 0: not parsed
+    int Flag_Have_CGIParam = 0;  // 2: a "?" was present; 1: none; 0: not parsed
+    OneToken_Class Protocol;     // the scheme without its colon
     OneToken_Class Path;
     OneToken_Class FileName;
     OneToken_Class CGIParam;

@@ -104,8 +104,7 @@ int SIGUSER1_Ignores(DbPrintf_Class* pDB)
 
 int Set_IgnoresSignals_ForThisProgram(DbPrintf_Class* pDB)
 {
-    static const int kSignals[] = {SIGQUIT, SIGTSTP, SIGPIPE, SIGUSR1,
-                                   SIGUSR2, SIGCHLD, SIGTRAP, SIGHUP};
+    static const int kSignals[] = {SIGQUIT, SIGTSTP, SIGPIPE, SIGUSR1, SIGUSR2, SIGCHLD, SIGTRAP, SIGHUP};
     for (int sig : kSignals) {
         Set_IgnoresSignal(sig, pDB);
     }

@@ -50,12 +50,9 @@ int wait_fd(int fd, short events, int timeout_ms, short* revents)
 int map_errno(int err)
 {
     switch (err) {
-    case EINTR:
-        return SOCK_INTERRUPT;
-    case EPIPE:
-        return SOCK_SIGPIPE;
-    default:
-        return SYS_FUNC_ERROR;
+    case EINTR: return SOCK_INTERRUPT;
+    case EPIPE: return SOCK_SIGPIPE;
+    default: return SYS_FUNC_ERROR;
     }
 }
 
@@ -89,8 +86,8 @@ bool make_inet_addr(const char* text, unsigned short port, sockaddr_in* out)
 
 // The loop of Sock_Recv and Sock_Recv_TxtMsg. scanNul: end at a NUL in a
 // block (not at its first byte); pauseUsec: sleep between passes (0: none).
-int recv_loop(int fd, char* buf, int len, int* got, int timeout_ms, int flags,
-              SockExitFlag* exitFlag, bool scanNul, long long pauseUsec)
+int recv_loop(int fd, char* buf, int len, int* got, int timeout_ms, int flags, SockExitFlag* exitFlag, bool scanNul,
+              long long pauseUsec)
 {
     int total = 0;
     long long counted = 0;
@@ -236,8 +233,7 @@ int Sock_Open(const sockaddr* local, unsigned /*addrlen*/, int* fd, DbPrintf_Cla
     return SUCCESS;
 }
 
-int Sock_Connect(int fd, const sockaddr* remote, unsigned addrlen, int timeout_ms,
-                 DbPrintf_Class* /*pDB*/)
+int Sock_Connect(int fd, const sockaddr* remote, unsigned addrlen, int timeout_ms, DbPrintf_Class* /*pDB*/)
 {
     if (remote == nullptr) {
         return DEBUG_WARNING;
@@ -268,16 +264,14 @@ int Sock_Connect(int fd, const sockaddr* remote, unsigned addrlen, int timeout_m
     return pending != 0 ? SOCK_CONNECT_FAIL : SUCCESS;
 }
 
-int Sock_OpenConnect(sockaddr_in* local, sockaddr_in* remote, int* fd, int timeout_ms,
-                     DbPrintf_Class* pDB)
+int Sock_OpenConnect(sockaddr_in* local, sockaddr_in* remote, int* fd, int timeout_ms, DbPrintf_Class* pDB)
 {
     if (local == nullptr || remote == nullptr || fd == nullptr) {
         return DEBUG_WARNING;
     }
     int rc = Sock_Open(reinterpret_cast<const sockaddr*>(local), kInetAddrLen, fd, pDB);
     if (rc == SUCCESS) {
-        rc = Sock_Connect(*fd, reinterpret_cast<const sockaddr*>(remote), kInetAddrLen,
-                          timeout_ms, pDB);
+        rc = Sock_Connect(*fd, reinterpret_cast<const sockaddr*>(remote), kInetAddrLen, timeout_ms, pDB);
     }
     if (rc != SUCCESS) {
         if (*fd != -1) {
@@ -288,8 +282,8 @@ int Sock_OpenConnect(sockaddr_in* local, sockaddr_in* remote, int* fd, int timeo
     return rc;
 }
 
-int Sock_OpenConnect_String(const char* myselfIp, const char* targetIp, unsigned short port,
-                            int* fd, int timeout_ms, DbPrintf_Class* pDB)
+int Sock_OpenConnect_String(const char* myselfIp, const char* targetIp, unsigned short port, int* fd, int timeout_ms,
+                            DbPrintf_Class* pDB)
 {
     if (fd == nullptr) {
         return DEBUG_WARNING;
@@ -314,15 +308,13 @@ int Sock_Open_String(const char* localIp, int* fd, DbPrintf_Class* pDB)
     return Sock_Open(reinterpret_cast<const sockaddr*>(&local), kInetAddrLen, fd, pDB);
 }
 
-int Sock_Connect_String(const char* ip, unsigned short port, int fd, int timeout_ms,
-                        DbPrintf_Class* pDB)
+int Sock_Connect_String(const char* ip, unsigned short port, int fd, int timeout_ms, DbPrintf_Class* pDB)
 {
     sockaddr_in remote;
     if (!make_inet_addr(ip, port, &remote)) {
         return SYS_FUNC_ERROR;
     }
-    return Sock_Connect(fd, reinterpret_cast<const sockaddr*>(&remote), kInetAddrLen,
-                        timeout_ms, pDB);
+    return Sock_Connect(fd, reinterpret_cast<const sockaddr*>(&remote), kInetAddrLen, timeout_ms, pDB);
 }
 
 int Sock_Close(int fd, DbPrintf_Class* /*pDB*/)
@@ -334,8 +326,7 @@ int Sock_Close(int fd, DbPrintf_Class* /*pDB*/)
 
 // ---- Receiving ---------------------------------------------------------------
 
-int Sock_Recv_OneBlock(int fd, void* buf, int len, int* got, int timeout_ms, int flags,
-                       DbPrintf_Class* /*pDB*/)
+int Sock_Recv_OneBlock(int fd, void* buf, int len, int* got, int timeout_ms, int flags, DbPrintf_Class* /*pDB*/)
 {
     // The receive is tried first, without waiting: when bytes (or a close,
     // or a pending error) are already there, the wait would return at once
@@ -386,29 +377,27 @@ int Sock_Recv_OneBlock(int fd, void* buf, int len, int* got, int timeout_ms, int
     return SOCK_READ_FAIL;
 }
 
-int Sock_Recv(int fd, void* buf, int len, int* got, int timeout_ms, int flags,
-              SockExitFlag* exitFlag, DbPrintf_Class* /*pDB*/)
+int Sock_Recv(int fd, void* buf, int len, int* got, int timeout_ms, int flags, SockExitFlag* exitFlag,
+              DbPrintf_Class* /*pDB*/)
 {
     if (got == nullptr || (buf == nullptr && len > 0)) {
         return DEBUG_WARNING;
     }
     const long long pause = (flags & MSG_DONTWAIT) ? kRecvPauseUsec : 0;
-    return recv_loop(fd, static_cast<char*>(buf), len, got, timeout_ms, flags, exitFlag,
-                     false, pause);
+    return recv_loop(fd, static_cast<char*>(buf), len, got, timeout_ms, flags, exitFlag, false, pause);
 }
 
-int Sock_Recv_TxtMsg(int fd, void* buf, int len, int* got, int timeout_ms,
-                     SockExitFlag* exitFlag, DbPrintf_Class* /*pDB*/)
+int Sock_Recv_TxtMsg(int fd, void* buf, int len, int* got, int timeout_ms, SockExitFlag* exitFlag,
+                     DbPrintf_Class* /*pDB*/)
 {
     if (got == nullptr || (buf == nullptr && len > 0)) {
         return DEBUG_WARNING;
     }
-    return recv_loop(fd, static_cast<char*>(buf), len, got, timeout_ms, SOCK_FIXED_FLAGS,
-                     exitFlag, true, 0);
+    return recv_loop(fd, static_cast<char*>(buf), len, got, timeout_ms, SOCK_FIXED_FLAGS, exitFlag, true, 0);
 }
 
-int Sock_PeekRecv(int fd, void* buf, int len, int need, int* got, int timeout_ms,
-                  SockExitFlag* exitFlag, DbPrintf_Class* /*pDB*/)
+int Sock_PeekRecv(int fd, void* buf, int len, int need, int* got, int timeout_ms, SockExitFlag* exitFlag,
+                  DbPrintf_Class* /*pDB*/)
 {
     if (got == nullptr || buf == nullptr) {
         return DEBUG_WARNING;
@@ -455,8 +444,7 @@ int Sock_Read(int fd, void* buf, int len, int* got, DbPrintf_Class* /*pDB*/)
     int total = 0;
     while (total < len) {
         int n = 0;
-        const int rc = Sock_Recv_OneBlock(fd, p + total, len - total, &n, kSimplePassMs,
-                                          SOCK_FIXED_FLAGS);
+        const int rc = Sock_Recv_OneBlock(fd, p + total, len - total, &n, kSimplePassMs, SOCK_FIXED_FLAGS);
         if (rc == SOCK_TIMEOUT) {
             *got = total;
             return SOCK_TIMEOUT;
@@ -473,8 +461,7 @@ int Sock_Read(int fd, void* buf, int len, int* got, DbPrintf_Class* /*pDB*/)
     return SUCCESS;
 }
 
-int Sock_Read_OneBlock(int fd, void* buf, int len, int* got, int timeout_ms,
-                       DbPrintf_Class* /*pDB*/)
+int Sock_Read_OneBlock(int fd, void* buf, int len, int* got, int timeout_ms, DbPrintf_Class* /*pDB*/)
 {
     if (wait_fd(fd, POLLIN, timeout_ms, nullptr) < 1) {
         return SOCK_TIMEOUT;
@@ -498,8 +485,7 @@ int Sock_Read_OneBlock(int fd, void* buf, int len, int* got, int timeout_ms,
 
 // ---- Sending -----------------------------------------------------------------
 
-int Sock_Send_OneBlock(int fd, const void* buf, int len, int* sent, int timeout_ms, int flags,
-                       DbPrintf_Class* /*pDB*/)
+int Sock_Send_OneBlock(int fd, const void* buf, int len, int* sent, int timeout_ms, int flags, DbPrintf_Class* /*pDB*/)
 {
     if (sent == nullptr) {
         return DEBUG_WARNING;
@@ -525,8 +511,7 @@ int Sock_Send_OneBlock(int fd, const void* buf, int len, int* sent, int timeout_
 namespace {
 
 // The loop of Sock_Send and Sock_SendMore; extraFlags go to every send.
-int send_loop(int fd, const void* buf, int len, int* sent, int timeout_ms, SockExitFlag* exitFlag,
-              int extraFlags)
+int send_loop(int fd, const void* buf, int len, int* sent, int timeout_ms, SockExitFlag* exitFlag, int extraFlags)
 {
     if (sent == nullptr || (buf == nullptr && len > 0)) {
         return DEBUG_WARNING;
@@ -541,8 +526,7 @@ int send_loop(int fd, const void* buf, int len, int* sent, int timeout_ms, SockE
             return LOOP_INTERRUPTED;
         }
         int n = 0;
-        const int rc = Sock_Send_OneBlock(fd, p + total, len - total, &n, timeout_ms,
-                                          SOCK_FIXED_FLAGS | extraFlags);
+        const int rc = Sock_Send_OneBlock(fd, p + total, len - total, &n, timeout_ms, SOCK_FIXED_FLAGS | extraFlags);
         if (rc == SOCK_INTERRUPT && Sock_ExitRequested(exitFlag)) {
             *sent = total;
             return LOOP_INTERRUPTED;
@@ -563,16 +547,16 @@ int send_loop(int fd, const void* buf, int len, int* sent, int timeout_ms, SockE
     }
 }
 
-} // namespace
+}  // namespace
 
-int Sock_Send(int fd, const void* buf, int len, int* sent, int timeout_ms,
-              SockExitFlag* exitFlag, DbPrintf_Class* /*pDB*/)
+int Sock_Send(int fd, const void* buf, int len, int* sent, int timeout_ms, SockExitFlag* exitFlag,
+              DbPrintf_Class* /*pDB*/)
 {
     return send_loop(fd, buf, len, sent, timeout_ms, exitFlag, 0);
 }
 
-int Sock_SendMore(int fd, const void* buf, int len, int* sent, int timeout_ms,
-                  SockExitFlag* exitFlag, DbPrintf_Class* /*pDB*/)
+int Sock_SendMore(int fd, const void* buf, int len, int* sent, int timeout_ms, SockExitFlag* exitFlag,
+                  DbPrintf_Class* /*pDB*/)
 {
     return send_loop(fd, buf, len, sent, timeout_ms, exitFlag, MSG_MORE);
 }
@@ -586,8 +570,7 @@ int Sock_Write(int fd, const void* buf, int len, int* sent, DbPrintf_Class* /*pD
     int total = 0;
     while (total < len) {
         int n = 0;
-        const int rc = Sock_Send_OneBlock(fd, p + total, len - total, &n, kSimplePassMs,
-                                          SOCK_FIXED_FLAGS);
+        const int rc = Sock_Send_OneBlock(fd, p + total, len - total, &n, kSimplePassMs, SOCK_FIXED_FLAGS);
         if (rc != SUCCESS) {
             return rc;
         }
@@ -600,8 +583,7 @@ int Sock_Write(int fd, const void* buf, int len, int* sent, DbPrintf_Class* /*pD
     return SUCCESS;
 }
 
-int Sock_Write_OneBlock(int fd, const void* buf, int len, int* sent, int timeout_ms,
-                        DbPrintf_Class* /*pDB*/)
+int Sock_Write_OneBlock(int fd, const void* buf, int len, int* sent, int timeout_ms, DbPrintf_Class* /*pDB*/)
 {
     errno = 0;
     const ssize_t r = write(fd, buf, static_cast<size_t>(len < 0 ? 0 : len));
@@ -629,8 +611,7 @@ int Get_IP4Addr_Nic(int fd, in_addr* addr, unsigned short* port, DbPrintf_Class*
     return get_inet_name(fd, false, addr, port);
 }
 
-int GetString_IPAddr(char* dst, int dstSize, const in_addr* addr, unsigned short port,
-                     DbPrintf_Class* /*pDB*/)
+int GetString_IPAddr(char* dst, int dstSize, const in_addr* addr, unsigned short port, DbPrintf_Class* /*pDB*/)
 {
     if (dst == nullptr || addr == nullptr || dstSize < 0) {
         return DEBUG_WARNING;

@@ -50,28 +50,25 @@ int Sock_Open(const sockaddr* local, unsigned addrlen, int* fd, DbPrintf_Class* 
 // Connects the non-blocking socket fd, waiting at most timeout_ms.
 // SUCCESS, SOCK_CONNECT_FAIL (refused, unreachable, ...), SOCK_TIMEOUT,
 // SOCK_INTERRUPT (the wait was broken by a signal), SYS_FUNC_ERROR.
-int Sock_Connect(int fd, const sockaddr* remote, unsigned addrlen, int timeout_ms,
-                 DbPrintf_Class* pDB = nullptr);
+int Sock_Connect(int fd, const sockaddr* remote, unsigned addrlen, int timeout_ms, DbPrintf_Class* pDB = nullptr);
 
 // Sock_Open then Sock_Connect. On failure of either the socket is closed and
 // *fd becomes -1; on SUCCESS *fd holds the connected descriptor (the caller
 // owns it and closes it with Sock_Close).
-int Sock_OpenConnect(sockaddr_in* local, sockaddr_in* remote, int* fd, int timeout_ms,
-                     DbPrintf_Class* pDB = nullptr);
+int Sock_OpenConnect(sockaddr_in* local, sockaddr_in* remote, int* fd, int timeout_ms, DbPrintf_Class* pDB = nullptr);
 
 // The text form the HTTP clients use: myselfIp and targetIp are dotted IPv4
 // texts ("0.0.0.0" binds to any interface), port is in host order. A text
 // that is not a dotted IPv4 address gives SYS_FUNC_ERROR before any socket is
 // made (*fd untouched). Otherwise as Sock_OpenConnect.
-int Sock_OpenConnect_String(const char* myselfIp, const char* targetIp, unsigned short port,
-                            int* fd, int timeout_ms, DbPrintf_Class* pDB = nullptr);
+int Sock_OpenConnect_String(const char* myselfIp, const char* targetIp, unsigned short port, int* fd, int timeout_ms,
+                            DbPrintf_Class* pDB = nullptr);
 
 // The two steps of Sock_OpenConnect_String separately. Sock_Open_String
 // leaves *fd as Sock_Open does on failure (the caller closes a descriptor
 // that is not -1).
 int Sock_Open_String(const char* localIp, int* fd, DbPrintf_Class* pDB = nullptr);
-int Sock_Connect_String(const char* ip, unsigned short port, int fd, int timeout_ms,
-                        DbPrintf_Class* pDB = nullptr);
+int Sock_Connect_String(const char* ip, unsigned short port, int fd, int timeout_ms, DbPrintf_Class* pDB = nullptr);
 
 // close(fd); always SUCCESS.
 int Sock_Close(int fd, DbPrintf_Class* pDB = nullptr);
@@ -108,8 +105,7 @@ bool Sock_RecvPassTimeUp(long long passUsec, bool silent, int timeout_ms, long l
 // SOCK_TIMEOUT (*got untouched), SOCK_INTERRUPT (a signal broke the wait, or
 // the recv: then *got = 0), SYS_FUNC_ERROR (the wait failed), SOCK_READ_FAIL
 // (any other recv failure, EAGAIN included). got may be null.
-int Sock_Recv_OneBlock(int fd, void* buf, int len, int* got, int timeout_ms, int flags,
-                       DbPrintf_Class* pDB = nullptr);
+int Sock_Recv_OneBlock(int fd, void* buf, int len, int* got, int timeout_ms, int flags, DbPrintf_Class* pDB = nullptr);
 
 // Fills buf with up to len bytes in passes of Sock_Recv_OneBlock.
 // SUCCESS with *got = total when len bytes arrived or the peer closed
@@ -120,8 +116,8 @@ int Sock_Recv_OneBlock(int fd, void* buf, int len, int* got, int timeout_ms, int
 // Sock_RecvPassTimeUp. With MSG_DONTWAIT in flags, 10 ms pass between
 // passes. Other failures are returned as they are, *got not written. len 0:
 // SUCCESS, *got = 0, the socket is not touched.
-int Sock_Recv(int fd, void* buf, int len, int* got, int timeout_ms, int flags,
-              SockExitFlag* exitFlag, DbPrintf_Class* pDB = nullptr);
+int Sock_Recv(int fd, void* buf, int len, int* got, int timeout_ms, int flags, SockExitFlag* exitFlag,
+              DbPrintf_Class* pDB = nullptr);
 
 // Receives a NUL-terminated text message with the fixed flags, as Sock_Recv
 // (a silent wait of timeout_ms ends it with SOCK_TIMEOUT) but without the
@@ -130,16 +126,16 @@ int Sock_Recv(int fd, void* buf, int len, int* got, int timeout_ms, int flags,
 // looked at); at a NUL the call ends with SUCCESS and *got counting the whole
 // block, bytes after the NUL included. A close or a full buffer also end it
 // with SUCCESS.
-int Sock_Recv_TxtMsg(int fd, void* buf, int len, int* got, int timeout_ms,
-                     SockExitFlag* exitFlag, DbPrintf_Class* pDB = nullptr);
+int Sock_Recv_TxtMsg(int fd, void* buf, int len, int* got, int timeout_ms, SockExitFlag* exitFlag,
+                     DbPrintf_Class* pDB = nullptr);
 
 // Polls with MSG_PEEK (every 20 ms) until more than `need` bytes can be
 // peeked into buf (SUCCESS, *got = bytes visible, nothing consumed) or the
 // peer closed (SUCCESS, *got = 0). Time accounting as Sock_Recv:
 // SOCK_TIMEOUT with *got = last peeked count. LOOP_INTERRUPTED when the exit
 // flag is -1. Other failures are returned as they are.
-int Sock_PeekRecv(int fd, void* buf, int len, int need, int* got, int timeout_ms,
-                  SockExitFlag* exitFlag, DbPrintf_Class* pDB = nullptr);
+int Sock_PeekRecv(int fd, void* buf, int len, int need, int* got, int timeout_ms, SockExitFlag* exitFlag,
+                  DbPrintf_Class* pDB = nullptr);
 
 // Simple reader: passes of Sock_Recv_OneBlock (2000 ms, fixed flags) until
 // len bytes or a close (SUCCESS, *got = total); SOCK_TIMEOUT with *got =
@@ -149,8 +145,7 @@ int Sock_Read(int fd, void* buf, int len, int* got, DbPrintf_Class* pDB = nullpt
 // One wait for readability then one read(). Any wait result below 1 (errors
 // included) is SOCK_TIMEOUT. SUCCESS with *got = bytes (a reset gives 0);
 // SOCK_READ_FAIL for other read errors.
-int Sock_Read_OneBlock(int fd, void* buf, int len, int* got, int timeout_ms,
-                       DbPrintf_Class* pDB = nullptr);
+int Sock_Read_OneBlock(int fd, void* buf, int len, int* got, int timeout_ms, DbPrintf_Class* pDB = nullptr);
 
 // ---- Sending -----------------------------------------------------------------
 
@@ -167,15 +162,15 @@ int Sock_Send_OneBlock(int fd, const void* buf, int len, int* sent, int timeout_
 // SOCK_TIMEOUT with the count so far once the wall time since the call
 // began reaches timeout_ms. Other failures (SOCK_SIGPIPE, ...) are returned
 // at once, *sent not written. No pause between passes.
-int Sock_Send(int fd, const void* buf, int len, int* sent, int timeout_ms,
-              SockExitFlag* exitFlag, DbPrintf_Class* pDB = nullptr);
+int Sock_Send(int fd, const void* buf, int len, int* sent, int timeout_ms, SockExitFlag* exitFlag,
+              DbPrintf_Class* pDB = nullptr);
 
 // As Sock_Send, but tells the system that more bytes follow at once
 // (MSG_MORE), so that a short head and the body sent right after it leave
 // in one segment instead of two. Use it only when the next send on the
 // socket follows without delay: the bytes wait for it (or for the close).
-int Sock_SendMore(int fd, const void* buf, int len, int* sent, int timeout_ms,
-                  SockExitFlag* exitFlag, DbPrintf_Class* pDB = nullptr);
+int Sock_SendMore(int fd, const void* buf, int len, int* sent, int timeout_ms, SockExitFlag* exitFlag,
+                  DbPrintf_Class* pDB = nullptr);
 
 // Simple writer: passes of Sock_Send_OneBlock (2000 ms, fixed flags) until
 // len bytes or a pass that sent 0 (SUCCESS, *sent = total); any failure,
@@ -185,8 +180,7 @@ int Sock_Write(int fd, const void* buf, int len, int* sent, DbPrintf_Class* pDB 
 // One write() (failure: SYS_FUNC_ERROR), then one wait for writability
 // (nothing within timeout_ms: SOCK_TIMEOUT; otherwise SUCCESS with *sent).
 // Unlike the send functions, a write to a closed peer may raise SIGPIPE.
-int Sock_Write_OneBlock(int fd, const void* buf, int len, int* sent, int timeout_ms,
-                        DbPrintf_Class* pDB = nullptr);
+int Sock_Write_OneBlock(int fd, const void* buf, int len, int* sent, int timeout_ms, DbPrintf_Class* pDB = nullptr);
 
 // ---- Addresses ---------------------------------------------------------------
 
@@ -199,7 +193,6 @@ int Get_IP4Addr_Nic(int fd, in_addr* addr, unsigned short* port, DbPrintf_Class*
 // Writes "<dotted address> :<port>" into dst (cut to dstSize as snprintf
 // does). port is in network order. SYS_FUNC_ERROR when the address cannot be
 // converted, else SUCCESS.
-int GetString_IPAddr(char* dst, int dstSize, const in_addr* addr, unsigned short port,
-                     DbPrintf_Class* pDB = nullptr);
+int GetString_IPAddr(char* dst, int dstSize, const in_addr* addr, unsigned short port, DbPrintf_Class* pDB = nullptr);
 
 #endif

@@ -24,14 +24,8 @@ constexpr time_t kBaseSleepSec = 15;
 // ThreadControlElement
 
 ThreadControlElement::ThreadControlElement()
-    : m_pName("ThreadControlElement"),
-      m_nState(0),
-      m_nCommand(0),
-      m_ThreadId(0),
-      m_pDB(nullptr),
-      m_pOwner(nullptr),
-      m_nIndex(-1),
-      m_nExitMark(0)
+    : m_pName("ThreadControlElement"), m_nState(0), m_nCommand(0), m_ThreadId(0), m_pDB(nullptr), m_pOwner(nullptr),
+      m_nIndex(-1), m_nExitMark(0)
 {
 }
 
@@ -86,11 +80,9 @@ void* ThreadControlElement_ThreadLoop(void* pElement)
 // ---------------------------------------------------------------------------
 // ThreadControlArr
 
-ThreadControlArr::ThreadControlArr()
-    : m_ppThreadArr(nullptr), m_nArrSize(0)
+ThreadControlArr::ThreadControlArr() : m_ppThreadArr(nullptr), m_nArrSize(0)
 {
-    m_ppThreadArr = static_cast<ThreadControlElement**>(
-        calloc(kPoolGrowth, sizeof(ThreadControlElement*)));
+    m_ppThreadArr = static_cast<ThreadControlElement**>(calloc(kPoolGrowth, sizeof(ThreadControlElement*)));
     if (m_ppThreadArr != nullptr) {
         m_nArrSize = kPoolGrowth;
     }

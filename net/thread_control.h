@@ -37,14 +37,14 @@ public:
 
     // Fields shared between the pool's thread and the element's thread are
     // atomics; the others are written before the thread starts.
-    const char* m_pName;             // class name
-    std::atomic<int> m_nState;       // 0 created, 1 running, -1 finished
-    std::atomic<int> m_nCommand;     // 0 normally, -1 asks the thread to stop
+    const char* m_pName;                // class name
+    std::atomic<int> m_nState;          // 0 created, 1 running, -1 finished
+    std::atomic<int> m_nCommand;        // 0 normally, -1 asks the thread to stop
     std::atomic<pthread_t> m_ThreadId;  // 0 until the thread is created
-    DbPrintf_Class* m_pDB;           // owned; deleted with the element if set
-    ThreadControlArr* m_pOwner;      // the pool holding the element
-    int m_nIndex;                    // slot in the pool, -1 until started
-    std::atomic<int> m_nExitMark;    // -1 once ThreadMain is leaving
+    DbPrintf_Class* m_pDB;              // owned; deleted with the element if set
+    ThreadControlArr* m_pOwner;         // the pool holding the element
+    int m_nIndex;                       // slot in the pool, -1 until started
+    std::atomic<int> m_nExitMark;       // -1 once ThreadMain is leaving
 };
 
 // Entry function of every worker thread (argument: the element). Detaches

@@ -21,20 +21,17 @@ enum class JpegColour { kGrey, kYCbCr420 };
 // grey (kGrey) or width*height*3 bytes of interleaved RGB (kYCbCr420), row
 // by row. quality is clamped to 1..100. Returns an empty vector when the
 // size is outside 1..65535 or pixels is null.
-std::vector<uint8_t> EncodeJpeg(const uint8_t* pixels, int width, int height,
-                                JpegColour colour, int quality);
+std::vector<uint8_t> EncodeJpeg(const uint8_t* pixels, int width, int height, JpegColour colour, int quality);
 
 // Draws the simulator's test picture as interleaved RGB: diagonal colour
 // bands and a bright square that move with frameNo, and frameNo written in
 // large digits. `detail` (0..255) adds that much pseudo-random texture,
 // which makes the compressed picture larger; the texture is the same for
 // the same frameNo, so pictures are reproducible.
-std::vector<uint8_t> MakeTestPattern(int width, int height, uint64_t frameNo,
-                                     int detail);
+std::vector<uint8_t> MakeTestPattern(int width, int height, uint64_t frameNo, int detail);
 
 // Convenience: MakeTestPattern followed by EncodeJpeg in colour.
-std::vector<uint8_t> MakeTestJpeg(int width, int height, uint64_t frameNo,
-                                  int quality, int detail);
+std::vector<uint8_t> MakeTestJpeg(int width, int height, uint64_t frameNo, int quality, int detail);
 
 }  // namespace otools
 

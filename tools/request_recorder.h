@@ -20,27 +20,27 @@
 namespace otools {
 
 class RequestRecorder {
- public:
-  RequestRecorder() = default;
-  ~RequestRecorder();
-  RequestRecorder(const RequestRecorder&) = delete;
-  RequestRecorder& operator=(const RequestRecorder&) = delete;
+public:
+    RequestRecorder() = default;
+    ~RequestRecorder();
+    RequestRecorder(const RequestRecorder&) = delete;
+    RequestRecorder& operator=(const RequestRecorder&) = delete;
 
-  // path empty = no file. False (with *err) if the file cannot be opened.
-  bool Open(const std::string& path, bool toStdout, std::string* err);
-  void Record(const std::string& peer, const std::string& raw);
-  int Count() const;
+    // path empty = no file. False (with *err) if the file cannot be opened.
+    bool Open(const std::string& path, bool toStdout, std::string* err);
+    void Record(const std::string& peer, const std::string& raw);
+    int Count() const;
 
- private:
-  mutable std::mutex mu_;
-  FILE* file_ = nullptr;  // guarded by mu_
-  bool stdout_ = false;
-  int count_ = 0;  // guarded by mu_
+private:
+    mutable std::mutex mu_;
+    FILE* file_ = nullptr;  // guarded by mu_
+    bool stdout_ = false;
+    int count_ = 0;  // guarded by mu_
 };
 
 struct RecordedRequest {
-  std::string header;  // the "#REQUEST ..." line without its LF
-  std::string raw;
+    std::string header;  // the "#REQUEST ..." line without its LF
+    std::string raw;
 };
 
 // Reads a record file back; stops at the first malformed record.

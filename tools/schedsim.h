@@ -24,39 +24,39 @@
 namespace otools {
 
 struct SchedSimConfig {
-  std::string host = "127.0.0.1";
-  int port = 80;
-  int status = 0;         // forced answer status; 0 = decide from the request
-  int bodyBytes = -1;     // body of exactly this size; -1 = the normal text
-  bool noLength = false;  // leave out Content-Length
-  int delayMs = 0;        // wait before answering
-  bool silent = false;    // read the request, then close without answering
-  std::string recordPath;
-  bool recordStdout = true;
-  bool quiet = false;
-  int requestTimeoutMs = 10000;
+    std::string host = "127.0.0.1";
+    int port = 80;
+    int status = 0;         // forced answer status; 0 = decide from the request
+    int bodyBytes = -1;     // body of exactly this size; -1 = the normal text
+    bool noLength = false;  // leave out Content-Length
+    int delayMs = 0;        // wait before answering
+    bool silent = false;    // read the request, then close without answering
+    std::string recordPath;
+    bool recordStdout = true;
+    bool quiet = false;
+    int requestTimeoutMs = 10000;
 };
 
 class SchedSim {
- public:
-  explicit SchedSim(SchedSimConfig cfg) : cfg_(std::move(cfg)) {}
-  ~SchedSim() { Stop(); }
+public:
+    explicit SchedSim(SchedSimConfig cfg) : cfg_(std::move(cfg)) {}
+    ~SchedSim() { Stop(); }
 
-  bool Start(std::string* err);
-  void Stop() { server_.Stop(); }
+    bool Start(std::string* err);
+    void Stop() { server_.Stop(); }
 
-  int Port() const { return server_.Port(); }
-  int Requests() const { return recorder_.Count(); }
-  // Well-formed stop requests received.
-  int Stops() const { return stops_.load(std::memory_order_relaxed); }
+    int Port() const { return server_.Port(); }
+    int Requests() const { return recorder_.Count(); }
+    // Well-formed stop requests received.
+    int Stops() const { return stops_.load(std::memory_order_relaxed); }
 
- private:
-  void serve(int fd, const std::string& peer, int connNo);
+private:
+    void serve(int fd, const std::string& peer, int connNo);
 
-  const SchedSimConfig cfg_;
-  RequestRecorder recorder_;
-  TcpServer server_;
-  std::atomic<int> stops_{0};
+    const SchedSimConfig cfg_;
+    RequestRecorder recorder_;
+    TcpServer server_;
+    std::atomic<int> stops_{0};
 };
 
 }  // namespace otools

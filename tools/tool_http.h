@@ -12,14 +12,14 @@
 namespace otools {
 
 struct HttpHead {
-  // Request: method, target, version ("HTTP/1.0"). Response: version,
-  // status code, reason.
-  std::string method, target, version, reason;
-  int status = 0;
-  std::vector<std::pair<std::string, std::string>> headers;  // name without ':'
+    // Request: method, target, version ("HTTP/1.0"). Response: version,
+    // status code, reason.
+    std::string method, target, version, reason;
+    int status = 0;
+    std::vector<std::pair<std::string, std::string>> headers;  // name without ':'
 
-  // First header of that name (case-insensitive), or null.
-  const std::string* Find(const std::string& name) const;
+    // First header of that name (case-insensitive), or null.
+    const std::string* Find(const std::string& name) const;
 };
 
 // Parse a complete head (as ReadHttpHead returns it). Lines may end in
@@ -34,8 +34,7 @@ void SplitTarget(const std::string& target, std::string* path, std::string* quer
 std::vector<std::pair<std::string, std::string>> SplitQuery(const std::string& query);
 
 // Value of `name` in pairs, or null.
-const std::string* FindParam(const std::vector<std::pair<std::string, std::string>>& params,
-                             const std::string& name);
+const std::string* FindParam(const std::vector<std::pair<std::string, std::string>>& params, const std::string& name);
 
 // Standard Base64 (RFC 4648, '+' and '/', '=' padding).
 std::string Base64Encode(const std::string& in);

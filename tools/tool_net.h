@@ -46,8 +46,8 @@ int AcceptOrStop(int listenFd, const std::atomic<bool>& stop, std::string* peer)
 // Connects to host:port within timeoutMs, first binding bindAddr (and
 // bindPort when it is non-zero) when bindAddr is non-empty. Returns the
 // descriptor (blocking mode) or -1 with *err set.
-int ConnectTcp(const std::string& host, int port, const std::string& bindAddr, int timeoutMs,
-               std::string* err, int bindPort = 0);
+int ConnectTcp(const std::string& host, int port, const std::string& bindAddr, int timeoutMs, std::string* err,
+               int bindPort = 0);
 
 enum class IoResult { kOk, kTimeout, kClosed, kError, kStopped };
 const char* IoResultName(IoResult r);
@@ -55,23 +55,20 @@ const char* IoResultName(IoResult r);
 // Sends every byte of the iovec array (which it may modify) within
 // timeoutMs overall. MSG_NOSIGNAL: a closed peer gives kError, not SIGPIPE.
 IoResult SendAllV(int fd, iovec* iov, int iovcnt, int timeoutMs, const std::atomic<bool>& stop);
-IoResult SendAll(int fd, const void* data, size_t len, int timeoutMs,
-                 const std::atomic<bool>& stop);
+IoResult SendAll(int fd, const void* data, size_t len, int timeoutMs, const std::atomic<bool>& stop);
 
 // Receives until the buffer holds an HTTP head (ended by CR LF CR LF or by
 // LF LF); *head gets the head including its blank line, *rest whatever came
 // after it. kError also when more than maxBytes arrive without a head end.
-IoResult ReadHttpHead(int fd, size_t maxBytes, int timeoutMs, const std::atomic<bool>& stop,
-                      std::string* head, std::string* rest);
+IoResult ReadHttpHead(int fd, size_t maxBytes, int timeoutMs, const std::atomic<bool>& stop, std::string* head,
+                      std::string* rest);
 
 // Appends received bytes to *out until the peer closes (kOk), maxBytes are
 // held (kError), or the time runs out.
-IoResult ReadUntilClose(int fd, size_t maxBytes, int timeoutMs, const std::atomic<bool>& stop,
-                        std::string* out);
+IoResult ReadUntilClose(int fd, size_t maxBytes, int timeoutMs, const std::atomic<bool>& stop, std::string* out);
 
 // Receives exactly `len` more bytes into *out.
-IoResult ReadExact(int fd, size_t len, int timeoutMs, const std::atomic<bool>& stop,
-                   std::string* out);
+IoResult ReadExact(int fd, size_t len, int timeoutMs, const std::atomic<bool>& stop, std::string* out);
 
 // Sleeps until `deadline`, returning false early when *stop became true.
 bool SleepUntil(std::chrono::steady_clock::time_point deadline, const std::atomic<bool>& stop);

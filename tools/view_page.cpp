@@ -13,24 +13,26 @@
 namespace otools {
 namespace {
 
-std::string escape(const std::string& s) {
-  std::string out;
-  for (char c : s) {
-    switch (c) {
-      case '&': out += "&amp;"; break;
-      case '<': out += "&lt;"; break;
-      case '>': out += "&gt;"; break;
-      case '"': out += "&quot;"; break;
-      default: out += c;
+std::string escape(const std::string& s)
+{
+    std::string out;
+    for (char c : s) {
+        switch (c) {
+        case '&': out += "&amp;"; break;
+        case '<': out += "&lt;"; break;
+        case '>': out += "&gt;"; break;
+        case '"': out += "&quot;"; break;
+        default: out += c;
+        }
     }
-  }
-  return out;
+    return out;
 }
 
-std::string fixed(double v, const char* format) {
-  char buf[32];
-  std::snprintf(buf, sizeof buf, format, v);
-  return buf;
+std::string fixed(double v, const char* format)
+{
+    char buf[32];
+    std::snprintf(buf, sizeof buf, format, v);
+    return buf;
 }
 
 const char kStyle[] = R"(
@@ -115,56 +117,50 @@ async function pictures(shown) {
 
 }  // namespace
 
-std::string ViewServer::page() const {
-  const ViewFigures f = Snapshot();
-  const std::string control = cfg_.control.host + ":" + std::to_string(cfg_.control.port);
-  const bool live = f.channel == ViewFigures::Channel::kPulling;
-  const std::string bannerClass =
-      live ? (f.camera == "delivering" ? "live" : "wait")
-           : (f.channel == ViewFigures::Channel::kConnecting ? "wait" : "bad");
-  const std::string bannerText =
-      live ? (f.camera == "delivering" ? "live" : "camera " + f.camera)
-           : (f.message.empty() ? ChannelStateName(f.channel) : f.message);
-  const std::string states = states_text();
-  auto row = [](const char* label, const char* id, const std::string& value) {
-    return std::string("<tr><td>") + label + "</td><td id=\"" + id + "\">" + escape(value) +
-           "</td></tr>\n";
-  };
-  const std::string none = "-";
-  std::string h;
-  h += "<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\">\n";
-  h += "<title>Ostrel channel " + escape(control) + "</title>\n<style>" + kStyle + "</style>\n";
-  h += "</head><body>\n<header><h1>Ostrel channel " + escape(control) +
-       "<a href=\"stream.mjpg\">MJPEG stream</a><a href=\"latest.jpg\">latest picture</a>"
-       "<a href=\"figures.json\">figures</a><a href=\"states\">states file</a></h1></header>\n";
-  // Without a picture yet the box stays empty until the script fills it.
-  h += f.pictures > 0 ? "<img id=\"live\" src=\"latest.jpg\" alt=\"latest picture\">\n"
-                      : "<img id=\"live\" alt=\"\">\n";
-  h += "<div id=\"side\">\n<div id=\"banner\" class=\"" + bannerClass + "\">" +
-       escape(bannerText) + "</div>\n";
-  h += "<table id=\"figs\">\n";
-  h += row("channel", "f-channel", ChannelStateName(f.channel));
-  h += row("camera", "f-camera", f.camera);
-  h += row("pictures per second", "f-fps", fixed(f.fps, "%.1f"));
-  h += row("latency p50", "f-p50", f.haveLatency ? fixed(f.p50Ms, "%.1f ms") : none);
-  h += row("latency p99", "f-p99", f.haveLatency ? fixed(f.p99Ms, "%.1f ms") : none);
-  h += row("pictures pulled", "f-pictures", std::to_string(f.pictures));
-  h += row("camera sequence", "f-seq", f.haveSeq ? std::to_string(f.seq) : none);
-  h += row("last picture", "f-age",
-           f.pictureAgeMs >= 0 ? fixed(f.pictureAgeMs / 1000, "%.1f s") : none);
-  h += row("waits (not yet)", "f-waits", std::to_string(f.waits));
-  h += row("faults", "f-faults", std::to_string(f.faults));
-  h += row("logins", "f-logins", std::to_string(f.logins));
-  h += row("stream viewers", "f-streams", std::to_string(f.streams));
-  h += "</table>\n</div>\n<div id=\"below\">\n<h2>Option text of the last picture (IMAGE_ID0000)</h2>\n";
-  h += "<pre id=\"option\">" + escape(f.option.empty() ? "(no picture yet)" : f.option) +
-       "</pre>\n";
-  h += "<h2>States file " + escape(cfg_.statesPath) + "</h2>\n<pre id=\"states\">" +
-       escape(states.empty() ? "(no states file: the channel is not running)" : states) +
-       "</pre>\n</div>\n";
-  h += std::string("<script>") + kScript + "figures();\npictures(" + std::to_string(f.pictures) +
-       ");\n</script>\n</body></html>\n";
-  return h;
+std::string ViewServer::page() const
+{
+    const ViewFigures f = Snapshot();
+    const std::string control = cfg_.control.host + ":" + std::to_string(cfg_.control.port);
+    const bool live = f.channel == ViewFigures::Channel::kPulling;
+    const std::string bannerClass = live ? (f.camera == "delivering" ? "live" : "wait")
+                                         : (f.channel == ViewFigures::Channel::kConnecting ? "wait" : "bad");
+    const std::string bannerText = live ? (f.camera == "delivering" ? "live" : "camera " + f.camera)
+                                        : (f.message.empty() ? ChannelStateName(f.channel) : f.message);
+    const std::string states = states_text();
+    auto row = [](const char* label, const char* id, const std::string& value) {
+        return std::string("<tr><td>") + label + "</td><td id=\"" + id + "\">" + escape(value) + "</td></tr>\n";
+    };
+    const std::string none = "-";
+    std::string h;
+    h += "<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\">\n";
+    h += "<title>Ostrel channel " + escape(control) + "</title>\n<style>" + kStyle + "</style>\n";
+    h += "</head><body>\n<header><h1>Ostrel channel " + escape(control) +
+         "<a href=\"stream.mjpg\">MJPEG stream</a><a href=\"latest.jpg\">latest picture</a>"
+         "<a href=\"figures.json\">figures</a><a href=\"states\">states file</a></h1></header>\n";
+    // Without a picture yet the box stays empty until the script fills it.
+    h += f.pictures > 0 ? "<img id=\"live\" src=\"latest.jpg\" alt=\"latest picture\">\n"
+                        : "<img id=\"live\" alt=\"\">\n";
+    h += "<div id=\"side\">\n<div id=\"banner\" class=\"" + bannerClass + "\">" + escape(bannerText) + "</div>\n";
+    h += "<table id=\"figs\">\n";
+    h += row("channel", "f-channel", ChannelStateName(f.channel));
+    h += row("camera", "f-camera", f.camera);
+    h += row("pictures per second", "f-fps", fixed(f.fps, "%.1f"));
+    h += row("latency p50", "f-p50", f.haveLatency ? fixed(f.p50Ms, "%.1f ms") : none);
+    h += row("latency p99", "f-p99", f.haveLatency ? fixed(f.p99Ms, "%.1f ms") : none);
+    h += row("pictures pulled", "f-pictures", std::to_string(f.pictures));
+    h += row("camera sequence", "f-seq", f.haveSeq ? std::to_string(f.seq) : none);
+    h += row("last picture", "f-age", f.pictureAgeMs >= 0 ? fixed(f.pictureAgeMs / 1000, "%.1f s") : none);
+    h += row("waits (not yet)", "f-waits", std::to_string(f.waits));
+    h += row("faults", "f-faults", std::to_string(f.faults));
+    h += row("logins", "f-logins", std::to_string(f.logins));
+    h += row("stream viewers", "f-streams", std::to_string(f.streams));
+    h += "</table>\n</div>\n<div id=\"below\">\n<h2>Option text of the last picture (IMAGE_ID0000)</h2>\n";
+    h += "<pre id=\"option\">" + escape(f.option.empty() ? "(no picture yet)" : f.option) + "</pre>\n";
+    h += "<h2>States file " + escape(cfg_.statesPath) + "</h2>\n<pre id=\"states\">" +
+         escape(states.empty() ? "(no states file: the channel is not running)" : states) + "</pre>\n</div>\n";
+    h += std::string("<script>") + kScript + "figures();\npictures(" + std::to_string(f.pictures) +
+         ");\n</script>\n</body></html>\n";
+    return h;
 }
 
 }  // namespace otools

@@ -29,39 +29,39 @@
 namespace otools {
 
 struct ViewerConfig {
-  std::string host;
-  int port = 0;
-  std::string bindAddr;  // local address to connect from ("" = any)
-  // First local port (0 = any). Connection n binds bindPort + n % 10000, so
-  // that a redirect matching the ephemeral range leaves the viewer alone.
-  int bindPort = 0;
-  double seconds = 0;    // pull for this long (0 = no time limit)
-  int count = 0;         // stop after this many pictures (0 = no count limit)
-  std::string savePath;  // where the last picture is written ("" = nowhere)
-  bool quiet = false;    // no line per picture
-  bool logout = true;
-  int requestTimeoutMs = 5000;  // per request: connect, send, whole answer
-  int idleLimitMs = 10000;      // give up when no picture came for this long
-  // Command mode: command word, or a complete query that replaces the usual
-  // "p_name=TrCommunicate&p_version=1&command=<command>".
-  std::string trcomCommand, trcomQuery;
+    std::string host;
+    int port = 0;
+    std::string bindAddr;  // local address to connect from ("" = any)
+    // First local port (0 = any). Connection n binds bindPort + n % 10000, so
+    // that a redirect matching the ephemeral range leaves the viewer alone.
+    int bindPort = 0;
+    double seconds = 0;    // pull for this long (0 = no time limit)
+    int count = 0;         // stop after this many pictures (0 = no count limit)
+    std::string savePath;  // where the last picture is written ("" = nowhere)
+    bool quiet = false;    // no line per picture
+    bool logout = true;
+    int requestTimeoutMs = 5000;  // per request: connect, send, whole answer
+    int idleLimitMs = 10000;      // give up when no picture came for this long
+    // Command mode: command word, or a complete query that replaces the usual
+    // "p_name=TrCommunicate&p_version=1&command=<command>".
+    std::string trcomCommand, trcomQuery;
 };
 
 struct ViewerReport {
-  int pictures = 0;
-  int faults = 0;  // pictures that failed a check, and refused requests
-  int gaps = 0;    // pictures whose sequence number skipped ahead
-  int waits = 0;   // ERROR_TRANSLATOR_RECEIVE answers (picture not there yet)
-  double seconds = 0, fps = 0;
-  double p50Ms = 0, p99Ms = 0, maxMs = 0;
+    int pictures = 0;
+    int faults = 0;  // pictures that failed a check, and refused requests
+    int gaps = 0;    // pictures whose sequence number skipped ahead
+    int waits = 0;   // ERROR_TRANSLATOR_RECEIVE answers (picture not there yet)
+    double seconds = 0, fps = 0;
+    double p50Ms = 0, p99Ms = 0, maxMs = 0;
 };
 
 // One answer of the control port.
 struct ControlAnswer {
-  HttpHead head;
-  std::string body;
-  bool lengthMatches = true;  // Content-Length, if any, equals the body size
-  bool hasLength = false;
+    HttpHead head;
+    std::string body;
+    bool lengthMatches = true;  // Content-Length, if any, equals the body size
+    bool hasLength = false;
 };
 
 // One request for `target` on a fresh connection made as `cfg` says (host,
@@ -70,9 +70,8 @@ struct ControlAnswer {
 // every answer in the received bytes is returned, in order. *receivedUs
 // (when given) gets the time the answer was complete, *raw the bytes. False
 // with *err set when no complete answer came.
-bool ControlExchange(const ViewerConfig& cfg, const std::atomic<bool>& stop,
-                     const std::string& target, std::vector<ControlAnswer>* answers,
-                     int64_t* receivedUs, std::string* raw, std::string* err);
+bool ControlExchange(const ViewerConfig& cfg, const std::atomic<bool>& stop, const std::string& target,
+                     std::vector<ControlAnswer>* answers, int64_t* receivedUs, std::string* raw, std::string* err);
 
 // The relay's option text as it stands in the IMAGE_ID0000 header (its
 // leading blank stripped as header white space): 13 zeros, ':', 5 zeros,
@@ -83,8 +82,7 @@ bool OptionTextOk(const std::string& text);
 // stderr. Returns the exit status: 0 all good (at least one picture, and
 // `count` pictures when a count was given), 1 a check failed or the pull
 // ended early, 2 the control port could not be used at all (no login).
-int RunViewer(const ViewerConfig& cfg, const std::atomic<bool>& stop, std::FILE* out,
-              ViewerReport* report);
+int RunViewer(const ViewerConfig& cfg, const std::atomic<bool>& stop, std::FILE* out, ViewerReport* report);
 
 // Command mode. Prints the raw answer to `out`. Returns 0 when the answer
 // has status 200 and its Query_Result reports success (code 1), 1 for any

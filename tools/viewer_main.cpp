@@ -58,142 +58,169 @@ const char kUsage[] =
     "the command's Query_Result is not success; 2 bad options or no usable answer.\n"
     "SIGINT or SIGTERM ends the pull early (the logout and summary still happen).\n";
 
-int usage_error(const std::string& msg) {
-  std::fprintf(stderr, "ostrel-viewer: %s (see --help)\n", msg.c_str());
-  return 2;
+int usage_error(const std::string& msg)
+{
+    std::fprintf(stderr, "ostrel-viewer: %s (see --help)\n", msg.c_str());
+    return 2;
 }
 
-bool to_int(const char* s, long long lo, long long hi, int* out) {
-  long long v = 0;
-  if (!otools::ParseInteger(s, &v) || v < lo || v > hi) return false;
-  *out = static_cast<int>(v);
-  return true;
+bool to_int(const char* s, long long lo, long long hi, int* out)
+{
+    long long v = 0;
+    if (!otools::ParseInteger(s, &v) || v < lo || v > hi)
+        return false;
+    *out = static_cast<int>(v);
+    return true;
 }
 
 }  // namespace
 
-int main(int argc, char** argv) {
-  enum { kControl = 1, kBind, kSeconds, kCount, kSave, kNoLogout, kTimeout, kIdle, kQuiet,
-         kTrcom, kQuery, kServe, kServeFd, kStates, kHelp };
-  static const option kOptions[] = {
-      {"control", required_argument, nullptr, kControl},
-      {"bind", required_argument, nullptr, kBind},
-      {"seconds", required_argument, nullptr, kSeconds},
-      {"count", required_argument, nullptr, kCount},
-      {"save", required_argument, nullptr, kSave},
-      {"no-logout", no_argument, nullptr, kNoLogout},
-      {"timeout-ms", required_argument, nullptr, kTimeout},
-      {"idle-ms", required_argument, nullptr, kIdle},
-      {"quiet", no_argument, nullptr, kQuiet},
-      {"trcom", required_argument, nullptr, kTrcom},
-      {"query", required_argument, nullptr, kQuery},
-      {"serve", required_argument, nullptr, kServe},
-      {"serve-fd", required_argument, nullptr, kServeFd},
-      {"states", required_argument, nullptr, kStates},
-      {"help", no_argument, nullptr, kHelp},
-      {nullptr, 0, nullptr, 0}};
-  otools::ViewerConfig cfg;
-  otools::ViewServerConfig view;
-  bool haveControl = false, command = false, serve = false;
-  int c;
-  while ((c = getopt_long(argc, argv, "", kOptions, nullptr)) != -1) {
-    const std::string arg = optarg ? optarg : "";
-    switch (c) {
-      case kControl:
-        if (!otools::ParseHostPort(arg, -1, &cfg.host, &cfg.port) || cfg.port <= 0)
-          return usage_error("bad --control " + arg + " (ADDR:PORT)");
-        haveControl = true;
-        break;
-      case kBind: {
-        std::string host;
-        int port = 0;
-        if (!otools::ParseHostPort(arg, 0, &host, &port) || port > 55535)
-          return usage_error("bad --bind " + arg);
-        cfg.bindAddr = host;
-        cfg.bindPort = port;
-        break;
-      }
-      case kSeconds: {
-        char* end = nullptr;
-        cfg.seconds = std::strtod(optarg, &end);
-        if (*end || !(cfg.seconds > 0)) return usage_error("bad --seconds " + arg);
-        break;
-      }
-      case kCount:
-        if (!to_int(optarg, 1, 1 << 30, &cfg.count)) return usage_error("bad --count " + arg);
-        break;
-      case kSave: cfg.savePath = arg; break;
-      case kNoLogout: cfg.logout = false; break;
-      case kTimeout:
-        if (!to_int(optarg, 1, 3600000, &cfg.requestTimeoutMs))
-          return usage_error("bad --timeout-ms " + arg);
-        break;
-      case kIdle:
-        if (!to_int(optarg, 1, 3600000, &cfg.idleLimitMs)) return usage_error("bad --idle-ms " + arg);
-        break;
-      case kQuiet: cfg.quiet = true; break;
-      case kTrcom:
-        if (arg.find_first_of(" \r\n&?") != std::string::npos) return usage_error("bad --trcom");
-        cfg.trcomCommand = arg;
-        command = true;
-        break;
-      case kQuery:
-        if (arg.find_first_of(" \r\n") != std::string::npos) return usage_error("bad --query");
-        cfg.trcomQuery = arg;
-        command = true;
-        break;
-      case kServe:
-        if (!otools::ParseHostPort(arg, -1, &view.serveHost, &view.servePort) ||
-            view.servePort < 0)
-          return usage_error("bad --serve " + arg + " (ADDR:PORT)");
-        serve = true;
-        break;
-      case kServeFd:
-        if (!to_int(optarg, 0, 1 << 20, &view.serveFd))
-          return usage_error("bad --serve-fd " + arg);
-        serve = true;
-        break;
-      case kStates: view.statesPath = arg; break;
-      case kHelp: std::fputs(kUsage, stdout); return 0;
-      default: return usage_error("unknown option");
+int main(int argc, char** argv)
+{
+    enum {
+        kControl = 1,
+        kBind,
+        kSeconds,
+        kCount,
+        kSave,
+        kNoLogout,
+        kTimeout,
+        kIdle,
+        kQuiet,
+        kTrcom,
+        kQuery,
+        kServe,
+        kServeFd,
+        kStates,
+        kHelp
+    };
+    static const option kOptions[] = {{"control", required_argument, nullptr, kControl},
+                                      {"bind", required_argument, nullptr, kBind},
+                                      {"seconds", required_argument, nullptr, kSeconds},
+                                      {"count", required_argument, nullptr, kCount},
+                                      {"save", required_argument, nullptr, kSave},
+                                      {"no-logout", no_argument, nullptr, kNoLogout},
+                                      {"timeout-ms", required_argument, nullptr, kTimeout},
+                                      {"idle-ms", required_argument, nullptr, kIdle},
+                                      {"quiet", no_argument, nullptr, kQuiet},
+                                      {"trcom", required_argument, nullptr, kTrcom},
+                                      {"query", required_argument, nullptr, kQuery},
+                                      {"serve", required_argument, nullptr, kServe},
+                                      {"serve-fd", required_argument, nullptr, kServeFd},
+                                      {"states", required_argument, nullptr, kStates},
+                                      {"help", no_argument, nullptr, kHelp},
+                                      {nullptr, 0, nullptr, 0}};
+    otools::ViewerConfig cfg;
+    otools::ViewServerConfig view;
+    bool haveControl = false, command = false, serve = false;
+    int c;
+    while ((c = getopt_long(argc, argv, "", kOptions, nullptr)) != -1) {
+        const std::string arg = optarg ? optarg : "";
+        switch (c) {
+        case kControl:
+            if (!otools::ParseHostPort(arg, -1, &cfg.host, &cfg.port) || cfg.port <= 0)
+                return usage_error("bad --control " + arg + " (ADDR:PORT)");
+            haveControl = true;
+            break;
+        case kBind: {
+            std::string host;
+            int port = 0;
+            if (!otools::ParseHostPort(arg, 0, &host, &port) || port > 55535)
+                return usage_error("bad --bind " + arg);
+            cfg.bindAddr = host;
+            cfg.bindPort = port;
+            break;
+        }
+        case kSeconds: {
+            char* end = nullptr;
+            cfg.seconds = std::strtod(optarg, &end);
+            if (*end || !(cfg.seconds > 0))
+                return usage_error("bad --seconds " + arg);
+            break;
+        }
+        case kCount:
+            if (!to_int(optarg, 1, 1 << 30, &cfg.count))
+                return usage_error("bad --count " + arg);
+            break;
+        case kSave: cfg.savePath = arg; break;
+        case kNoLogout: cfg.logout = false; break;
+        case kTimeout:
+            if (!to_int(optarg, 1, 3600000, &cfg.requestTimeoutMs))
+                return usage_error("bad --timeout-ms " + arg);
+            break;
+        case kIdle:
+            if (!to_int(optarg, 1, 3600000, &cfg.idleLimitMs))
+                return usage_error("bad --idle-ms " + arg);
+            break;
+        case kQuiet: cfg.quiet = true; break;
+        case kTrcom:
+            if (arg.find_first_of(" \r\n&?") != std::string::npos)
+                return usage_error("bad --trcom");
+            cfg.trcomCommand = arg;
+            command = true;
+            break;
+        case kQuery:
+            if (arg.find_first_of(" \r\n") != std::string::npos)
+                return usage_error("bad --query");
+            cfg.trcomQuery = arg;
+            command = true;
+            break;
+        case kServe:
+            if (!otools::ParseHostPort(arg, -1, &view.serveHost, &view.servePort) || view.servePort < 0)
+                return usage_error("bad --serve " + arg + " (ADDR:PORT)");
+            serve = true;
+            break;
+        case kServeFd:
+            if (!to_int(optarg, 0, 1 << 20, &view.serveFd))
+                return usage_error("bad --serve-fd " + arg);
+            serve = true;
+            break;
+        case kStates: view.statesPath = arg; break;
+        case kHelp: std::fputs(kUsage, stdout); return 0;
+        default: return usage_error("unknown option");
+        }
     }
-  }
-  if (optind < argc) return usage_error(std::string("unexpected argument ") + argv[optind]);
-  if (!haveControl) return usage_error("--control is required");
-  if (serve && command) return usage_error("--serve and --trcom/--query exclude each other");
-  if (!serve && !view.statesPath.empty()) return usage_error("--states goes with --serve");
-  int listening = 0;
-  socklen_t len = sizeof listening;
-  if (view.serveFd >= 0 &&
-      (::getsockopt(view.serveFd, SOL_SOCKET, SO_ACCEPTCONN, &listening, &len) != 0 || !listening))
-    return usage_error("descriptor " + std::to_string(view.serveFd) + " is not a listening socket");
+    if (optind < argc)
+        return usage_error(std::string("unexpected argument ") + argv[optind]);
+    if (!haveControl)
+        return usage_error("--control is required");
+    if (serve && command)
+        return usage_error("--serve and --trcom/--query exclude each other");
+    if (!serve && !view.statesPath.empty())
+        return usage_error("--states goes with --serve");
+    int listening = 0;
+    socklen_t len = sizeof listening;
+    if (view.serveFd >= 0 &&
+        (::getsockopt(view.serveFd, SOL_SOCKET, SO_ACCEPTCONN, &listening, &len) != 0 || !listening))
+        return usage_error("descriptor " + std::to_string(view.serveFd) + " is not a listening socket");
 
-  otools::InstallStopSignals();
-  if (serve) {
-    view.control = cfg;
-    otools::ViewServer server;
-    std::string err;
-    if (!server.Start(view, stdout, &err)) {
-      std::fprintf(stderr, "ostrel-viewer: %s\n", err.c_str());
-      return 2;
+    otools::InstallStopSignals();
+    if (serve) {
+        view.control = cfg;
+        otools::ViewServer server;
+        std::string err;
+        if (!server.Start(view, stdout, &err)) {
+            std::fprintf(stderr, "ostrel-viewer: %s\n", err.c_str());
+            return 2;
+        }
+        if (view.serveFd >= 0)
+            std::printf("view: serving on descriptor %d, port %d (channel %s:%d)\n", view.serveFd, server.Port(),
+                        cfg.host.c_str(), cfg.port);
+        else
+            std::printf("view: http://%s:%d/ (channel %s:%d)\n", view.serveHost.c_str(), server.Port(),
+                        cfg.host.c_str(), cfg.port);
+        std::fflush(stdout);
+        const auto end =
+            std::chrono::steady_clock::now() + std::chrono::milliseconds(static_cast<long long>(cfg.seconds * 1000));
+        while (!otools::g_stopRequested.load() && (cfg.seconds == 0 || std::chrono::steady_clock::now() < end))
+            otools::SleepUntil(std::chrono::steady_clock::now() + std::chrono::milliseconds(100),
+                               otools::g_stopRequested);
+        server.Stop();
+        return 0;
     }
-    if (view.serveFd >= 0)
-      std::printf("view: serving on descriptor %d, port %d (channel %s:%d)\n", view.serveFd,
-                  server.Port(), cfg.host.c_str(), cfg.port);
-    else
-      std::printf("view: http://%s:%d/ (channel %s:%d)\n", view.serveHost.c_str(),
-                  server.Port(), cfg.host.c_str(), cfg.port);
-    std::fflush(stdout);
-    const auto end = std::chrono::steady_clock::now() +
-                     std::chrono::milliseconds(static_cast<long long>(cfg.seconds * 1000));
-    while (!otools::g_stopRequested.load() &&
-           (cfg.seconds == 0 || std::chrono::steady_clock::now() < end))
-      otools::SleepUntil(std::chrono::steady_clock::now() + std::chrono::milliseconds(100),
-                         otools::g_stopRequested);
-    server.Stop();
-    return 0;
-  }
-  if (cfg.seconds == 0 && cfg.count == 0) cfg.seconds = 10;
-  if (command) return otools::RunTrcom(cfg, otools::g_stopRequested, stdout);
-  return otools::RunViewer(cfg, otools::g_stopRequested, stdout, nullptr);
+    if (cfg.seconds == 0 && cfg.count == 0)
+        cfg.seconds = 10;
+    if (command)
+        return otools::RunTrcom(cfg, otools::g_stopRequested, stdout);
+    return otools::RunViewer(cfg, otools::g_stopRequested, stdout, nullptr);
 }

@@ -117,8 +117,7 @@ int XmlElement_Class::Search_ChildElement(const char* name, int len, int* count,
     return SUCCESS;
 }
 
-int XmlElement_Class::SearchGet_Attribute(const char* name, int len, NameValToken_Class** out,
-                                          DbPrintf_Class*) const
+int XmlElement_Class::SearchGet_Attribute(const char* name, int len, NameValToken_Class** out, DbPrintf_Class*) const
 {
     int rc = check_name(name, len);
     if (rc != SUCCESS) {
@@ -297,14 +296,19 @@ int XmlElement_Class::OutputBuffer(StringBuf_Class* buf, DbPrintf_Class* pDB) co
         return DEBUG_WARNING;
     }
     int rc = add_tabs(buf, m_nDepth);
-    if (rc == SUCCESS) rc = buf->add("<");
-    if (rc == SUCCESS) rc = add_token(buf, m_Name);
+    if (rc == SUCCESS)
+        rc = buf->add("<");
+    if (rc == SUCCESS)
+        rc = add_token(buf, m_Name);
     for (int i = 0; rc == SUCCESS && i < m_Attributes.GetCount(); i++) {
         const NameValToken_Class* pair = m_Attributes.Get(i);
         rc = buf->add(" ");
-        if (rc == SUCCESS) rc = add_token(buf, pair->m_Name);
-        if (rc == SUCCESS) rc = buf->add("=");
-        if (rc == SUCCESS) rc = add_token(buf, pair->m_Val);
+        if (rc == SUCCESS)
+            rc = add_token(buf, pair->m_Name);
+        if (rc == SUCCESS)
+            rc = buf->add("=");
+        if (rc == SUCCESS)
+            rc = add_token(buf, pair->m_Val);
     }
     if (rc != SUCCESS) {
         return rc;
@@ -315,17 +319,21 @@ int XmlElement_Class::OutputBuffer(StringBuf_Class* buf, DbPrintf_Class* pDB) co
         for (int i = 0; rc == SUCCESS && i < m_Children.GetCount(); i++) {
             rc = m_Children.Get(i)->OutputBuffer(buf, pDB);
         }
-        if (rc == SUCCESS) rc = add_tabs(buf, m_nDepth);
+        if (rc == SUCCESS)
+            rc = add_tabs(buf, m_nDepth);
         break;
     case XMLELEMENT_TEXT:
         rc = buf->add(">");
-        if (rc == SUCCESS) rc = add_token(buf, m_Text);
+        if (rc == SUCCESS)
+            rc = add_token(buf, m_Text);
         break;
-    default:
-        return buf->add("/>\n");
+    default: return buf->add("/>\n");
     }
-    if (rc == SUCCESS) rc = buf->add("</");
-    if (rc == SUCCESS) rc = add_token(buf, m_Name);
-    if (rc == SUCCESS) rc = buf->add(">\n");
+    if (rc == SUCCESS)
+        rc = buf->add("</");
+    if (rc == SUCCESS)
+        rc = add_token(buf, m_Name);
+    if (rc == SUCCESS)
+        rc = buf->add(">\n");
     return rc;
 }

@@ -45,8 +45,7 @@ public:
     int Search_ChildElement(const char* name, int len, int* count, DbPrintf_Class* pDB = nullptr) const;
     // First attribute named name into *out: SUCCESS; none: *out = null and
     // NO_MATCH_ARGUMENT.
-    int SearchGet_Attribute(const char* name, int len, NameValToken_Class** out,
-                            DbPrintf_Class* pDB = nullptr) const;
+    int SearchGet_Attribute(const char* name, int len, NameValToken_Class** out, DbPrintf_Class* pDB = nullptr) const;
 
     // The text with spacing normalised (outer blanks, tabs, CR and LF
     // dropped; inner runs of blanks/tabs become one blank; CR and CR LF
@@ -59,8 +58,7 @@ public:
     // *out (must be empty): SUCCESS when that child exists and is a text
     // element, otherwise NOTFOUND_ITEM. A text of blanks only gives SUCCESS
     // with *out left empty.
-    int Get_ChildElementString(const char* name, OneToken_Class* out, int index,
-                               DbPrintf_Class* pDB = nullptr) const;
+    int Get_ChildElementString(const char* name, OneToken_Class* out, int index, DbPrintf_Class* pDB = nullptr) const;
     // As Get_ChildElementString, then the cut text converted like atoi
     // (leading sign and digits, 0 when none) into *out. A text element of
     // blanks only converts to 0 with SUCCESS. NOTFOUND_ITEM otherwise.

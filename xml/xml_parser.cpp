@@ -342,8 +342,7 @@ int XmlParser_Class::Read_Attributes(XmlElement_Class* elem, bool* pSelfClosing)
             return SUCCESS;
         }
         if (!NameTokenChar1[m_nCurChar]) {
-            SetMessage("Parser Error. Found Syntax error character [%c](0x%02x) in start tag.", m_nCurChar,
-                       m_nCurChar);
+            SetMessage("Parser Error. Found Syntax error character [%c](0x%02x) in start tag.", m_nCurChar, m_nCurChar);
             return XMLPARSER_PARSER_ERROR;
         }
         rc = Read_Attribute(elem);
@@ -379,8 +378,8 @@ int XmlParser_Class::Read_Attribute(XmlElement_Class* elem)
         return FileEnd(rc, kTagEnd);
     }
     if (m_nCurChar != ' ' && m_nCurChar != '/' && m_nCurChar != '>') {
-        SetMessage("Parser Error. Found Syntax error character [%c](0x%02x) after attribute values string.",
-                   m_nCurChar, m_nCurChar);
+        SetMessage("Parser Error. Found Syntax error character [%c](0x%02x) after attribute values string.", m_nCurChar,
+                   m_nCurChar);
         return XMLPARSER_PARSER_ERROR;
     }
     NameValToken_Class* existing = nullptr;
@@ -432,8 +431,8 @@ int XmlParser_Class::Read_AttributeValue(int* pStart, int* pLen)
             break;
         }
         if (m_nCurChar == '<' || m_nCurChar == '>' || m_nCurChar == other) {
-            SetMessage("Parser Error.found Syntax error character [%c](0x%02x) in start tag attribute.",
-                       m_nCurChar, m_nCurChar);
+            SetMessage("Parser Error.found Syntax error character [%c](0x%02x) in start tag attribute.", m_nCurChar,
+                       m_nCurChar);
             return XMLPARSER_PARSER_ERROR;
         }
     }
@@ -480,9 +479,8 @@ int XmlParser_Class::Read_EndTag()
     if (openName.GetLength() != len || memcmp(openName.GetPtr(), name, len) != 0) {
         SetMessage("Parser Error. Tag name differ with  StartTag[%.*s](Line %d:%d) and end EndTag[%.*s](Line %d:%d).",
                    cut_name_length(openName.GetLength()), reinterpret_cast<const char*>(openName.GetPtr()),
-                   open->GetStartTag_Start().GetLine(), open->GetStartTag_Start().GetColumn(),
-                   cut_name_length(len), reinterpret_cast<const char*>(name), m_TagStart.GetLine(),
-                   m_TagStart.GetColumn());
+                   open->GetStartTag_Start().GetLine(), open->GetStartTag_Start().GetColumn(), cut_name_length(len),
+                   reinterpret_cast<const char*>(name), m_TagStart.GetLine(), m_TagStart.GetColumn());
         return XMLPARSER_PARSER_ERROR;
     }
     if (m_nCurChar != '>') {
@@ -559,8 +557,7 @@ int XmlParser_Class::Skip_Exclamation()
         rest = "OCTYPE";
         skip = &XmlParser_Class::Skip_DocType;
         break;
-    default:
-        break;
+    default: break;
     }
     if (rest != nullptr) {
         for (; *rest != '\0'; rest++) {

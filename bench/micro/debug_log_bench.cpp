@@ -36,15 +36,23 @@ void run_log(benchmark::State& state, int mode, int level)
     DbPrintf_Class log(name.c_str(), mode);
     long long n = 0;
     for (auto _ : state) {
-        TimePrint(&log, level, "[CAxisJpegClient::GetImage] RecvMultiPartData failed ::%d frame %lld\n",
-                  TIMEOUT, n++);
+        TimePrint(&log, level, "[CAxisJpegClient::GetImage] RecvMultiPartData failed ::%d frame %lld\n", TIMEOUT, n++);
     }
     remove_dir(dir);
 }
 
-void BM_LogLine_Rotating(benchmark::State& state) { run_log(state, 3, 1); }
-void BM_LogLine_KeptStream(benchmark::State& state) { run_log(state, 0, 1); }
-void BM_LogLine_LevelZero(benchmark::State& state) { run_log(state, 3, 0); }
+void BM_LogLine_Rotating(benchmark::State& state)
+{
+    run_log(state, 3, 1);
+}
+void BM_LogLine_KeptStream(benchmark::State& state)
+{
+    run_log(state, 0, 1);
+}
+void BM_LogLine_LevelZero(benchmark::State& state)
+{
+    run_log(state, 3, 0);
+}
 
 }  // namespace
 

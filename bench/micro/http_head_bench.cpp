@@ -14,19 +14,17 @@
 
 namespace {
 
-const char kGetImageHead[] =
-    "GET /ptippreimg.cgi?get_image=1234567&time=1700000000 HTTP/1.1\r\n"
-    "Host: 192.0.2.1:8080\r\n"
-    "User-Agent: recorder/1.0\r\n"
-    "Accept: */*\r\n"
-    "Connection: close\r\n"
-    "\r\n";
+const char kGetImageHead[] = "GET /ptippreimg.cgi?get_image=1234567&time=1700000000 HTTP/1.1\r\n"
+                             "Host: 192.0.2.1:8080\r\n"
+                             "User-Agent: recorder/1.0\r\n"
+                             "Accept: */*\r\n"
+                             "Connection: close\r\n"
+                             "\r\n";
 
-const char kPartHead[] =
-    "\r\n--myboundary\r\n"
-    "Content-Type: image/jpeg\r\n"
-    "Content-Length: 18342\r\n"
-    "\r\n";
+const char kPartHead[] = "\r\n--myboundary\r\n"
+                         "Content-Type: image/jpeg\r\n"
+                         "Content-Length: 18342\r\n"
+                         "\r\n";
 
 std::string browser_head()
 {
@@ -54,8 +52,14 @@ void run_request(benchmark::State& state, const std::string& head)
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(head.size()));
 }
 
-void BM_RequestHead_GetImage(benchmark::State& state) { run_request(state, kGetImageHead); }
-void BM_RequestHead_TwentyLines(benchmark::State& state) { run_request(state, browser_head()); }
+void BM_RequestHead_GetImage(benchmark::State& state)
+{
+    run_request(state, kGetImageHead);
+}
+void BM_RequestHead_TwentyLines(benchmark::State& state)
+{
+    run_request(state, browser_head());
+}
 
 void BM_PartHead(benchmark::State& state)
 {
