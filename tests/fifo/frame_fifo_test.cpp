@@ -128,41 +128,6 @@ protected:
 };
 
 // ---------------------------------------------------------------------------
-// Life cycle
-
-TEST(FrameFifoLifecycle, SetupChecksGeometryAndRunsOnce)
-{
-    struct Row {
-        int l, w, video, option, code;
-        const char* note;
-    } rows[] = {
-        {0, 4, 10, 10, INVALID_ARGUMENT, "no readable frame"},
-        {2, 1, 10, 10, INVALID_ARGUMENT, "write-only zone of one slot"},
-        {2, 4, 0, 10, INVALID_ARGUMENT, "empty video buffer"},
-        {2, 4, 10, 0, INVALID_ARGUMENT, "empty option buffer"},
-        {1, 2, 1, 1, SUCCESS, "smallest ring"},
-    };
-    for (const Row& r : rows) {
-        CMFifo fifo;
-        EXPECT_EQ(r.code, fifo.Setup(r.l, r.w, r.video, r.option, 7)) << r.note;
-    }
-
-    CMFifo fifo;
-    char c = 'x';
-    EXPECT_EQ(NOT_INITIALIZE, fifo.InputDataFinish(&c, 1));
-    ASSERT_EQ(SUCCESS, fifo.Setup(2, 4, 819200, 128, 0));
-    EXPECT_EQ(ALREADY_INITIALIZE, fifo.Setup(2, 4, 819200, 128, 0));
-    WriteFrame(fifo, 0);
-    EXPECT_EQ(SUCCESS, fifo.Cleanup());
-    EXPECT_EQ(SUCCESS, fifo.Cleanup()) << "twice";
-    EXPECT_EQ(NOT_INITIALIZE, Read(fifo, 0).rc);
-    // Set up again: the numbering starts afresh.
-    ASSERT_EQ(SUCCESS, fifo.Setup(2, 4, 16, 16, 0));
-    long long top = 0, tail = 0;
-    EXPECT_EQ(CHANNEL_NO_DATA, fifo.GetTopTailDataNo(&top, &tail));
-}
-
-// ---------------------------------------------------------------------------
 // Data numbers and the choice of frame
 
 TEST_F(FrameFifoTest, ReaderGetsTheNearestHeldFrame)
@@ -245,21 +210,6 @@ TEST_F(FrameFifoTest, InPlacePiecesAndCopiedPiecesBuildOnePicture)
     char opt[] = "o";
     ASSERT_EQ(SUCCESS, fifo.InputDataFinish(opt, 1));
     EXPECT_EQ("abcdefghiabcdefghi", Read(fifo, 0).video);
-}
-
-TEST_F(FrameFifoTest, DeleteTrimsTheEndButNeverEmptiesThePicture)
-{
-    memcpy(slot, "abcdef", 6);
-    ASSERT_EQ(SUCCESS, fifo.InputData(slot, 6));
-    EXPECT_EQ(INVALID_ARGUMENT, fifo.InputDataDelete(6)) << "whole picture";
-    EXPECT_EQ(INVALID_ARGUMENT, fifo.InputDataDelete(7));
-    EXPECT_EQ(SUCCESS, fifo.InputDataDelete(2));
-    // The next in-place piece goes after the trimmed end.
-    slot[4] = 'X';
-    ASSERT_EQ(SUCCESS, fifo.InputData(slot + 4, 1));
-    char opt[] = "o";
-    ASSERT_EQ(SUCCESS, fifo.InputDataFinish(opt, 1));
-    EXPECT_EQ("abcdX", Read(fifo, 0).video);
 }
 
 TEST_F(FrameFifoTest, FailedFinishAndCancelLeaveTheNumbersAlone)

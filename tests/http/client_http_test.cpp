@@ -46,20 +46,8 @@ TEST(Base64Test, EncodeRows)
         EXPECT_STREQ(r.out, out) << r.note;
         EXPECT_EQ(static_cast<int>(strlen(r.out)), len) << r.note;
     }
-}
-
-// The round trip of every text is the fuzz target's check; these are the
-// decoder's own edges.
-TEST(Base64Test, DecodeStopsAtThePadAndRejectsForeignText)
-{
-    char out[16];
-    int len = -1;
-    ASSERT_EQ(SUCCESS, Base64Decode("Zg==garbage", 11, out, sizeof(out), &len)) << "'=' ends the data";
-    EXPECT_STREQ("f", out);
-    EXPECT_EQ(INVALID_ARGUMENT, Base64Decode("Zm9/", 4, out, sizeof(out), nullptr)) << "'/' is foreign";
-    EXPECT_EQ(INVALID_ARGUMENT, Base64Decode("Zm9vZ", 5, out, sizeof(out), nullptr)) << "lone last character";
-    EXPECT_EQ(DATA_LARGE_THEN_BUF, Base64Decode("Zm9vYmFy", 8, out, 5, nullptr));
-    EXPECT_EQ(DATA_LARGE_THEN_BUF, Base64Encode("foo", 3, out, 4, nullptr)) << "no room for the terminator";
+    char out[4];
+    EXPECT_EQ(DATA_LARGE_THEN_BUF, Base64Encode("foo", 3, out, sizeof(out), nullptr)) << "no room for the terminator";
 }
 
 // ---- A small recording HTTP server ---------------------------------------------

@@ -243,20 +243,6 @@ TEST(SockRecvTest, TextMessageEndsAtANulThatIsNotTheFirstByteOfABlock)
     EXPECT_EQ(2, got) << "so does a close";
 }
 
-TEST(SockRecvTest, PeekWaitsForMoreThanNeedAndConsumesNothing)
-{
-    Pair p;
-    put(p.peer, "abcde");
-    char buf[64];
-    int got = -1;
-    EXPECT_EQ(SOCK_TIMEOUT, Sock_PeekRecv(p.ours, buf, sizeof(buf), 5, &got, 100, nullptr)) << "5 is not more than 5";
-    EXPECT_EQ(5, got);
-    put(p.peer, "f");
-    ASSERT_EQ(SUCCESS, Sock_PeekRecv(p.ours, buf, sizeof(buf), 5, &got, 60000, nullptr));
-    ASSERT_EQ(SUCCESS, Sock_Recv(p.ours, buf, 6, &got, 5000, 0, nullptr));
-    EXPECT_EQ("abcdef", std::string(buf, 6));
-}
-
 // The exit flag's break of a blocked send is the reliability tests' stop
 // while a thread sends to a stalled viewer.
 TEST(SockSendTest, PeerThatDoesNotReadEndsInTimeOut)
