@@ -52,7 +52,7 @@ std::vector<char> Encode(const char* in, int len, int room, int* rc)
     return out;
 }
 
-} // namespace
+}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
@@ -62,7 +62,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     const int extra = data[0] >> 1;
     std::vector<char> in(data + 1, data + size);
     const int len = static_cast<int>(in.size());
-    in.reserve(1); // an empty input is still a valid (non-null) pointer
+    in.reserve(1);  // an empty input is still a valid (non-null) pointer
     int rc = 0;
     if ((data[0] & 1) == 0) {
         std::vector<char> bytes = Decode(in.data(), len, len * 3 / 4 - 64 + extra, &rc);

@@ -53,7 +53,7 @@ bool FirstValue(const std::string& file, const std::string& item, std::string* v
     return false;
 }
 
-} // namespace
+}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {

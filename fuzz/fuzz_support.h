@@ -21,12 +21,12 @@
 #include "net/socket_io.h"
 #include "piece_source.h"
 
-#define FUZZ_CHECK(cond)                                                                \
-    do {                                                                                \
-        if (!(cond)) {                                                                  \
-            fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #cond);    \
-            abort();                                                                    \
-        }                                                                               \
+#define FUZZ_CHECK(cond)                                                                                               \
+    do {                                                                                                               \
+        if (!(cond)) {                                                                                                 \
+            fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #cond);                                   \
+            abort();                                                                                                   \
+        }                                                                                                              \
     } while (0)
 
 namespace fuzz {
@@ -42,8 +42,9 @@ inline bool Inside(const OneToken_Class& t, const unsigned char* base, size_t si
 
 inline std::string Str(const OneToken_Class& t)
 {
-    return t.GetPtr() == nullptr ? std::string() : std::string(reinterpret_cast<const char*>(t.GetPtr()),
-                                                               static_cast<size_t>(t.GetLength()));
+    return t.GetPtr() == nullptr
+               ? std::string()
+               : std::string(reinterpret_cast<const char*>(t.GetPtr()), static_cast<size_t>(t.GetLength()));
 }
 
 // Every pair of the table as "name|value\n".
@@ -78,8 +79,7 @@ inline std::vector<size_t> Cuts(const uint8_t* data, size_t size, int count)
 // What every response or part-head parse leaves, whatever its outcome: a
 // terminated error text, a position inside the input, and the protocol, the
 // first line's text and every header token inside [buf, buf + size).
-template <class Parser>
-void CheckHead(const Parser& p, const unsigned char* buf, size_t size)
+template <class Parser> void CheckHead(const Parser& p, const unsigned char* buf, size_t size)
 {
     FUZZ_CHECK(strnlen(p.m_strError, sizeof p.m_strError) < sizeof p.m_strError);
     FUZZ_CHECK(p.m_nPos >= 0 && p.m_nPos <= p.m_nSize);
@@ -124,8 +124,7 @@ inline void Same(const std::string& a, const std::string& b)
 // read(cuts) with the input fed whole and again cut in up to three pieces
 // where its own bytes say: where the cuts fall must not change the result.
 // A reader meets each piece in a receive of its own.
-template <class Read>
-void SameWholeAndSplit(const uint8_t* data, size_t size, Read read)
+template <class Read> void SameWholeAndSplit(const uint8_t* data, size_t size, Read read)
 {
     Same(read(std::vector<size_t>{}), read(Cuts(data, size, 3)));
 }
@@ -163,6 +162,6 @@ std::string ReadMessages(const uint8_t* data, size_t size, int capacity, const s
     return log;
 }
 
-} // namespace fuzz
+}  // namespace fuzz
 
 #endif

@@ -33,8 +33,7 @@ void ParsePartHead(const uint8_t* data, size_t size)
 
 // The stream head, then up to 16 parts until the first failure. direct:
 // parts are received into the caller's memory (HttpReadMultiInto).
-std::string ReadStream(const uint8_t* data, size_t size, int capacity, const std::vector<size_t>& cuts,
-                       bool direct)
+std::string ReadStream(const uint8_t* data, size_t size, int capacity, const std::vector<size_t>& cuts, bool direct)
 {
     PieceSource feed(data, size, cuts);
     HTTPMultiPartResponseBuffer_Class mp;
@@ -44,7 +43,8 @@ std::string ReadStream(const uint8_t* data, size_t size, int capacity, const std
     int rc = mp.HttpReadFirst(-1, 5000, &exitFlag);
     std::string log = std::to_string(rc) + " " + std::to_string(mp.m_nStatus) + " " + mp.m_strError + "\n";
     if (rc == SUCCESS) {
-        FUZZ_CHECK(mp.m_nBoundaryLength >= 1 && mp.m_nBoundaryLength <= HTTPMultiPartResponseBuffer_Class::BOUNDARY_SIZE);
+        FUZZ_CHECK(mp.m_nBoundaryLength >= 1 &&
+                   mp.m_nBoundaryLength <= HTTPMultiPartResponseBuffer_Class::BOUNDARY_SIZE);
         log += std::string(mp.GetBoundary(), static_cast<size_t>(mp.m_nBoundaryLength)) + "\n";
     }
     std::vector<char> dst(static_cast<size_t>(capacity));
@@ -74,7 +74,7 @@ std::string ReadStream(const uint8_t* data, size_t size, int capacity, const std
     return log;
 }
 
-} // namespace
+}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
@@ -84,16 +84,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     }
     const int capacity = fuzz::Capacity(sel);
     switch (sel & 3) {
-    case 0:
-        ParsePartHead(data, size);
-        break;
-    case 1:
-        fuzz::Same(ReadStream(data, size, capacity, {}, false), ReadStream(data, size, capacity, {}, true));
-        break;
+    case 0: ParsePartHead(data, size); break;
+    case 1: fuzz::Same(ReadStream(data, size, capacity, {}, false), ReadStream(data, size, capacity, {}, true)); break;
     default:
-        fuzz::SameWholeAndSplit(data, size, [&](const std::vector<size_t>& cuts) {
-            return ReadStream(data, size, capacity, cuts, false);
-        });
+        fuzz::SameWholeAndSplit(
+            data, size, [&](const std::vector<size_t>& cuts) { return ReadStream(data, size, capacity, cuts, false); });
         break;
     }
     return 0;

@@ -28,7 +28,7 @@ void CheckParams(const CGIParamParser_Class& p, const unsigned char* text, size_
     for (int i = 0; i < p.m_Params.GetCount(); i++) {
         const NameValToken_Class* nv = p.m_Params.Get(i);
         FUZZ_CHECK(fuzz::Inside(nv->m_Name, text, size));
-        FUZZ_CHECK(nv->m_Name.GetLength() >= 2); // a name and its '='
+        FUZZ_CHECK(nv->m_Name.GetLength() >= 2);  // a name and its '='
         FUZZ_CHECK(nv->m_Name.GetPtr()[nv->m_Name.GetLength() - 1] == '=');
         FUZZ_CHECK(nv->m_Val.GetLength() >= 1);
         bool nulValue = nv->m_Val.GetLength() == 1 && nv->m_Val.GetPtr()[0] == '\0';
@@ -126,7 +126,7 @@ void CompareParamCarriers(const uint8_t* data, size_t size, int before)
     }
     for (unsigned char c : text) {
         if (c <= ' ' || c >= 0x7f) {
-            return; // would end the request target (or the request line)
+            return;  // would end the request target (or the request line)
         }
     }
     const std::string get = ReadOne("GET /a.cgi?" + text + " HTTP/1.1\r\n\r\n");
@@ -135,8 +135,8 @@ void CompareParamCarriers(const uint8_t* data, size_t size, int before)
         get.compare(0, get.find('\n'), std::to_string(CGIPARAMS_SYNTAX_ERR)) != 0) {
         return;
     }
-    const std::string post = ReadOne("POST /a.cgi HTTP/1.1\r\nContent-Length: " + std::to_string(size) +
-                                     "\r\n\r\n" + text);
+    const std::string post =
+        ReadOne("POST /a.cgi HTTP/1.1\r\nContent-Length: " + std::to_string(size) + "\r\n\r\n" + text);
     // Bytes around the part that would break the parameters if read.
     const std::string body = std::string("&=?=&&=\r\n").substr(0, static_cast<size_t>(before)) + text + "=&=";
     const std::string pipp = ReadOne("POST /a.cgi HTTP/1.1\r\nContent-Length: " + std::to_string(body.size()) +
@@ -148,7 +148,7 @@ void CompareParamCarriers(const uint8_t* data, size_t size, int before)
     FUZZ_CHECK(get == post && get == pipp);
 }
 
-} // namespace
+}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
@@ -162,19 +162,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         return 0;
     }
     switch (sel & 3) {
-    case 0:
-        ParseHead(data, size);
-        break;
-    case 1:
-        ParseParams(data, size);
-        break;
-    case 2:
-        ReadAll(data, size, capacity, {});
-        break;
+    case 0: ParseHead(data, size); break;
+    case 1: ParseParams(data, size); break;
+    case 2: ReadAll(data, size, capacity, {}); break;
     default:
-        fuzz::SameWholeAndSplit(data, size, [&](const std::vector<size_t>& cuts) {
-            return ReadAll(data, size, capacity, cuts);
-        });
+        fuzz::SameWholeAndSplit(data, size,
+                                [&](const std::vector<size_t>& cuts) { return ReadAll(data, size, capacity, cuts); });
         break;
     }
     return 0;

@@ -85,7 +85,7 @@ void CompareHeaderLines(const uint8_t* data, size_t size)
     fuzz::Same(a, c);
 }
 
-} // namespace
+}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
@@ -95,19 +95,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     }
     const int capacity = fuzz::Capacity(sel);
     switch (sel & 3) {
-    case 0:
-        ParseHead(data, size);
-        break;
-    case 1:
-        ReadAll(data, size, capacity, {});
-        break;
-    case 3:
-        CompareHeaderLines(data, size);
-        break;
+    case 0: ParseHead(data, size); break;
+    case 1: ReadAll(data, size, capacity, {}); break;
+    case 3: CompareHeaderLines(data, size); break;
     default:
-        fuzz::SameWholeAndSplit(data, size, [&](const std::vector<size_t>& cuts) {
-            return ReadAll(data, size, capacity, cuts);
-        });
+        fuzz::SameWholeAndSplit(data, size,
+                                [&](const std::vector<size_t>& cuts) { return ReadAll(data, size, capacity, cuts); });
         break;
     }
     return 0;

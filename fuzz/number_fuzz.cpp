@@ -70,7 +70,7 @@ void CheckDigits(const uint8_t* data, size_t size, int maxlen, long long min, lo
     }
 }
 
-} // namespace
+}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {

@@ -47,7 +47,7 @@ std::vector<std::string> list_inputs(const std::string& path)
     return files;
 }
 
-} // namespace
+}  // namespace
 
 int main(int argc, char** argv)
 {

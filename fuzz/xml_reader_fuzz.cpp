@@ -103,7 +103,7 @@ std::string Load(int loader, const unsigned char* doc, size_t size)
         unlink(path);
         if (size == 0) {
             FUZZ_CHECK(rc == CANNOT_FILEOPEN);
-            rc = DEBUG_WARNING; // the in-memory loaders' answer, for the comparison
+            rc = DEBUG_WARNING;  // the in-memory loaders' answer, for the comparison
         }
     }
     std::string out = "load " + std::to_string(rc) + "\n";
@@ -124,7 +124,7 @@ std::string Load(int loader, const unsigned char* doc, size_t size)
     return out;
 }
 
-} // namespace
+}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {

@@ -18,8 +18,8 @@ namespace {
 
 constexpr int kBodySize = 819200;
 
-const std::string kZeroFields = std::string(" ") + std::string(13, '0') + ":" + std::string(5, '0') + ":" +
-                                std::string(41, '0') + ":";
+const std::string kZeroFields =
+    std::string(" ") + std::string(13, '0') + ":" + std::string(5, '0') + ":" + std::string(41, '0') + ":";
 
 // A client aimed at the fake camera on 127.0.0.1, no authorisation.
 class AxisClientTest : public ::testing::Test {
@@ -181,4 +181,4 @@ TEST(AxisOptionRecord, TimeFieldIsLocalMillisecondsInHex)
     tzset();
 }
 
-} // namespace
+}  // namespace

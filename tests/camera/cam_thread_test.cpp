@@ -19,7 +19,7 @@ namespace {
 
 constexpr int kChannel = 4;
 constexpr int kVideoSize = 819200;
-const char* const kMyIp = "192.0.2.1"; // eth0 of the test's network namespace
+const char* const kMyIp = "192.0.2.1";  // eth0 of the test's network namespace
 
 // The camera thread with its back-off wait replaced: the first exponents
 // are recorded and each wait is cut to a millisecond, so the sequence can
@@ -47,7 +47,7 @@ FakePeer::Handler CameraStream(int parts)
         bool ok = SendAll(fd, StreamHead());
         for (int n = 0; ok && (parts == 0 || n < parts); n++) {
             ok = SendAll(fd, PartHead(2000) + Picture(n, 2000) + "\r\n");
-            std::this_thread::sleep_for(std::chrono::milliseconds(5)); // a camera's pacing
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));  // a camera's pacing
         }
     };
 }
@@ -122,7 +122,7 @@ TEST_F(CamThreadTest, DroppedConnectionReconnectsAtOnceWithoutBackOff)
 TEST_F(CamThreadTest, FailedStartsBackOffDoublingUpToSixteenSeconds)
 {
     int closedPort = FakePeer(kMyIp, 0, [](int, const std::string&, int) {}).Port();
-    WriteConfig(kMyIp, closedPort); // nothing listens there any more
+    WriteConfig(kMyIp, closedPort);  // nothing listens there any more
     g_flagLoginUserExist.store(1);
     StartThread(new RecordingCamThread());
 
@@ -148,4 +148,4 @@ TEST_F(CamThreadTest, UnusableFifoEndsTheProcess)
         ::testing::ExitedWithCode(255), "");
 }
 
-} // namespace
+}  // namespace

@@ -42,16 +42,21 @@ inline std::string Picture(uint64_t seq, size_t length)
 // A test run in a fresh working directory holding conf/, removed afterwards,
 // with helpers writing channel settings to conf/Config.txt.
 using Keys = std::map<std::string, std::string>;
-const char* const kMissing = "\x01missing"; // a value that leaves its key out
+const char* const kMissing = "\x01missing";  // a value that leaves its key out
 
 inline Keys ValidChannelKeys()
 {
     return {
-        {"translator_tarndatatype", "ostrel"}, {"encoder_ip", "10.0.0.7"},
-        {"encoder_port", "8080"}, {"translator_connect_ip", "10.0.0.9"},
-        {"translator_connect_port", "9001"}, {"translator_connect_camerano", "2"},
-        {"channel_authentic_switch", "1"}, {"channel_authentic_user_id", "root"},
-        {"channel_authentic_user_password", "pass word"}, {"translator_calarm_rec_postterm", "30"},
+        {"translator_tarndatatype", "ostrel"},
+        {"encoder_ip", "10.0.0.7"},
+        {"encoder_port", "8080"},
+        {"translator_connect_ip", "10.0.0.9"},
+        {"translator_connect_port", "9001"},
+        {"translator_connect_camerano", "2"},
+        {"channel_authentic_switch", "1"},
+        {"channel_authentic_user_id", "root"},
+        {"channel_authentic_user_password", "pass word"},
+        {"translator_calarm_rec_postterm", "30"},
     };
 }
 

@@ -45,11 +45,16 @@ protected:
 TEST_F(ChannelConfigTest, FaultsKeepTheRecordAndOnlyChangesMoveTheUpdateTime)
 {
     const std::pair<const char*, int> faults[] = {
-        {"translator_tarndatatype", CHANNEL_CONFIG_TYPE_MISMATCH}, {"encoder_ip", READ_FAILED},
-        {"encoder_port", READ_FAILED}, {"translator_connect_ip", READ_FAILED},
-        {"translator_connect_port", READ_FAILED}, {"translator_connect_camerano", READ_FAILED},
-        {"channel_authentic_switch", READ_FAILED}, {"channel_authentic_user_id", READ_FAILED},
-        {"channel_authentic_user_password", READ_FAILED}, {"translator_calarm_rec_postterm", SHORTAGE_VALUE},
+        {"translator_tarndatatype", CHANNEL_CONFIG_TYPE_MISMATCH},
+        {"encoder_ip", READ_FAILED},
+        {"encoder_port", READ_FAILED},
+        {"translator_connect_ip", READ_FAILED},
+        {"translator_connect_port", READ_FAILED},
+        {"translator_connect_camerano", READ_FAILED},
+        {"channel_authentic_switch", READ_FAILED},
+        {"channel_authentic_user_id", READ_FAILED},
+        {"channel_authentic_user_password", READ_FAILED},
+        {"translator_calarm_rec_postterm", SHORTAGE_VALUE},
     };
     writeConfig(ValidChannelKeys());
     configInfoIO_Class io;

@@ -72,4 +72,4 @@ TEST_F(ScheduleClientTest, StopRequestAndAnswerRules)
     }
 }
 
-} // namespace
+}  // namespace

@@ -132,8 +132,7 @@ TEST_F(CfgFileTest, SemaphoreIsCreatedOnceAndNotReinitialised)
 
     ASSERT_EQ(semctl(id, 0, IPC_RMID), 0);
     EXPECT_EQ(co_semaphore_p(id, log_), SEMAPHORE_ERROR);
-    EXPECT_NE(logText().find("[co_semaphore_p] semop(sem_id " + std::to_string(id) + ") failed\n"),
-              std::string::npos);
+    EXPECT_NE(logText().find("[co_semaphore_p] semop(sem_id " + std::to_string(id) + ") failed\n"), std::string::npos);
 }
 
 TEST_F(CfgFileTest, HolderThatDiesGivesTheSemaphoreBack)

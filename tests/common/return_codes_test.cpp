@@ -48,7 +48,7 @@ TEST(ReturnCodeText, ShortBufferCutsAndTerminates)
 
 TEST(ReturnCodeGeneral, BandEdges)
 {
-    const int rows[][2] = {{0, 1},    {10, 1},    {11, 2},    {100, 2},    {101, 4},   {1000, 4},
+    const int rows[][2] = {{0, 1},    {10, 1},    {11, 2},     {100, 2}, {101, 4},  {1000, 4},
                            {1001, 3}, {10000, 3}, {10001, -1}, {-5, -1}, {2022, 3}, {28, 2}};
     for (const auto& r : rows) {
         EXPECT_EQ(GetErrGeneralCode(r[0]), r[1]) << "code " << r[0];

@@ -21,7 +21,7 @@ TEST(StringBuf, CutsOnceThenRefuses)
     struct Row {
         const char* first;  // appended to an empty 16-byte buffer
         const char* kept;
-        int secondRc;       // of a following add("x")
+        int secondRc;  // of a following add("x")
         const char* note;
     } rows[] = {
         {"abcdefghijklmnopqrst", "abcdefghijklmno", DATA_LARGE_THEN_BUF, "cut to capacity-1"},

@@ -61,6 +61,6 @@ protected:
     std::string dir_;
 };
 
-} // namespace test_files
+}  // namespace test_files
 
 #endif

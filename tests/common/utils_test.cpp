@@ -59,12 +59,8 @@ TEST(FileNamePtr, Table)
         int rc;
         const char* name;
     } rows[] = {
-        {"a/b/prog", SUCCESS, "prog"},
-        {"prog", SUCCESS, "prog"},
-        {"/abc", SUCCESS, "/abc"},
-        {"./Ostrel", SUCCESS, "Ostrel"},
-        {"dir/", NOTFOUND_ITEM, "dir/"},
-        {"/", SUCCESS, "/"},
+        {"a/b/prog", SUCCESS, "prog"},   {"prog", SUCCESS, "prog"},       {"/abc", SUCCESS, "/abc"},
+        {"./Ostrel", SUCCESS, "Ostrel"}, {"dir/", NOTFOUND_ITEM, "dir/"}, {"/", SUCCESS, "/"},
     };
     for (const Row& r : rows) {
         char path[32];
@@ -117,7 +113,9 @@ TEST(Sleep, SplitsSecondsFromMicroseconds)
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::microseconds(1050000));
 }
 
-void on_signal(int) {}
+void on_signal(int)
+{
+}
 
 TEST(Sleep, SignalEndsTheWait)
 {

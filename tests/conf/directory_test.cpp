@@ -40,8 +40,8 @@ TEST_F(DirectoryTest, DocumentTable)
     const std::string longDir = "/" + std::string(300, 'd');
     const std::string root = "<Directory.Conf>", end = "</Directory.Conf>";
     const std::vector<Row> rows = {
-        {root + "<UnixDomainSockDir>/tmp/s</UnixDomainSockDir><StatesDir>/run/x/</StatesDir>" + end, SUCCESS,
-         "/tmp/s/", "/run/x/", "'/' added only where missing"},
+        {root + "<UnixDomainSockDir>/tmp/s</UnixDomainSockDir><StatesDir>/run/x/</StatesDir>" + end, SUCCESS, "/tmp/s/",
+         "/run/x/", "'/' added only where missing"},
         {root + "\n <StatesDir>  /a/b/  </StatesDir>\n" + end, SUCCESS, "<absent>", "/a/b/", "cut, no second '/'"},
         {root + "<StatesDir>\r\n\t/a  b\r\n</StatesDir>" + end, SUCCESS, "<absent>", "/a b/", "inner run folded"},
         {root + "<StatesDir>   </StatesDir><UnixDomainSockDir/>" + end, SUCCESS, "<absent>", "<absent>",

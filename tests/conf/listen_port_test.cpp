@@ -44,7 +44,8 @@ bool Connects(const char* addr, int port, const PPD_ListenPort_Class* lp)
     if (ok && lp != nullptr) {
         int a = accept(lp->GetSocket(), nullptr, nullptr);
         ok = a >= 0;
-        if (ok) close(a);
+        if (ok)
+            close(a);
     }
     close(c);
     return ok;

@@ -32,13 +32,15 @@ protected:
     {
         const std::string open = " <PPD_VersionTime>";
         const size_t from = doc.find(open), to = doc.find("</PPD_VersionTime>\n");
-        if (from == std::string::npos || to == std::string::npos) return "";
+        if (from == std::string::npos || to == std::string::npos)
+            return "";
         return doc.substr(from + open.size(), to - from - open.size());
     }
     static std::string Shape(const std::string& s)
     {
         std::string out;
-        for (unsigned char c : s) out += isdigit(c) ? '9' : isalpha(c) ? 'a' : static_cast<char>(c);
+        for (unsigned char c : s)
+            out += isdigit(c) ? '9' : isalpha(c) ? 'a' : static_cast<char>(c);
         return out;
     }
     static bool IsBuildDate(const std::string& s)

@@ -56,7 +56,10 @@ inline void ensure_process_setup()
 }
 
 // A connection from src to the listener (reached at the same address).
-inline int connect_from(const char* src, unsigned short port) { return ConnectTo(src, port, src); }
+inline int connect_from(const char* src, unsigned short port)
+{
+    return ConnectTo(src, port, src);
+}
 
 inline std::string read_to_close(int fd)
 {
@@ -66,7 +69,9 @@ inline std::string read_to_close(int fd)
 }
 
 // An answer split into head (Date value masked as "*") and body.
-struct Reply { std::string head, body; };
+struct Reply {
+    std::string head, body;
+};
 
 inline Reply parse_reply(const std::string& raw)
 {
@@ -88,9 +93,10 @@ inline std::string get(const std::string& uri, const char* method = "GET")
 // Head of a "text/plain" answer with a body of `length` bytes.
 inline std::string text_head(const std::string& status, size_t length, const std::string& extra = "")
 {
-    return "HTTP/1.1 " + status + "\r\nDate: *\r\nServer: Ostrel Relay\r\nContent-Type: text/plain\r\n"
-           "Pragma: no-cache\r\n" + (length ? "Content-Length: " + std::to_string(length) + "\r\n" : "") +
-           extra + "Connection: close\r\n\r\n";
+    return "HTTP/1.1 " + status +
+           "\r\nDate: *\r\nServer: Ostrel Relay\r\nContent-Type: text/plain\r\n"
+           "Pragma: no-cache\r\n" +
+           (length ? "Content-Length: " + std::to_string(length) + "\r\n" : "") + extra + "Connection: close\r\n\r\n";
 }
 
 // Workers on a listening socket of every address, stopped after the test.

@@ -51,7 +51,8 @@ long long commit_frame()
 std::string image_head(long long n)
 {
     return "HTTP/1.1 200 OK\r\nDate: *\r\nServer: Ostrel Relay\r\nContent-Type: image/jpeg\r\n"
-           "Pragma: no-cache\r\nContent-Length: " + std::to_string(frame_bytes(n).size()) +
+           "Pragma: no-cache\r\nContent-Length: " +
+           std::to_string(frame_bytes(n).size()) +
            "\r\nTarnDataType: Ostrel\r\nIMAGE_ID0000: frame=" + std::to_string(n) +
            "\r\nOFFSET_TIME: 0\r\nConnection: close\r\n\r\n";
 }
@@ -161,8 +162,8 @@ TEST_F(PreImageTest, TextAnswers)
         {get("/ptippreimg.cgi?img_logout=1&img_user_id=7"), kOwnIp, "200 OK", "ERROR_LOGOUT:"},
         {kLogout, kForeignIp, "200 OK", "ERROR_UNKNOWN_IP:"},
         {get("/ptippreimg.cgi?img_logout=1&img_user_id=1&get_image=1"), kOwnIp, "200 OK", kWaitedOut},
-        {"POST /ptippreimg.cgi HTTP/1.1\r\nContent-Length: 26\r\n\r\nimg_logout=1&img_user_id=1", kOwnIp,
-         "200 OK", "LOGOUT_SUCCESS:1:IMAGE\r\n"},
+        {"POST /ptippreimg.cgi HTTP/1.1\r\nContent-Length: 26\r\n\r\nimg_logout=1&img_user_id=1", kOwnIp, "200 OK",
+         "LOGOUT_SUCCESS:1:IMAGE\r\n"},
         {kGetImage, kOwnIp, "200 OK", "ERROR_USER_ID:"},
         {get("/ptippreimg.cgi?get_image=1&img_user_id=1&img_login=1"), kOwnIp, "200 OK", "LOGIN_SUCCESS:1:\r\n"},
         {get("/index.html?a=1"), kForeignIp, "404 Not Found",

@@ -25,8 +25,9 @@ protected:
     {
         Reply r = ask(get("/trcom.cgi?" + query), src);
         std::string lines = "Protocol_Name: TrCommunicate\r\nProtocol_Version: 1\r\nNode_Id: 16777473\r\n"
-                            "Query_Result: " + std::to_string(GetErrGeneralCode(code)) + ":" +
-                            std::to_string(code) + "\r\nQuery_String: " + query.substr(0, 512) + "\r\n";
+                            "Query_Result: " +
+                            std::to_string(GetErrGeneralCode(code)) + ":" + std::to_string(code) +
+                            "\r\nQuery_String: " + query.substr(0, 512) + "\r\n";
         EXPECT_EQ(r.head, text_head("200 OK", kHtml.size(), lines)) << query;
         EXPECT_EQ(r.body, kHtml) << query;
     }

@@ -56,8 +56,8 @@ protected:
     {
         WriteFile(dir_ + "/stdin.txt", in);
         const std::string san = "log_path=" + dir_ + "/sanitizer";
-        env.insert(env.end(), {"ASAN_OPTIONS=" + san, "UBSAN_OPTIONS=print_stacktrace=1:" + san,
-                               "TSAN_OPTIONS=" + san});
+        env.insert(env.end(),
+                   {"ASAN_OPTIONS=" + san, "UBSAN_OPTIONS=print_stacktrace=1:" + san, "TSAN_OPTIONS=" + san});
         args.insert(args.begin(), "Ostrel");
         pid_t pid = fork();
         if (pid == 0) {
@@ -82,15 +82,13 @@ protected:
         r.err = ReadFile(dir_ + "/stderr.txt");
         return r;
     }
-
 };
 
 const std::string kUsage =
     "\t-StartUp Name : PP Start (for Debug).\n\t-StartUp_NonDeamon Name : PP Start (for Debug).\n"
     "\t-GetConfigTemplate\n";
-const std::string kTemplate =
-    "Content-Length: 53\nContent-type: text/plain\n\n"
-    "<L2Config_Template>\n\t<Sample />\n</L2Config_Template>\n";
+const std::string kTemplate = "Content-Length: 53\nContent-type: text/plain\n\n"
+                              "<L2Config_Template>\n\t<Sample />\n</L2Config_Template>\n";
 
 std::string invalid(const std::string& comment)
 {
@@ -107,8 +105,14 @@ struct AnswerRow {
     const char* note;
 };
 
-std::vector<std::string> get(const std::string& query) { return {"REQUEST_METHOD=GET", "QUERY_STRING=" + query}; }
-std::vector<std::string> post(int length) { return {"REQUEST_METHOD=POST", "CONTENT_LENGTH=" + std::to_string(length)}; }
+std::vector<std::string> get(const std::string& query)
+{
+    return {"REQUEST_METHOD=GET", "QUERY_STRING=" + query};
+}
+std::vector<std::string> post(int length)
+{
+    return {"REQUEST_METHOD=POST", "CONTENT_LENGTH=" + std::to_string(length)};
+}
 
 TEST_F(LauncherAnswerTest, AnswersEveryRequestExactly)
 {
@@ -123,28 +127,47 @@ TEST_F(LauncherAnswerTest, AnswersEveryRequestExactly)
         {{"-Stop", "1"}, {}, "", "[-Stop] Unkown.\n" + kUsage, "", "unknown switch"},
         {{"x", "05"}, get("Command=GetConfigTemplate"), "", kTemplate, "", "template from CGI"},
         {{"x", "05"}, get("Command=Foo"), "", invalid("Unkown Command 'Foo'"), "", "unknown command"},
-        {{"x", "05"}, get("Command=getconfigtemplate"), "", invalid("Unkown Command 'getconfigtemplate'"), "",
+        {{"x", "05"},
+         get("Command=getconfigtemplate"),
+         "",
+         invalid("Unkown Command 'getconfigtemplate'"),
+         "",
          "command value compared exactly"},
         {{"x", "05"}, get("Command=StartUp&Name=5"), "", invalid("'Name' Length too short"), "", "short name"},
-        {{"x", "05"}, get("Command=StartUp&Name=" + longName), "", invalid("'Name' Length too large"), "",
-         "long name"},
+        {{"x", "05"}, get("Command=StartUp&Name=" + longName), "", invalid("'Name' Length too large"), "", "long name"},
         {{"x", "05"}, get("Command=StartUp"), "", invalid("Not found 'Name' CGI Argument "), "", "no name"},
-        {{"x", "05"}, get("Command=StartUp&Name=0-5"), "", invalid("'Name' have invalid charactor"), "",
+        {{"x", "05"},
+         get("Command=StartUp&Name=0-5"),
+         "",
+         invalid("'Name' have invalid charactor"),
+         "",
          "name characters"},
         {{"x", "05"}, get("Name=05"), "", invalid("Not found 'Command' CGI Argument "), "", "no command"},
         {{"x", "05"}, get("Command=S"), "", invalid("'Command' Length too short"), "", "short command"},
         {{"x", "05"}, get(""), "", invalid("Not found CGI Argument"), "", "empty query"},
         {{"x", "05"}, get("Command=a=b"), "", invalid("CGI Parameter parser error"), "", "query syntax"},
-        {{"x", "05"}, {"REQUEST_METHOD=POST"}, "", invalid("Not found 'Content-Length' in HTTP Header"), "",
+        {{"x", "05"},
+         {"REQUEST_METHOD=POST"},
+         "",
+         invalid("Not found 'Content-Length' in HTTP Header"),
+         "",
          "no length"},
         {{"x", "05"}, post(0), "", invalid("Invalid value 'Content-Length':0"), "", "zero length"},
         {{"x", "05"}, post(-3), "", invalid("Invalid value 'Content-Length':-3"), "", "negative length"},
         {{"x", "05"}, post(65536), "", invalid("CGI parametar too large."), "", "length limit"},
         {{"x", "05"}, post(65535), "", startFailed("HTTP Body read faild"), "", "largest length, empty body"},
         {{"x", "05"}, post(27), "Command=GetConfigTemplate\r\n", kTemplate, "", "body with its line end"},
-        {{"x", "05"}, post(11), "Command=GetConfigTemplate", invalid("Unkown Command 'Get'"), "",
+        {{"x", "05"},
+         post(11),
+         "Command=GetConfigTemplate",
+         invalid("Unkown Command 'Get'"),
+         "",
          "only the announced length is read"},
-        {{"x", "05"}, {"REQUEST_METHOD=HEAD", "QUERY_STRING=Command=Foo"}, "", "Content-type: text/plain\n\n", "",
+        {{"x", "05"},
+         {"REQUEST_METHOD=HEAD", "QUERY_STRING=Command=Foo"},
+         "",
+         "Content-type: text/plain\n\n",
+         "",
          "head"},
         {{"x", "05"}, {"REQUEST_METHOD=put"}, "", "[put] Unkown Command.", "", "unknown method"},
     };

@@ -337,8 +337,7 @@ void RunWriterAndReaders(int l, int w, long long frames, int readers)
             // that they would only ever see the newest frame.
             win.WaitFor([&] {
                 const long long h = win.Oldest();
-                return (h == Window::kNone || k + 1 < h + l + w) &&
-                       win.Slowest() >= k - 2 * (l + w);
+                return (h == Window::kNone || k + 1 < h + l + w) && win.Slowest() >= k - 2 * (l + w);
             });
             if (fifo.InputDataStart() != SUCCESS) {
                 failures++;
@@ -375,11 +374,9 @@ void RunWriterAndReaders(int l, int w, long long frames, int readers)
                 int rc = borrow ? fifo.GetData2(last + 1, &pic, &cap, option, kOption, &info)
                                 : fifo.GetData(last + 1, pic, kVideo, option, kOption, &info);
                 const long long n = info.lnDataNo;
-                bool ok = rc == SUCCESS && n >= last && n >= top &&
-                          info.lnDataNo_PublicTop >= lastTop &&
+                bool ok = rc == SUCCESS && n >= last && n >= top && info.lnDataNo_PublicTop >= lastTop &&
                           info.lnDataNo_PublicTail >= lastTail && n >= info.lnDataNo_PublicTop &&
-                          n <= info.lnDataNo_PublicTail &&
-                          info.lnDataNo_PublicTail - info.lnDataNo_PublicTop + 1 <= l;
+                          n <= info.lnDataNo_PublicTail && info.lnDataNo_PublicTail - info.lnDataNo_PublicTop + 1 <= l;
                 win.Set(win.seen[r], n);
                 // Hold a borrowed picture until the writer has gone as far as
                 // the window allows, then check it is still intact.

@@ -22,8 +22,8 @@ struct HeadRow {
     const char* input;
     int code;
     int status;
-    const char* error; // exact text, or nullptr for "no fault"
-    int lines;         // header lines stored (checked on SUCCESS)
+    const char* error;  // exact text, or nullptr for "no fault"
+    int lines;          // header lines stored (checked on SUCCESS)
     int keepAlive;
     int host;
     const char* note;
@@ -231,4 +231,4 @@ TEST(Scanner, LeadingLineBreaksAndBlanks)
     EXPECT_EQ(line.size(), p.m_nPos);
 }
 
-} // namespace
+}  // namespace

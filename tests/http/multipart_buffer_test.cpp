@@ -201,4 +201,4 @@ TEST(MultiPartBuffer, LargeFrameAcrossManyReceives)
     EXPECT_TRUE(got == frame) << "frame bytes differ";
 }
 
-} // namespace
+}  // namespace

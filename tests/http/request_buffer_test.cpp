@@ -17,7 +17,7 @@ struct RequestRow {
     int code;
     int status;
     const char* error;
-    const char* params; // "name=value;..." (checked on SUCCESS)
+    const char* params;  // "name=value;..." (checked on SUCCESS)
     int keepAlive;
     const char* note;
 };
@@ -168,4 +168,4 @@ TEST(RequestBuffer, PipelinedRequestsKeepTheirOwnParameters)
     EXPECT_EQ("/ptippreimg.cgi", span(buf.Parser.URIParser.FileName));
 }
 
-} // namespace
+}  // namespace

@@ -15,8 +15,8 @@ struct RequestRow {
     const char* input;
     int code;
     int status;
-    const char* requestError; // the text the reader reports
-    int method;               // Flag_Num (checked on SUCCESS)
+    const char* requestError;  // the text the reader reports
+    int method;                // Flag_Num (checked on SUCCESS)
     const char* fileName;
     const char* query;
     const char* note;
@@ -124,7 +124,7 @@ TEST(URIParser, Table)
 struct CgiRow {
     const char* text;
     int code;
-    const char* params; // "name=value;..." with an empty value shown as \0
+    const char* params;  // "name=value;..." with an empty value shown as \0
     const char* note;
 };
 
@@ -181,4 +181,4 @@ TEST(CGIParamParser, KeepsTheFirstTwentyAndLooksUpWithTheEqualsSign)
     EXPECT_EQ("x=1", pairs(p.m_Params));
 }
 
-} // namespace
+}  // namespace

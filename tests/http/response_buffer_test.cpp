@@ -14,12 +14,12 @@ constexpr int kTimeoutMs = 5000;
 
 struct ResponseRow {
     const char* input;
-    bool closeAfter; // the peer closes once everything is sent
+    bool closeAfter;  // the peer closes once everything is sent
     int code;
     int status;
     const char* error;
     const char* body;
-    int keepAlive; // Is_KeepAlive afterwards
+    int keepAlive;  // Is_KeepAlive afterwards
     const char* note;
 };
 
@@ -170,4 +170,4 @@ TEST(ResponseBuffer, ExitFlagStopsAHeadReadAndSilenceABodyRead)
     EXPECT_STREQ("HTTP body read faild.", buf.m_strError);
 }
 
-} // namespace
+}  // namespace

@@ -64,8 +64,8 @@ TEST(ResponseHeadTest, HeadBytes)
     };
     for (const Row& r : rows) {
         StringBuf_Class out(4096);
-        ASSERT_EQ(SUCCESS, HttpResponse_MakeMessage_Header(&out, r.code, r.minor, r.keepAlive, r.type,
-                                                           r.extra, r.length))
+        ASSERT_EQ(SUCCESS,
+                  HttpResponse_MakeMessage_Header(&out, r.code, r.minor, r.keepAlive, r.type, r.extra, r.length))
             << r.note;
         EXPECT_EQ(r.expected, mask_date(out.c_str())) << r.note;
     }
@@ -79,7 +79,8 @@ TEST(ResponseHeadTest, ErrorResponseKeepsTheNullContentTypeQuirk)
     ASSERT_EQ(50u, body.size());
     EXPECT_EQ(std::string("HTTP/1.1 400 Bad Request\r\n") + kHeadStart +
                   "Content-Type: (null)\r\nPragma: no-cache\r\nContent-Length: 50\r\n"
-                  "text/htmlConnection: close\r\n\r\n" + body,
+                  "text/htmlConnection: close\r\n\r\n" +
+                  body,
               mask_date(out.c_str()));
 
     // Kept connection: the bare type runs into the blank line instead.

@@ -18,7 +18,6 @@
 #include "common/return_codes.h"
 #include "common/test_files.h"
 
-
 namespace {
 
 using test_files::ReadFile;
@@ -48,8 +47,7 @@ std::pair<int, std::string> RaiseInChild(const std::string& dir, int terminate)
     if (pid == 0) {
         g_pDB = new DbPrintf_Class(logPath.c_str(), 1);
         g_Program_Command.store(0);
-        if (Set_ProgramTarminateSignal(g_pDB) != SUCCESS ||
-            Set_IgnoresSignals_ForThisProgram(g_pDB) != SUCCESS) {
+        if (Set_ProgramTarminateSignal(g_pDB) != SUCCESS || Set_IgnoresSignals_ForThisProgram(g_pDB) != SUCCESS) {
             _exit(10);
         }
         for (int sig : {SIGHUP, SIGQUIT, SIGTSTP, SIGPIPE, SIGUSR1, SIGUSR2, SIGCHLD, SIGTRAP}) {
@@ -62,8 +60,8 @@ std::pair<int, std::string> RaiseInChild(const std::string& dir, int terminate)
             _exit(30);
         }
         int sv[2];
-        if (socketpair(AF_UNIX, SOCK_STREAM, 0, sv) != 0 || close(sv[1]) != 0 ||
-            write(sv[0], "x", 1) != -1 || errno != EPIPE) {  // a plain write, no MSG_NOSIGNAL
+        if (socketpair(AF_UNIX, SOCK_STREAM, 0, sv) != 0 || close(sv[1]) != 0 || write(sv[0], "x", 1) != -1 ||
+            errno != EPIPE) {  // a plain write, no MSG_NOSIGNAL
             _exit(40);
         }
         raise(terminate);
@@ -90,8 +88,7 @@ std::pair<int, std::string> RaiseInChild(const std::string& dir, int terminate)
 
 TEST_F(ProcessTest, SigtermAndSigintAskTheDaemonToStopAndAreLogged)
 {
-    const std::pair<int, std::string> rows[] = {{SIGTERM, "Signal:SIGTERM\n"},
-                                                {SIGINT, "Signal:SIGINT\n"}};
+    const std::pair<int, std::string> rows[] = {{SIGTERM, "Signal:SIGTERM\n"}, {SIGINT, "Signal:SIGINT\n"}};
     for (const auto& [sig, line] : rows) {
         auto [status, log] = RaiseInChild(dir_, sig);
         ASSERT_TRUE(WIFEXITED(status)) << line << " killed by " << WTERMSIG(status);

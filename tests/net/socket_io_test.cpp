@@ -68,7 +68,9 @@ struct Pair {
     }
 };
 
-void on_usr1(int) {}
+void on_usr1(int)
+{
+}
 
 // Runs call() in its own thread; SIGUSR1 (installed without SA_RESTART, as
 // the daemon does) breaks its blocked waits.
@@ -77,8 +79,7 @@ struct Worker {
     std::future<int> result;
     pthread_t tid;
 
-    template <typename F>
-    explicit Worker(F call)
+    template <typename F> explicit Worker(F call)
     {
         struct sigaction sa {};
         sa.sa_handler = on_usr1;

@@ -94,8 +94,7 @@ public:
     Probe* probe;
 };
 
-template <class Element>
-class ElementPool : public ThreadControlArr {
+template <class Element> class ElementPool : public ThreadControlArr {
 public:
     explicit ElementPool(Probe* p) : probe(p) {}
     int Add_Thread(DbPrintf_Class* pDB) override

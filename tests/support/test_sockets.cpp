@@ -38,7 +38,7 @@ void set_nodelay(int fd)
     setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
 }
 
-} // namespace
+}  // namespace
 
 int ListenOn(const char* ip, int port, int backlog, int* boundPort)
 {

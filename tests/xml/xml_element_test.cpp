@@ -52,7 +52,8 @@ TEST_F(XmlElementTest, CutSpaceTable)
         {" \t\r\n ", STRING_NOT_FOUND, "<empty>", "whitespace only"},
     };
     std::string doc = "<r>";
-    for (const Row& row : rows) doc += "<t>" + row.text + "</t>";
+    for (const Row& row : rows)
+        doc += "<t>" + row.text + "</t>";
     const XmlElement_Class* root = Parse(doc + "<e/></r>");
     ASSERT_NE(root, nullptr);
     for (size_t i = 0; i < rows.size(); i++) {

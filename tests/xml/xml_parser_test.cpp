@@ -30,8 +30,10 @@ protected:
     {
         const auto* data = reinterpret_cast<const unsigned char*>(bytes.data());
         const int size = static_cast<int>(bytes.size());
-        if (how == Loader::Copy) return parser->Construct_WithMemAlloc_BufferCopy(data, size);
-        if (how == Loader::File) return parser->Construct_FromFileOpen(WriteFile("doc.xml", bytes).c_str());
+        if (how == Loader::Copy)
+            return parser->Construct_WithMemAlloc_BufferCopy(data, size);
+        if (how == Loader::File)
+            return parser->Construct_FromFileOpen(WriteFile("doc.xml", bytes).c_str());
         m_Borrowed.emplace_back(new unsigned char[bytes.size()]);
         memcpy(m_Borrowed.back().get(), data, bytes.size());
         return parser->Construct_BufferPointerCopy(m_Borrowed.back().get(), size);
@@ -51,26 +53,47 @@ struct ParseRow {
 // Documents broken in each way the reader reports, and lenient or odd
 // documents it accepts. Every row runs through all three loaders.
 const std::vector<ParseRow> kRows = {
-    {std::string("<a>x\x07</a>"), XMLPARSER_PARSER_ERROR, "Parser Error. Found abnormal character code [0x07] .", true, "bell byte"},
-    {std::string("<a>x\0</a>", 9), XMLPARSER_PARSER_ERROR, "Parser Error. Found abnormal character code [0x00] .", true, "NUL byte"},
-    {"<a>5 > 4</a>", XMLPARSER_PARSER_ERROR, "Parser Error. Found Syntax error character[>](0x3e) in element content.", true, "'>' in text"},
-    {"<a>it's</a>", XMLPARSER_PARSER_ERROR, "Parser Error. Found Syntax error character['](0x27) in element content.", true, "apostrophe in text"},
-    {"<a>say \"hi\"</a>", XMLPARSER_PARSER_ERROR, "Parser Error. Found Syntax error character[\"](0x22) in element content.", true, "quote in text"},
-    {"\"<a/>", XMLPARSER_PARSER_ERROR, "Parser Error. Found Syntax error character[\"](0x22).", false, "quote before the root"},
-    {"<a/>>", XMLPARSER_PARSER_ERROR, "Parser Error. Found Syntax error character[>](0x3e).", true, "'>' after the root"},
-    {"< a/>", XMLPARSER_PARSER_ERROR, "Parser Error. Found Syntax error character[ ](0x20) after '<'.", false, "blank after '<'"},
-    {"<1a/>", XMLPARSER_PARSER_ERROR, "Parser Error. Found Syntax error character[1](0x31) after '<'.", false, "digit starts a name"},
-    {"<a></\tb>", XMLPARSER_PARSER_ERROR, "Parser Error. Found Syntax error character[ ](0x20) after '</'.", true, "tab folds to a blank"},
-    {"<a/ >", XMLPARSER_PARSER_ERROR, "Parser Error. Found Syntax error character [/] in start tag.", false, "blank inside '/>'"},
-    {"<a =\"1\"/>", XMLPARSER_PARSER_ERROR, "Parser Error. Found Syntax error character [=](0x3d) in start tag.", false, "attribute without a name"},
-    {"<a x =\"1\"/>", XMLPARSER_PARSER_ERROR, "Parser Error. Found Syntax error character [ ](0x20) in start tag attribute.", false, "blank before '='"},
-    {"<a x= \"1\"/>", XMLPARSER_PARSER_ERROR, "Parser Error. Not found quote character in start tag attribute.", false, "blank after '='"},
-    {"<a x=1/>", XMLPARSER_PARSER_ERROR, "Parser Error. Not found quote character in start tag attribute.", false, "unquoted value"},
-    {"<a x=\"1<2\"/>", XMLPARSER_PARSER_ERROR, "Parser Error.found Syntax error character [<](0x3c) in start tag attribute.", false, "'<' in value"},
-    {"<a x=\"1>2\"/>", XMLPARSER_PARSER_ERROR, "Parser Error.found Syntax error character [>](0x3e) in start tag attribute.", false, "'>' in value"},
-    {"<a x='1\"'/>", XMLPARSER_PARSER_ERROR, "Parser Error.found Syntax error character [\"](0x22) in start tag attribute.", false, "other quote in value"},
-    {"<a x=\"1\"y=\"2\"/>", XMLPARSER_PARSER_ERROR, "Parser Error. Found Syntax error character [y](0x79) after attribute values string.", false, "no blank between attributes"},
-    {"<a x=\"1\" y=\"2\" x='3'/>", XMLPARSER_PARSER_ERROR, "Parser Error. The same attribute name exists.[x].", false, "duplicate attribute"},
+    {std::string("<a>x\x07</a>"), XMLPARSER_PARSER_ERROR, "Parser Error. Found abnormal character code [0x07] .", true,
+     "bell byte"},
+    {std::string("<a>x\0</a>", 9), XMLPARSER_PARSER_ERROR, "Parser Error. Found abnormal character code [0x00] .", true,
+     "NUL byte"},
+    {"<a>5 > 4</a>", XMLPARSER_PARSER_ERROR, "Parser Error. Found Syntax error character[>](0x3e) in element content.",
+     true, "'>' in text"},
+    {"<a>it's</a>", XMLPARSER_PARSER_ERROR, "Parser Error. Found Syntax error character['](0x27) in element content.",
+     true, "apostrophe in text"},
+    {"<a>say \"hi\"</a>", XMLPARSER_PARSER_ERROR,
+     "Parser Error. Found Syntax error character[\"](0x22) in element content.", true, "quote in text"},
+    {"\"<a/>", XMLPARSER_PARSER_ERROR, "Parser Error. Found Syntax error character[\"](0x22).", false,
+     "quote before the root"},
+    {"<a/>>", XMLPARSER_PARSER_ERROR, "Parser Error. Found Syntax error character[>](0x3e).", true,
+     "'>' after the root"},
+    {"< a/>", XMLPARSER_PARSER_ERROR, "Parser Error. Found Syntax error character[ ](0x20) after '<'.", false,
+     "blank after '<'"},
+    {"<1a/>", XMLPARSER_PARSER_ERROR, "Parser Error. Found Syntax error character[1](0x31) after '<'.", false,
+     "digit starts a name"},
+    {"<a></\tb>", XMLPARSER_PARSER_ERROR, "Parser Error. Found Syntax error character[ ](0x20) after '</'.", true,
+     "tab folds to a blank"},
+    {"<a/ >", XMLPARSER_PARSER_ERROR, "Parser Error. Found Syntax error character [/] in start tag.", false,
+     "blank inside '/>'"},
+    {"<a =\"1\"/>", XMLPARSER_PARSER_ERROR, "Parser Error. Found Syntax error character [=](0x3d) in start tag.", false,
+     "attribute without a name"},
+    {"<a x =\"1\"/>", XMLPARSER_PARSER_ERROR,
+     "Parser Error. Found Syntax error character [ ](0x20) in start tag attribute.", false, "blank before '='"},
+    {"<a x= \"1\"/>", XMLPARSER_PARSER_ERROR, "Parser Error. Not found quote character in start tag attribute.", false,
+     "blank after '='"},
+    {"<a x=1/>", XMLPARSER_PARSER_ERROR, "Parser Error. Not found quote character in start tag attribute.", false,
+     "unquoted value"},
+    {"<a x=\"1<2\"/>", XMLPARSER_PARSER_ERROR,
+     "Parser Error.found Syntax error character [<](0x3c) in start tag attribute.", false, "'<' in value"},
+    {"<a x=\"1>2\"/>", XMLPARSER_PARSER_ERROR,
+     "Parser Error.found Syntax error character [>](0x3e) in start tag attribute.", false, "'>' in value"},
+    {"<a x='1\"'/>", XMLPARSER_PARSER_ERROR,
+     "Parser Error.found Syntax error character [\"](0x22) in start tag attribute.", false, "other quote in value"},
+    {"<a x=\"1\"y=\"2\"/>", XMLPARSER_PARSER_ERROR,
+     "Parser Error. Found Syntax error character [y](0x79) after attribute values string.", false,
+     "no blank between attributes"},
+    {"<a x=\"1\" y=\"2\" x='3'/>", XMLPARSER_PARSER_ERROR, "Parser Error. The same attribute name exists.[x].", false,
+     "duplicate attribute"},
     {"<a x=\"1", XMLPARSER_PARSER_ERROR, "Parser Error. File end in start tag attribute.", false, "end inside a value"},
     {"<a x=", XMLPARSER_PARSER_ERROR, "Parser Error. File end in start tag attribute.", false, "end after '='"},
     {"<a x=\"1\"", XMLPARSER_PARSER_ERROR, "Parser Error. File end in start tag parsing.", false, "end after a value"},
@@ -81,28 +104,44 @@ const std::vector<ParseRow> kRows = {
     {"<a/><b/>", XMLPARSER_PARSER_ERROR, "Parser Error. Found 2nd root element.", true, "second root"},
     {"<a></a>\n<b>", XMLPARSER_PARSER_ERROR, "Parser Error. Found 2nd root element.", true, "second root after text"},
     {"</a>", XMLPARSER_PARSER_ERROR, "Parser Error. Found illegal EndTag.", false, "end tag without a start"},
-    {"<a/></a>", XMLPARSER_PARSER_ERROR, "Parser Error. Found illegal EndTag.", true, "end tag after self-closing root"},
+    {"<a/></a>", XMLPARSER_PARSER_ERROR, "Parser Error. Found illegal EndTag.", true,
+     "end tag after self-closing root"},
     {"<a>\n  <b>\r\n</c></a>", XMLPARSER_PARSER_ERROR,
-     "Parser Error. Tag name differ with  StartTag[b](Line 1:2) and end EndTag[c](Line 2:0).", true, "CR LF is one line end"},
+     "Parser Error. Tag name differ with  StartTag[b](Line 1:2) and end EndTag[c](Line 2:0).", true,
+     "CR LF is one line end"},
     {"<a>\r\r\t<b></bb></a>", XMLPARSER_PARSER_ERROR,
-     "Parser Error. Tag name differ with  StartTag[b](Line 2:1) and end EndTag[bb](Line 2:4).", true, "lone CRs count as lines"},
-    {"<a></a >", XMLPARSER_PARSER_ERROR, "Parser Error. Found Syntax error character[ ](0x20) in EndTag.", true, "blank in end tag"},
-    {"<?xml a>b?>", XMLPARSER_PARSER_ERROR, "Parser Error. Found Syntax error character[>](0x3e) in '<? ... ?>' .", false, "'>' in PI"},
-    {"<?xml <?>", XMLPARSER_PARSER_ERROR, "Parser Error. Found Syntax error character[<](0x3c) in '<? ... ?>' .", false, "'<' in PI"},
-    {"<?xml v='?>", XMLPARSER_PARSER_ERROR, "Parser Error. File end in '<? ... ?>' .", false, "end inside a quoted PI string"},
-    {"<!x>", XMLPARSER_PARSER_ERROR, "Parser Error. Found Syntax error character[x](0x78) in '<!...!>' .", false, "unknown '<!'"},
-    {"<!-x-->", XMLPARSER_PARSER_ERROR, "Parser Error. Found Syntax error character[x](0x78) in '<!...!>' .", false, "single dash"},
-    {"<!doctype a>", XMLPARSER_PARSER_ERROR, "Parser Error. Found Syntax error character[d](0x64) in '<!...!>' .", false, "DOCTYPE is case-sensitive"},
+     "Parser Error. Tag name differ with  StartTag[b](Line 2:1) and end EndTag[bb](Line 2:4).", true,
+     "lone CRs count as lines"},
+    {"<a></a >", XMLPARSER_PARSER_ERROR, "Parser Error. Found Syntax error character[ ](0x20) in EndTag.", true,
+     "blank in end tag"},
+    {"<?xml a>b?>", XMLPARSER_PARSER_ERROR, "Parser Error. Found Syntax error character[>](0x3e) in '<? ... ?>' .",
+     false, "'>' in PI"},
+    {"<?xml <?>", XMLPARSER_PARSER_ERROR, "Parser Error. Found Syntax error character[<](0x3c) in '<? ... ?>' .", false,
+     "'<' in PI"},
+    {"<?xml v='?>", XMLPARSER_PARSER_ERROR, "Parser Error. File end in '<? ... ?>' .", false,
+     "end inside a quoted PI string"},
+    {"<!x>", XMLPARSER_PARSER_ERROR, "Parser Error. Found Syntax error character[x](0x78) in '<!...!>' .", false,
+     "unknown '<!'"},
+    {"<!-x-->", XMLPARSER_PARSER_ERROR, "Parser Error. Found Syntax error character[x](0x78) in '<!...!>' .", false,
+     "single dash"},
+    {"<!doctype a>", XMLPARSER_PARSER_ERROR, "Parser Error. Found Syntax error character[d](0x64) in '<!...!>' .",
+     false, "DOCTYPE is case-sensitive"},
     {"<!", XMLPARSER_PARSER_ERROR, "Parser Error. File end in '<!...!>' .", false, "end after '<!'"},
-    {"<!-- a -- b -->", XMLPARSER_PARSER_ERROR, "Parser Error. Found '--' in comment.", false, "double dash in comment"},
+    {"<!-- a -- b -->", XMLPARSER_PARSER_ERROR, "Parser Error. Found '--' in comment.", false,
+     "double dash in comment"},
     {"<!-- a --->", XMLPARSER_PARSER_ERROR, "Parser Error. Found '--' in comment.", false, "three dashes before '>'"},
     {"<!-- a", XMLPARSER_PARSER_ERROR, "Parser Error. File end in '<-- ... -->' .", false, "unterminated comment"},
-    {"<a><![CDATA[ <![CDATA[ ]]></a>", XMLPARSER_PARSER_ERROR, "Parser Error. Found '<![CDATA[' in '<![CDATA[ ... ]]>' .", true, "nested CDATA"},
-    {"<a><![CDATA[ x ]]", XMLPARSER_PARSER_ERROR, "Parser Error. File end in '<![CDATA[ ... ]]>' .", true, "unterminated CDATA"},
+    {"<a><![CDATA[ <![CDATA[ ]]></a>", XMLPARSER_PARSER_ERROR,
+     "Parser Error. Found '<![CDATA[' in '<![CDATA[ ... ]]>' .", true, "nested CDATA"},
+    {"<a><![CDATA[ x ]]", XMLPARSER_PARSER_ERROR, "Parser Error. File end in '<![CDATA[ ... ]]>' .", true,
+     "unterminated CDATA"},
     {"<!DOCTYPE a [ <!ENTITY e 'v'> ]x>", XMLPARSER_PARSER_ERROR,
-     "Parser Error. Found Syntax error character[x](0x78) after ']'.in '<!DOCTYPE[...]>' .", false, "junk after internal subset"},
-    {"<!DOCTYPE a", XMLPARSER_PARSER_ERROR, "Parser Error. File end in '<!DOCTYPE ... >' .", false, "unterminated DOCTYPE"},
-    {"<!DOCTYPE a [ x", XMLPARSER_PARSER_ERROR, "Parser Error. File end in '<!DOCTYPE ... >' .", false, "unterminated internal subset"},
+     "Parser Error. Found Syntax error character[x](0x78) after ']'.in '<!DOCTYPE[...]>' .", false,
+     "junk after internal subset"},
+    {"<!DOCTYPE a", XMLPARSER_PARSER_ERROR, "Parser Error. File end in '<!DOCTYPE ... >' .", false,
+     "unterminated DOCTYPE"},
+    {"<!DOCTYPE a [ x", XMLPARSER_PARSER_ERROR, "Parser Error. File end in '<!DOCTYPE ... >' .", false,
+     "unterminated internal subset"},
     {"<a>x<", XMLPARSER_PARSER_ERROR, "Parser Error.", true, "end right after '<'"},
     {"<a>x</", XMLPARSER_PARSER_ERROR, "Parser Error.", true, "end right after '</'"},
 
@@ -180,7 +219,8 @@ TEST_F(XmlParserTest, DeeplyNestedDocumentIsFreedOnASmallStack)
         int rc = -1;
         int depth = -1;
     } job;
-    for (int i = 0; i + 3 <= XMLPARSER_MAX_DOCSIZE; i += 3) job.doc += "<a>";
+    for (int i = 0; i + 3 <= XMLPARSER_MAX_DOCSIZE; i += 3)
+        job.doc += "<a>";
     auto run = [](void* arg) -> void* {
         Job* j = static_cast<Job*>(arg);
         XmlParser_Class p;
@@ -188,7 +228,8 @@ TEST_F(XmlParserTest, DeeplyNestedDocumentIsFreedOnASmallStack)
                                                 static_cast<int>(j->doc.size())) == SUCCESS) {
             j->rc = p.ParserMain();
             const XmlElement_Class* e = p.GetRootElement();
-            while (e != nullptr && e->GetChildren().GetCount() == 1) e = e->GetChildren().Get(0);
+            while (e != nullptr && e->GetChildren().GetCount() == 1)
+                e = e->GetChildren().Get(0);
             j->depth = e != nullptr ? e->GetDepth() : -1;
         }
         return nullptr;
