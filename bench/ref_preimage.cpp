@@ -36,6 +36,7 @@
 #include <vector>
 
 #include "bench/part_reader.h"
+#include "bench/send_all.h"
 
 namespace {
 
@@ -64,25 +65,6 @@ sockaddr_in parse_addr(const char* text)
     a.sin_port = htons(static_cast<uint16_t>(std::atoi(s.substr(s.find(':') + 1).c_str())));
     inet_pton(AF_INET, s.substr(0, s.find(':')).c_str(), &a.sin_addr);
     return a;
-}
-
-bool send_all(int fd, iovec* v, int n)
-{
-    int i = 0;
-    while (i < n) {
-        ssize_t w = writev(fd, v + i, n - i);
-        if (w <= 0)
-            return false;
-        for (size_t left = static_cast<size_t>(w); left > 0 && i < n;) {
-            size_t take = left < v[i].iov_len ? left : v[i].iov_len;
-            v[i].iov_base = static_cast<char*>(v[i].iov_base) + take;
-            v[i].iov_len -= take;
-            left -= take;
-            if (v[i].iov_len == 0)
-                ++i;
-        }
-    }
-    return true;
 }
 
 void camera(sockaddr_in ca, std::string path)
@@ -145,7 +127,7 @@ void answer_text(int fd, const char* text)
     char head[512];
     iovec v[2] = {{head, static_cast<size_t>(make_head(head, sizeof head, "text/plain", std::strlen(text), ""))},
                   {const_cast<char*>(text), std::strlen(text)}};
-    send_all(fd, v, 2);
+    SendAllV(fd, v, 2);
 }
 
 void serve(int fd, long long* next)
@@ -193,7 +175,7 @@ void serve(int fd, long long* next)
                       g_ring.option[slot]);
         iovec v[2] = {{head, static_cast<size_t>(make_head(head, sizeof head, "image/jpeg", g_ring.size[slot], extra))},
                       {g_ring.data[slot].data(), g_ring.size[slot]}};
-        send_all(fd, v, 2);
+        SendAllV(fd, v, 2);
     } else if (target.find("img_logout=") != std::string::npos) {
         answer_text(fd, "LOGOUT_SUCCESS:1:IMAGE\r\n");
     } else {

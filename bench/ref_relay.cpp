@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "bench/part_reader.h"
+#include "bench/send_all.h"
 
 namespace {
 
@@ -34,22 +35,8 @@ sockaddr_in parse_addr(const char* text)
 
 bool send_all(int fd, const iovec* iov, int n)
 {
-    std::vector<iovec> v(iov, iov + n);
-    size_t i = 0;
-    while (i < v.size()) {
-        ssize_t w = writev(fd, &v[i], static_cast<int>(v.size() - i));
-        if (w <= 0)
-            return false;
-        for (size_t left = static_cast<size_t>(w); left > 0 && i < v.size();) {
-            size_t take = left < v[i].iov_len ? left : v[i].iov_len;
-            v[i].iov_base = static_cast<char*>(v[i].iov_base) + take;
-            v[i].iov_len -= take;
-            left -= take;
-            if (v[i].iov_len == 0)
-                ++i;
-        }
-    }
-    return true;
+    std::vector<iovec> v(iov, iov + n);  // the caller's pieces stay as they are
+    return SendAllV(fd, v.data(), n);
 }
 
 }  // namespace

@@ -12,6 +12,8 @@
 
 namespace {
 
+constexpr char kTool[] = "ostrel-camsim";
+
 const char kUsage[] = "Usage: ostrel-camsim --listen ADDR[:PORT] [options]\n"
                       "\n"
                       "Simulated Axis camera: answers\n"
@@ -61,17 +63,6 @@ const char kUsage[] = "Usage: ostrel-camsim --listen ADDR[:PORT] [options]\n"
                       "Every fault acts only once the bytes sent before it have reached the client.\n"
                       "\n"
                       "Stops on SIGINT or SIGTERM. Exit status 0, or 2 for bad options or set-up.\n";
-
-bool to_long(const char* s, long long lo, long long hi, long long* v)
-{
-    return otools::ParseInteger(s, v) && *v >= lo && *v <= hi;
-}
-
-int usage_error(const std::string& msg)
-{
-    std::fprintf(stderr, "ostrel-camsim: %s (see --help)\n", msg.c_str());
-    return 2;
-}
 
 }  // namespace
 
@@ -128,56 +119,56 @@ int main(int argc, char** argv)
         switch (c) {
         case kListen:
             if (!otools::ParseHostPort(arg, 80, &cfg.host, &cfg.port))
-                return usage_error("bad --listen " + arg);
+                return otools::UsageError(kTool, "bad --listen " + arg);
             haveListen = true;
             break;
         case kFps: {
             char* end = nullptr;
             cfg.fps = std::strtod(optarg, &end);
             if (*end || cfg.fps < 0 || cfg.fps > 10000)
-                return usage_error("bad --fps " + arg);
+                return otools::UsageError(kTool, "bad --fps " + arg);
             break;
         }
         case kFrames:
-            if (!to_long(optarg, 0, 1LL << 62, &v))
-                return usage_error("bad --frames " + arg);
+            if (!otools::ParseIntegerIn(optarg, 0, 1LL << 62, &v))
+                return otools::UsageError(kTool, "bad --frames " + arg);
             cfg.frames = static_cast<uint64_t>(v);
             break;
         case kSize: {
             const size_t x = arg.find('x');
             long long w = 0, h = 0;
-            if (x == std::string::npos || !to_long(arg.substr(0, x).c_str(), 1, 65535, &w) ||
-                !to_long(arg.substr(x + 1).c_str(), 1, 65535, &h))
-                return usage_error("bad --size " + arg);
+            if (x == std::string::npos || !otools::ParseIntegerIn(arg.substr(0, x).c_str(), 1, 65535, &w) ||
+                !otools::ParseIntegerIn(arg.substr(x + 1).c_str(), 1, 65535, &h))
+                return otools::UsageError(kTool, "bad --size " + arg);
             cfg.width = static_cast<int>(w);
             cfg.height = static_cast<int>(h);
             break;
         }
         case kQuality:
-            if (!to_long(optarg, 1, 100, &v))
-                return usage_error("bad --quality " + arg);
+            if (!otools::ParseIntegerIn(optarg, 1, 100, &v))
+                return otools::UsageError(kTool, "bad --quality " + arg);
             cfg.quality = static_cast<int>(v);
             break;
         case kDetail:
-            if (!to_long(optarg, 0, 255, &v))
-                return usage_error("bad --detail " + arg);
+            if (!otools::ParseIntegerIn(optarg, 0, 255, &v))
+                return otools::UsageError(kTool, "bad --detail " + arg);
             cfg.detail = static_cast<int>(v);
             break;
         case kDistinct:
-            if (!to_long(optarg, 1, 10000, &v))
-                return usage_error("bad --distinct " + arg);
+            if (!otools::ParseIntegerIn(optarg, 1, 10000, &v))
+                return otools::UsageError(kTool, "bad --distinct " + arg);
             cfg.distinct = static_cast<int>(v);
             break;
         case kImages: cfg.imageDir = arg; break;
         case kCameras:
-            if (!to_long(optarg, 1, 9999, &v))
-                return usage_error("bad --cameras " + arg);
+            if (!otools::ParseIntegerIn(optarg, 1, 9999, &v))
+                return otools::UsageError(kTool, "bad --cameras " + arg);
             cfg.cameras = static_cast<int>(v);
             break;
         case kAuth: {
             const size_t colon = arg.find(':');
             if (colon == std::string::npos)
-                return usage_error("--auth wants USER:PASSWORD");
+                return otools::UsageError(kTool, "--auth wants USER:PASSWORD");
             cfg.auth = true;
             cfg.user = arg.substr(0, colon);
             cfg.password = arg.substr(colon + 1);
@@ -185,39 +176,39 @@ int main(int argc, char** argv)
         }
         case kBoundary:
             if (arg.empty() || arg.find_first_of("\r\n") != std::string::npos)
-                return usage_error("bad --boundary");
+                return otools::UsageError(kTool, "bad --boundary");
             cfg.boundary = arg;
             break;
         case kFault:
             if (!otools::ParseCamFault(arg, &cfg.fault))
-                return usage_error("unknown fault " + arg);
+                return otools::UsageError(kTool, "unknown fault " + arg);
             break;
         case kFaultAt:
-            if (!to_long(optarg, 1, 1LL << 62, &v))
-                return usage_error("bad --fault-at " + arg);
+            if (!otools::ParseIntegerIn(optarg, 1, 1LL << 62, &v))
+                return otools::UsageError(kTool, "bad --fault-at " + arg);
             cfg.faultAt = static_cast<uint64_t>(v);
             break;
         case kFaultArg:
             if (!otools::ParseInteger(arg, &cfg.faultArg))
-                return usage_error("bad --fault-arg " + arg);
+                return otools::UsageError(kTool, "bad --fault-arg " + arg);
             cfg.faultArgSet = true;
             break;
         case kFaultConns:
-            if (!to_long(optarg, 0, 1 << 30, &v))
-                return usage_error("bad --fault-connections " + arg);
+            if (!otools::ParseIntegerIn(optarg, 0, 1 << 30, &v))
+                return otools::UsageError(kTool, "bad --fault-connections " + arg);
             cfg.faultConnections = static_cast<int>(v);
             break;
         case kRecord: cfg.recordPath = arg; break;
         case kRecordStdout: cfg.recordStdout = true; break;
         case kQuiet: cfg.quiet = true; break;
         case kHelp: std::fputs(kUsage, stdout); return 0;
-        default: return usage_error("unknown option");
+        default: return otools::UsageError(kTool, "unknown option");
         }
     }
     if (optind < argc)
-        return usage_error(std::string("unexpected argument ") + argv[optind]);
+        return otools::UsageError(kTool, std::string("unexpected argument ") + argv[optind]);
     if (!haveListen)
-        return usage_error("--listen is required");
+        return otools::UsageError(kTool, "--listen is required");
 
     otools::InstallStopSignals();
     otools::CamSim sim(cfg);

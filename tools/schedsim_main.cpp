@@ -12,6 +12,8 @@
 
 namespace {
 
+constexpr char kTool[] = "ostrel-schedsim";
+
 const char kUsage[] = "Usage: ostrel-schedsim [--listen ADDR[:PORT]] [options]\n"
                       "\n"
                       "Simulated schedule server: answers the storage stop request\n"
@@ -34,21 +36,6 @@ const char kUsage[] = "Usage: ostrel-schedsim [--listen ADDR[:PORT]] [options]\n
                       "  --help                this text\n"
                       "\n"
                       "Stops on SIGINT or SIGTERM. Exit status 0, or 2 for bad options or set-up.\n";
-
-int usage_error(const std::string& msg)
-{
-    std::fprintf(stderr, "ostrel-schedsim: %s (see --help)\n", msg.c_str());
-    return 2;
-}
-
-bool to_int(const char* s, long long lo, long long hi, int* out)
-{
-    long long v = 0;
-    if (!otools::ParseInteger(s, &v) || v < lo || v > hi)
-        return false;
-    *out = static_cast<int>(v);
-    return true;
-}
 
 }  // namespace
 
@@ -73,31 +60,31 @@ int main(int argc, char** argv)
         switch (c) {
         case kListen:
             if (!otools::ParseHostPort(arg, 80, &cfg.host, &cfg.port))
-                return usage_error("bad --listen " + arg);
+                return otools::UsageError(kTool, "bad --listen " + arg);
             break;
         case kRecord: cfg.recordPath = arg; break;
         case kNoStdout: cfg.recordStdout = false; break;
         case kStatus:
-            if (!to_int(optarg, 100, 999, &cfg.status))
-                return usage_error("bad --status " + arg);
+            if (!otools::ParseIntegerIn(optarg, 100, 999, &cfg.status))
+                return otools::UsageError(kTool, "bad --status " + arg);
             break;
         case kBody:
-            if (!to_int(optarg, 0, 1 << 24, &cfg.bodyBytes))
-                return usage_error("bad --body-bytes " + arg);
+            if (!otools::ParseIntegerIn(optarg, 0, 1 << 24, &cfg.bodyBytes))
+                return otools::UsageError(kTool, "bad --body-bytes " + arg);
             break;
         case kNoLength: cfg.noLength = true; break;
         case kDelay:
-            if (!to_int(optarg, 0, 3600000, &cfg.delayMs))
-                return usage_error("bad --delay-ms " + arg);
+            if (!otools::ParseIntegerIn(optarg, 0, 3600000, &cfg.delayMs))
+                return otools::UsageError(kTool, "bad --delay-ms " + arg);
             break;
         case kSilent: cfg.silent = true; break;
         case kQuiet: cfg.quiet = true; break;
         case kHelp: std::fputs(kUsage, stdout); return 0;
-        default: return usage_error("unknown option");
+        default: return otools::UsageError(kTool, "unknown option");
         }
     }
     if (optind < argc)
-        return usage_error(std::string("unexpected argument ") + argv[optind]);
+        return otools::UsageError(kTool, std::string("unexpected argument ") + argv[optind]);
 
     otools::InstallStopSignals();
     otools::SchedSim sim(cfg);

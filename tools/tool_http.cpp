@@ -1,5 +1,7 @@
 #include "tools/tool_http.h"
 
+#include <cstdio>
+
 #include <cctype>
 #include <cerrno>
 #include <cstdlib>
@@ -178,6 +180,30 @@ bool ParseInteger(const std::string& text, long long* value)
         return false;
     *value = v;
     return true;
+}
+
+bool ParseIntegerIn(const std::string& text, long long lo, long long hi, long long* value)
+{
+    long long v = 0;
+    if (!ParseInteger(text, &v) || v < lo || v > hi)
+        return false;
+    *value = v;
+    return true;
+}
+
+bool ParseIntegerIn(const std::string& text, long long lo, long long hi, int* value)
+{
+    long long v = 0;
+    if (!ParseIntegerIn(text, lo, hi, &v))
+        return false;
+    *value = static_cast<int>(v);
+    return true;
+}
+
+int UsageError(const char* tool, const std::string& msg)
+{
+    std::fprintf(stderr, "%s: %s (see --help)\n", tool, msg.c_str());
+    return 2;
 }
 
 }  // namespace otools

@@ -43,6 +43,14 @@ std::string Base64Encode(const std::string& in);
 // anything else or overflow of long long.
 bool ParseInteger(const std::string& text, long long* value);
 
+// ParseInteger, and the value within lo..hi; *value is written only then.
+bool ParseIntegerIn(const std::string& text, long long lo, long long hi, long long* value);
+bool ParseIntegerIn(const std::string& text, long long lo, long long hi, int* value);
+
+// The tools' answer to a bad command line: "TOOL: MESSAGE (see --help)" on
+// standard error; returns 2, their exit status for bad options.
+int UsageError(const char* tool, const std::string& msg);
+
 }  // namespace otools
 
 #endif  // OSTREL_TOOLS_TOOL_HTTP_H

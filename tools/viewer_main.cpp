@@ -15,6 +15,8 @@
 
 namespace {
 
+constexpr char kTool[] = "ostrel-viewer";
+
 const char kUsage[] =
     "Usage: ostrel-viewer --control ADDR:PORT [--bind ADDR[:PORT]] [pull options]\n"
     "       ostrel-viewer --control ADDR:PORT [--bind ADDR[:PORT]] --serve ADDR:PORT|--serve-fd N\n"
@@ -57,21 +59,6 @@ const char kUsage[] =
     "Exit status: 0 all checks passed; 1 a check failed, the pull ended early, or\n"
     "the command's Query_Result is not success; 2 bad options or no usable answer.\n"
     "SIGINT or SIGTERM ends the pull early (the logout and summary still happen).\n";
-
-int usage_error(const std::string& msg)
-{
-    std::fprintf(stderr, "ostrel-viewer: %s (see --help)\n", msg.c_str());
-    return 2;
-}
-
-bool to_int(const char* s, long long lo, long long hi, int* out)
-{
-    long long v = 0;
-    if (!otools::ParseInteger(s, &v) || v < lo || v > hi)
-        return false;
-    *out = static_cast<int>(v);
-    return true;
-}
 
 }  // namespace
 
@@ -119,14 +106,14 @@ int main(int argc, char** argv)
         switch (c) {
         case kControl:
             if (!otools::ParseHostPort(arg, -1, &cfg.host, &cfg.port) || cfg.port <= 0)
-                return usage_error("bad --control " + arg + " (ADDR:PORT)");
+                return otools::UsageError(kTool, "bad --control " + arg + " (ADDR:PORT)");
             haveControl = true;
             break;
         case kBind: {
             std::string host;
             int port = 0;
             if (!otools::ParseHostPort(arg, 0, &host, &port) || port > 55535)
-                return usage_error("bad --bind " + arg);
+                return otools::UsageError(kTool, "bad --bind " + arg);
             cfg.bindAddr = host;
             cfg.bindPort = port;
             break;
@@ -135,64 +122,64 @@ int main(int argc, char** argv)
             char* end = nullptr;
             cfg.seconds = std::strtod(optarg, &end);
             if (*end || !(cfg.seconds > 0))
-                return usage_error("bad --seconds " + arg);
+                return otools::UsageError(kTool, "bad --seconds " + arg);
             break;
         }
         case kCount:
-            if (!to_int(optarg, 1, 1 << 30, &cfg.count))
-                return usage_error("bad --count " + arg);
+            if (!otools::ParseIntegerIn(optarg, 1, 1 << 30, &cfg.count))
+                return otools::UsageError(kTool, "bad --count " + arg);
             break;
         case kSave: cfg.savePath = arg; break;
         case kNoLogout: cfg.logout = false; break;
         case kTimeout:
-            if (!to_int(optarg, 1, 3600000, &cfg.requestTimeoutMs))
-                return usage_error("bad --timeout-ms " + arg);
+            if (!otools::ParseIntegerIn(optarg, 1, 3600000, &cfg.requestTimeoutMs))
+                return otools::UsageError(kTool, "bad --timeout-ms " + arg);
             break;
         case kIdle:
-            if (!to_int(optarg, 1, 3600000, &cfg.idleLimitMs))
-                return usage_error("bad --idle-ms " + arg);
+            if (!otools::ParseIntegerIn(optarg, 1, 3600000, &cfg.idleLimitMs))
+                return otools::UsageError(kTool, "bad --idle-ms " + arg);
             break;
         case kQuiet: cfg.quiet = true; break;
         case kTrcom:
             if (arg.find_first_of(" \r\n&?") != std::string::npos)
-                return usage_error("bad --trcom");
+                return otools::UsageError(kTool, "bad --trcom");
             cfg.trcomCommand = arg;
             command = true;
             break;
         case kQuery:
             if (arg.find_first_of(" \r\n") != std::string::npos)
-                return usage_error("bad --query");
+                return otools::UsageError(kTool, "bad --query");
             cfg.trcomQuery = arg;
             command = true;
             break;
         case kServe:
             if (!otools::ParseHostPort(arg, -1, &view.serveHost, &view.servePort) || view.servePort < 0)
-                return usage_error("bad --serve " + arg + " (ADDR:PORT)");
+                return otools::UsageError(kTool, "bad --serve " + arg + " (ADDR:PORT)");
             serve = true;
             break;
         case kServeFd:
-            if (!to_int(optarg, 0, 1 << 20, &view.serveFd))
-                return usage_error("bad --serve-fd " + arg);
+            if (!otools::ParseIntegerIn(optarg, 0, 1 << 20, &view.serveFd))
+                return otools::UsageError(kTool, "bad --serve-fd " + arg);
             serve = true;
             break;
         case kStates: view.statesPath = arg; break;
         case kHelp: std::fputs(kUsage, stdout); return 0;
-        default: return usage_error("unknown option");
+        default: return otools::UsageError(kTool, "unknown option");
         }
     }
     if (optind < argc)
-        return usage_error(std::string("unexpected argument ") + argv[optind]);
+        return otools::UsageError(kTool, std::string("unexpected argument ") + argv[optind]);
     if (!haveControl)
-        return usage_error("--control is required");
+        return otools::UsageError(kTool, "--control is required");
     if (serve && command)
-        return usage_error("--serve and --trcom/--query exclude each other");
+        return otools::UsageError(kTool, "--serve and --trcom/--query exclude each other");
     if (!serve && !view.statesPath.empty())
-        return usage_error("--states goes with --serve");
+        return otools::UsageError(kTool, "--states goes with --serve");
     int listening = 0;
     socklen_t len = sizeof listening;
     if (view.serveFd >= 0 &&
         (::getsockopt(view.serveFd, SOL_SOCKET, SO_ACCEPTCONN, &listening, &len) != 0 || !listening))
-        return usage_error("descriptor " + std::to_string(view.serveFd) + " is not a listening socket");
+        return otools::UsageError(kTool, "descriptor " + std::to_string(view.serveFd) + " is not a listening socket");
 
     otools::InstallStopSignals();
     if (serve) {
