@@ -77,6 +77,8 @@ public:
     // the connection is closed.
     int GetData(char* pBuf, int nBufSize, int* nDataSize, _Option_AXISJPEGMultiPart* strOption);
 
+    // Status code of the camera's last answer head (0 when none was read).
+    int GetStatusCode() const { return m_obClient_HTTP_MultiPart.Response().Parser.m_nStatusCode; }
     // The request text of the last Start (for diagnostics).
     const char* GetRequestText() const { return m_obClient_HTTP_MultiPart.GetRequestText(); }
 

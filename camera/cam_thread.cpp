@@ -12,6 +12,7 @@
 #include "camera/schedule_server_client.h"
 #include "camera/shared_state.h"
 #include "common/debug_log.h"
+#include "common/figures.h"
 #include "common/return_codes.h"
 #include "common/time_utils.h"
 #include "fifo/frame_fifo.h"
@@ -121,6 +122,7 @@ void CamLoop::Disconnect()
     StopAxis();
     CancelFrame();
     m_nState = kStateDisconnected;
+    g_Figures.CameraDisconnected();
 }
 
 void CamLoop::ApplyConfigChange(int* exitMark)
@@ -193,6 +195,7 @@ bool CamLoop::Connect()
     int ret = m_obAXISJPEGMultiPart.Start();
     if (ret != SUCCESS) {
         TimePrint(g_pDB, 1, "[Class_CamThread::ThreadMain] obAXISJPEGMultiPart.Start failed ::%d\n", ret);
+        g_Figures.CameraFailed(PHASE_START, ret, m_obAXISJPEGMultiPart.GetStatusCode());
         g_ConnectState.store(0, std::memory_order_relaxed);
         printf("Waiting 2^%d[sec] for obAXISJPEGMultiPart.Start failed\n", m_nBackOff);
         return false;
@@ -207,6 +210,7 @@ bool CamLoop::Connect()
     }
     m_nState = kStateStreaming;
     g_ConnectState.store(1, std::memory_order_relaxed);
+    g_Figures.CameraConnected();
     return true;
 }
 
@@ -229,6 +233,7 @@ void CamLoop::OneFrame()
     ret = m_obAXISJPEGMultiPart.GetData(dst, capacity - filled, &size, &m_Option);
     if (ret != SUCCESS) {
         TimePrint(g_pDB, 1, "[Class_CamThread::ThreadMain] obAXISJPEGMultiPart.GetData failed ::%d\n", ret);
+        g_Figures.CameraFailed(PHASE_STREAM, ret, 0);
         if (ret == CAMERA_NOT_LOGIN) {
             printf("obAXISJPEGMultiPart.GetData failed for CAMERA_NOT_LOGIN\n");
             g_ConnectState.store(1, std::memory_order_relaxed);
@@ -266,6 +271,7 @@ void CamLoop::OneFrame()
         end_process();
     }
     g_ConnectState.store(1, std::memory_order_relaxed);
+    g_Figures.Picture(size);
 }
 
 void CamLoop::Leave()

@@ -5,6 +5,7 @@
 
 #include "camera/shared_state.h"
 #include "common/debug_log.h"
+#include "common/figures.h"
 #include "common/return_codes.h"
 
 CClient_ScheduleServer::CClient_ScheduleServer()
@@ -117,6 +118,7 @@ int CClient_ScheduleServer::SendStop()
 
     int received = 0;
     int ret = m_obClient_HTTP.Get(0, m_strAnswer, sizeof m_strAnswer, &received);
+    g_Figures.StopRequestSent(ret);
     if (ret != SUCCESS) {
         TimePrint(m_pDB, m_nLogLevel, "[CClient_ScheduleServer::Stop()] m_obClient_HTTP.Get failed ::%d\n", ret);
         return ret;

@@ -11,6 +11,7 @@
 #include "camera/cam_wakeup.h"
 #include "camera/shared_state.h"
 #include "common/debug_log.h"
+#include "common/figures.h"
 #include "common/return_codes.h"
 #include "common/time_utils.h"
 #include "control/control_port_server.h"
@@ -64,6 +65,7 @@ int ControlPort_ServerThread::DoCommand_Ptipimg__img_login(DbPrintf_Class* pDB)
     gettimeofday(&now, nullptr);
     SetNowTimePT(now);
     NotifyCamThread();
+    g_Figures.Login();
 
     m_Header.clear();
     m_Body.clear();
@@ -85,6 +87,7 @@ int ControlPort_ServerThread::DoCommand_Ptipimg__get_image(DbPrintf_Class* pDB)
     // has already been overwritten.
     g_NextDataID.store(info.lnDataNo + 1, std::memory_order_relaxed);
     SendImage(pVideo, option, info, pDB);
+    g_Figures.PictureOut(info.nDataSize_Video);
     return HTTP_CONNECTIONCLOSE;
 }
 
@@ -162,6 +165,7 @@ bool ControlPort_ServerThread::BorrowNextFrame(char** ppVideo, char* option, _St
                     pDB, 1,
                     "ControlPort_ServerThread:ptippreimg.cgi get_image Error.ERROR_TRANSLATOR_RECEIVE for timeout:[200]\n");
             AnswerText("ERROR_TRANSLATOR_RECEIVE:", pDB);
+            g_Figures.NotYet();
             return false;
         }
     }
@@ -211,6 +215,7 @@ int ControlPort_ServerThread::DoCommand_Ptipimg__img_logout(DbPrintf_Class* pDB)
         return HTTP_CONNECTIONCLOSE;
     }
     g_flagLoginUserExist.store(0, std::memory_order_relaxed);
+    g_Figures.Logout();
     m_Header.clear();
     m_Body.clear();
     m_Body.add("LOGOUT_SUCCESS:%d:IMAGE\r\n", kUserId);

@@ -10,6 +10,7 @@
 #include "camera/channel_config.h"
 #include "camera/shared_state.h"
 #include "common/debug_log.h"
+#include "common/figures.h"
 #include "common/return_codes.h"
 #include "control/control_port_server.h"
 #include "control/request_view.h"
@@ -111,6 +112,7 @@ int ControlPort_ServerThread::DoCommand_TrCommunicate(DbPrintf_Class* pDB)
 int ControlPort_ServerThread::DoCommand_TrCommunicate__notice_update(DbPrintf_Class* pDB)
 {
     TimePrint(pDB, 1, "[ControlPort_ServerThread::DoCommand_TrCommunicate()] notice_update received\n");
+    g_Figures.NoticeUpdate();
     int rc =
         g_configInfoIOClass.ReadParamFromFileAndTimeUpdate_WithChNum(g_channelNum.load(std::memory_order_relaxed), pDB);
     if (rc == SUCCESS)
@@ -133,6 +135,7 @@ int ControlPort_ServerThread::DoCommand_TrCommunicate__notice_update(DbPrintf_Cl
 int ControlPort_ServerThread::DoCommand_TrCommunicate__reset_postterm(DbPrintf_Class* pDB)
 {
     TimePrint(pDB, 1, "[ControlPort_ServerThread::DoCommand_TrCommunicate()] reset_postterm received\n");
+    g_Figures.ResetPostterm();
     g_lnDiffTimeSumPT.store(0, std::memory_order_relaxed);
     g_flgAlreadySendStop.store(0, std::memory_order_relaxed);
     return SUCCESS;

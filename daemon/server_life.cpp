@@ -9,6 +9,7 @@
 #include "common/time_utils.h"
 #include "conf/listen_port.h"
 #include "conf/states_file.h"
+#include "daemon/figures_writer.h"
 #include "daemon/globals.h"
 #include "fifo/frame_fifo.h"
 #include "net/process_utils.h"
@@ -49,6 +50,9 @@ int Server_Construct(int numOfControlPortThread, DbPrintf_Class* pDB)
     for (int i = 0; i < threads; ++i)
         g_PiPPControlPort.Add_Thread(pDB);
     g_Control_CamThread.Add_Thread(pDB);
+    // The figures writer, before the pid file: once that file exists every
+    // thread of the daemon does.
+    g_FiguresWriter.Add_Writer(channel, pDB);
 
     char pidFile[256];
     snprintf(pidFile, sizeof pidFile, "%s%02d%s", "mem/Ostrel_", channel, ".pid");
@@ -78,7 +82,9 @@ int MainWaitLoop(DbPrintf_Class* pDB)
 
 int Server_Destruct(DbPrintf_Class* pDB)
 {
-    // The camera thread goes first, so that nothing writes into the FIFO
+    // The figures file goes first: a reader sees the channel leave at once.
+    g_FiguresWriter.All_ThreadDestruct(kThreadStopLimitMs, pDB);
+    // The camera thread goes next, so that nothing writes into the FIFO
     // while the control-port threads leave it.
     int camRc = g_Control_CamThread.All_ThreadDestruct(kThreadStopLimitMs, pDB);
     if (camRc != SUCCESS)

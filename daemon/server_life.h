@@ -14,8 +14,9 @@ constexpr int kMaxControlPortThreads = 10;
 
 // Sets up the frame FIFO (a failure is logged and the threads start without
 // one), hands the control port's listening socket to the control-port pool,
-// starts the clamped number of control-port threads and the one camera
-// thread, and writes the pid file "mem/Ostrel_NN.pid". SUCCESS, or the pid
+// starts the clamped number of control-port threads, the one camera thread
+// and the figures writer (daemon/figures_writer.h), and writes the pid file
+// "mem/Ostrel_NN.pid". SUCCESS, or the pid
 // file's failure code (the threads are then running: call Server_Destruct).
 int Server_Construct(int numOfControlPortThread, DbPrintf_Class* pDB = nullptr);
 
@@ -24,8 +25,8 @@ int Server_Construct(int numOfControlPortThread, DbPrintf_Class* pDB = nullptr);
 // ends the wait early.
 int MainWaitLoop(DbPrintf_Class* pDB = nullptr);
 
-// Stops the camera thread, then the control-port threads (2000 ms each),
-// then frees the FIFO. SUCCESS.
+// Stops the figures writer (which removes its file), the camera thread,
+// then the control-port threads (2000 ms each), then frees the FIFO. SUCCESS.
 int Server_Destruct(DbPrintf_Class* pDB = nullptr);
 
 #endif

@@ -36,10 +36,18 @@ ThreadControlElement::~ThreadControlElement()
 
 int ThreadControlElement::ThreadMain(DbPrintf_Class* /*pDB*/)
 {
+    while (!WaitForStop(kBaseSleepSec * 1000000LL)) {
+    }
+    m_nExitMark.store(-1, std::memory_order_relaxed);
+    return SUCCESS;
+}
+
+bool ThreadControlElement::WaitForStop(long long usec)
+{
     // SIGUSR1 stays blocked except inside pselect, which unblocks it
     // atomically: a stop signal that comes between the test of the command
     // word and the start of the sleep stays pending and ends the sleep at
-    // once, instead of being lost and leaving the thread asleep for 15 s.
+    // once, instead of being lost and leaving the thread asleep.
     sigset_t usr1, old;
     sigemptyset(&usr1);
     sigaddset(&usr1, SIGUSR1);
@@ -47,13 +55,12 @@ int ThreadControlElement::ThreadMain(DbPrintf_Class* /*pDB*/)
     sigset_t during = old;
     sigdelset(&during, SIGUSR1);
 
-    while (m_nCommand.load(std::memory_order_relaxed) != -1) {
-        const timespec ts{kBaseSleepSec, 0};
+    if (m_nCommand.load(std::memory_order_relaxed) != -1) {
+        const timespec ts{static_cast<time_t>(usec / 1000000LL), static_cast<long>(usec % 1000000LL) * 1000L};
         pselect(0, nullptr, nullptr, nullptr, &ts, &during);
     }
     pthread_sigmask(SIG_SETMASK, &old, nullptr);
-    m_nExitMark.store(-1, std::memory_order_relaxed);
-    return SUCCESS;
+    return m_nCommand.load(std::memory_order_relaxed) == -1;
 }
 
 void* ThreadControlElement_ThreadLoop(void* pElement)

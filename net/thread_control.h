@@ -35,6 +35,11 @@ public:
     // the exit mark to -1 and returns SUCCESS.
     virtual int ThreadMain(DbPrintf_Class* pDB);
 
+    // Sleeps usec microseconds, or less when a stop is asked for (the command
+    // word -1 with its SIGUSR1, even when the signal came just before the
+    // sleep). True when the command word is -1. The element's thread only.
+    bool WaitForStop(long long usec);
+
     // Fields shared between the pool's thread and the element's thread are
     // atomics; the others are written before the thread starts.
     const char* m_pName;                // class name
