@@ -106,6 +106,12 @@ void Figures_Class::Picture(int bytes)
     lastPictureMono.store(FiguresNowMono(), std::memory_order_relaxed);
 }
 
+void Figures_Class::Login()
+{
+    count(logins);
+    lastLoginMono.store(FiguresNowMono(), std::memory_order_relaxed);
+}
+
 void Figures_Class::StopRequestSent(int rc)
 {
     count(stopRequests);

@@ -66,6 +66,7 @@ public:
     std::atomic<unsigned long long> pictureBytesOut{0};
     std::atomic<unsigned long long> notYet{0};       // picture requests that timed out waiting
     std::atomic<unsigned long long> logins{0};
+    std::atomic<long long> lastLoginMono{0};
     std::atomic<unsigned long long> logouts{0};
     std::atomic<unsigned long long> noticeUpdates{0};
     std::atomic<unsigned long long> resetPostterms{0};
@@ -84,7 +85,7 @@ public:
         pictureBytesOut.fetch_add(static_cast<unsigned long long>(bytes), std::memory_order_relaxed);
     }
     void NotYet() { notYet.fetch_add(1, std::memory_order_relaxed); }
-    void Login() { logins.fetch_add(1, std::memory_order_relaxed); }
+    void Login();
     void Logout() { logouts.fetch_add(1, std::memory_order_relaxed); }
     void NoticeUpdate() { noticeUpdates.fetch_add(1, std::memory_order_relaxed); }
     void ResetPostterm() { resetPostterms.fetch_add(1, std::memory_order_relaxed); }

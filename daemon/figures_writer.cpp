@@ -69,12 +69,8 @@ private:
 };
 
 // "start: refused credentials, HTTP 401 ([2042]HTTP_INVALID_SYNTAX)".
-void error_text(long long packed, char* buf, int size)
+void error_text(FigurePhase phase, int rc, int status, char* buf, int size)
 {
-    FigurePhase phase = PHASE_START;
-    int rc = 0;
-    int status = 0;
-    Figures_Class::UnpackError(packed, &phase, &rc, &status);
     char name[128];
     getReturnCodeString(rc, name, sizeof name);
     const char* where = phase == PHASE_START ? "start" : "stream";
@@ -150,6 +146,7 @@ int FormatFigures(const Figures_Class& f, const FiguresContext& c, char* buf, in
     out.counter("picture_bytes_out", f.pictureBytesOut);
     out.counter("not_yet", f.notYet);
     out.counter("logins", f.logins);
+    out.age("last_login_age", f.lastLoginMono.load(std::memory_order_relaxed), c.monoUs);
     out.counter("logouts", f.logouts);
     out.counter("notice_updates", f.noticeUpdates);
     out.counter("reset_postterms", f.resetPostterms);
@@ -157,9 +154,17 @@ int FormatFigures(const Figures_Class& f, const FiguresContext& c, char* buf, in
     out.counter("stop_request_failures", f.stopRequestFailures);
     const long long packed = f.lastError.load(std::memory_order_relaxed);
     char text[256] = "";
-    if (packed != 0)
-        error_text(packed, text, sizeof text);
+    const char* kind = "";
+    if (packed != 0) {
+        FigurePhase phase = PHASE_START;
+        int rc = 0;
+        int status = 0;
+        Figures_Class::UnpackError(packed, &phase, &rc, &status);
+        error_text(phase, rc, status, text, sizeof text);
+        kind = FigureFaultName(FigureFaultOf(rc, status));
+    }
     out.add("last_error=%s\n", text);
+    out.add("last_error_kind=%s\n", kind);
     out.age("last_error_age", packed != 0 ? f.lastErrorMono.load(std::memory_order_relaxed) : 0, c.monoUs);
     return out.result();
 }
