@@ -6,6 +6,9 @@
 #   P/lib/ostrel/Ostrel                       the daemon
 #   P/lib/ostrel/ostrel-cgi                   its CGI entry for web servers
 #   P/bin/ostrel-ctl                          the operator command
+#   P/bin/ostrel-fleet                        the fleet endpoint (metrics, page, health)
+#   P/lib/systemd/system/ostrel@.service      a channel as a service (installed disabled)
+#   P/lib/systemd/system/ostrel-fleet.service the fleet endpoint as a service (disabled)
 #   P/share/doc/ostrel/                       README and guides
 #   ETC/lighttpd/conf-available/50-ostrel.conf  web server configuration
 #   ETC/apache2/conf-available/ostrel.conf
@@ -17,6 +20,8 @@
 install(TARGETS Ostrel RUNTIME DESTINATION lib/ostrel)
 install(PROGRAMS tools/ostrel-cgi DESTINATION lib/ostrel)
 install(PROGRAMS tools/ostrel-ctl DESTINATION bin)
+install(PROGRAMS deploy/bin/ostrel-fleet DESTINATION bin)
+install(FILES deploy/prometheus/ostrel-alerts.yml DESTINATION share/doc/ostrel/examples)
 install(FILES README.md docs/OPERATIONS.md docs/CONFIGURATION.md docs/PROTOCOLS.md
   DESTINATION share/doc/ostrel)
 install(CODE "set(OSTREL_DEPLOY_DIR \"${PROJECT_SOURCE_DIR}/deploy\")")
@@ -34,7 +39,9 @@ set(CPACK_SET_DESTDIR ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION net)
 set(CPACK_DEBIAN_PACKAGE_DEPENDS "libc6, libstdc++6, libgcc-s1, python3")
-set(CPACK_DEBIAN_PACKAGE_SUGGESTS "lighttpd | apache2")
+set(CPACK_DEBIAN_PACKAGE_SUGGESTS "lighttpd | apache2, prometheus")
+# ostrel-fleet needs the Prometheus client library; the rest of the package does not.
+set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "python3-prometheus-client")
 if(CMAKE_SIZEOF_VOID_P EQUAL 4)
   set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE i386)
 endif()

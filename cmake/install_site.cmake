@@ -8,18 +8,32 @@ else()
   set(var ${CMAKE_INSTALL_PREFIX}/var)
 endif()
 set(libdir ${CMAKE_INSTALL_PREFIX}/lib/ostrel)
+set(bindir ${CMAKE_INSTALL_PREFIX}/bin)
+set(docdir ${CMAKE_INSTALL_PREFIX}/share/doc/ostrel)
 set(workdir ${var}/lib/ostrel)
 set(dest "$ENV{DESTDIR}")
 
+# ostrel_configure(TEMPLATE OUTPUT): a deploy template with the layout's
+# paths filled in.
+function(ostrel_configure template output)
+  file(READ ${OSTREL_DEPLOY_DIR}/${template} text)
+  foreach(var libdir bindir docdir workdir)
+    string(TOUPPER ${var} name)
+    string(REPLACE "@OSTREL_${name}@" "${${var}}" text "${text}")
+  endforeach()
+  message(STATUS "Installing: ${output}")
+  file(WRITE ${output} "${text}")
+endfunction()
+
+# The systemd units, not enabled: the operator enables what the site uses.
+foreach(unit "ostrel@.service" "ostrel-fleet.service")
+  ostrel_configure(systemd/${unit}.in ${dest}${CMAKE_INSTALL_PREFIX}/lib/systemd/system/${unit})
+endforeach()
+
 foreach(pair "lighttpd/50-ostrel.conf" "apache2/ostrel.conf")
   get_filename_component(server ${pair} DIRECTORY)
-  file(READ ${OSTREL_DEPLOY_DIR}/${pair}.in text)
-  string(REPLACE "@OSTREL_LIBDIR@" "${libdir}" text "${text}")
-  string(REPLACE "@OSTREL_WORKDIR@" "${workdir}" text "${text}")
-  set(out ${dest}${etc}/${server}/conf-available)
   get_filename_component(name ${pair} NAME)
-  message(STATUS "Installing: ${out}/${name}")
-  file(WRITE ${out}/${name} "${text}")
+  ostrel_configure(${pair}.in ${dest}${etc}/${server}/conf-available/${name})
 endforeach()
 
 if(dest STREQUAL "")

@@ -4,9 +4,12 @@
 . "$(dirname "$0")/lib.sh"
 
 # g++-multilib and googletest (its sources) are for the 32-bit build;
-# lighttpd is the web server the end-to-end tests start the daemon through.
+# lighttpd is the web server the end-to-end tests start the daemon through;
+# python3-prometheus-client is what ostrel-fleet is made with, and the
+# fleet test has a real prometheus scrape it.
 install_packages cmake g++ g++-multilib clang libclang-rt-14-dev make ninja-build libgtest-dev \
-    googletest iproute2 nftables python3 util-linux lighttpd
-# chromium is for the browser test of the viewer's browser view; where it
+    googletest iproute2 nftables python3 util-linux lighttpd python3-prometheus-client prometheus
+# chromium is for the browser tests of the viewer's browser view and the
+# fleet page; where it
 # cannot be installed that test is skipped with a message.
 install_packages --optional chromium || echo "setup: the browser test will be skipped" >&2

@@ -63,6 +63,30 @@ class InstallTest(unittest.TestCase):
         with open(os.path.join(PREFIX, "var/lib/ostrel/Directory.Conf")) as f:
             self.assertIn("<StatesDir>%s/var/lib/ostrel/states</StatesDir>" % PREFIX, f.read())
 
+    def test_service_units_point_into_the_install_and_verify(self):
+        units = os.path.join(PREFIX, "lib/systemd/system")
+        self.assertEqual(sorted(os.listdir(units)), ["ostrel-fleet.service", "ostrel@.service"])
+        for unit, command in (("ostrel@.service", "lib/ostrel/Ostrel -StartUp_NonDeamon %i"),
+                              ("ostrel-fleet.service", "bin/ostrel-fleet -C")):
+            with self.subTest(unit):
+                with open(os.path.join(units, unit)) as f:
+                    text = f.read()
+                self.assertNotIn("@OSTREL", text)
+                self.assertIn("ExecStart=%s/%s" % (PREFIX, command), text)
+                self.assertIn("-C %s/var/lib/ostrel" % PREFIX, text)
+        analyze = shutil.which("systemd-analyze")
+        if not analyze:
+            self.skipTest("systemd-analyze is not installed")
+        # A template is verified as one of its instances.
+        scratch = tempfile.mkdtemp(prefix="ostrel-units-")
+        self.addCleanup(shutil.rmtree, scratch, True)
+        shutil.copy(os.path.join(units, "ostrel@.service"), os.path.join(scratch, "ostrel@01.service"))
+        for path in (os.path.join(scratch, "ostrel@01.service"),
+                     os.path.join(units, "ostrel-fleet.service")):
+            with self.subTest(path):
+                p = subprocess.run([analyze, "verify", path], capture_output=True, text=True)
+                self.assertEqual((p.returncode, p.stderr), (0, ""))
+
     @unittest.skipUnless(CPACK, "the package is checked in the native build without sanitizers")
     def test_debian_package_lists_and_unpacks(self):
         out = tempfile.mkdtemp(prefix="ostrel-deb-")
@@ -80,6 +104,9 @@ class InstallTest(unittest.TestCase):
         for path, perms in [("./usr/lib/ostrel/Ostrel", "-rwxr-xr-x"),
                             ("./usr/lib/ostrel/ostrel-cgi", "-rwxr-xr-x"),
                             ("./usr/bin/ostrel-ctl", "-rwxr-xr-x"),
+                            ("./usr/bin/ostrel-fleet", "-rwxr-xr-x"),
+                            ("./usr/lib/systemd/system/ostrel@.service", "-rw-r--r--"),
+                            ("./usr/lib/systemd/system/ostrel-fleet.service", "-rw-r--r--"),
                             ("./usr/share/doc/ostrel/README.md", "-rw-r--r--"),
                             ("./etc/lighttpd/conf-available/50-ostrel.conf", "-rw-r--r--"),
                             ("./etc/apache2/conf-available/ostrel.conf", "-rw-r--r--"),
@@ -106,6 +133,11 @@ class InstallTest(unittest.TestCase):
             text = f.read()
         self.assertIn('"/usr/lib/ostrel/ostrel-cgi"', text)
         self.assertIn('"/var/lib/ostrel"', text)
+        with open(os.path.join(root, "usr/lib/systemd/system/ostrel@.service")) as f:
+            text = f.read()
+        self.assertIn("ExecStart=/usr/lib/ostrel/Ostrel -StartUp_NonDeamon %i", text)
+        self.assertIn("WorkingDirectory=/var/lib/ostrel", text)
+        self.assertFalse(os.path.exists(os.path.join(root, "etc/systemd")), "nothing enabled")
 
 
 class CtlTest(RelayCase):
