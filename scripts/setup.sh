@@ -9,7 +9,7 @@
 # fleet test has a real prometheus scrape it.
 install_packages cmake g++ g++-multilib clang libclang-rt-14-dev make ninja-build libgtest-dev \
     googletest iproute2 nftables python3 util-linux lighttpd python3-prometheus-client prometheus
-# chromium is for the browser tests of the viewer's browser view and the
-# fleet page; where it
-# cannot be installed that test is skipped with a message.
-install_packages --optional chromium || echo "setup: the browser test will be skipped" >&2
+# chromium is for the browser tests of the viewer's browser view and of the
+# fleet page; where it cannot be installed those tests are skipped with a
+# message.
+install_packages --optional chromium || echo "setup: the browser tests will be skipped" >&2
