@@ -31,7 +31,7 @@ if [ "${1:-}" != "--inside" ]; then
     # A fresh working directory laid out as the daemon expects it, closed
     # to other users (the daemon's files are mode 0666).
     rm -rf "$run"
-    tools/ostrel-ctl init "$run" >/dev/null
+    deploy/bin/ostrel-ctl init "$run" >/dev/null
     cat > "$run/conf/Config.txt" <<EOF
 # Channel 1: the camera (encoder) address and port are also where the
 # control port listens; eth0 of the namespace is 192.0.2.1.
@@ -140,8 +140,8 @@ else
     echo "(none)"
 fi
 
-say "operator's view: tools/ostrel-ctl -C $run status"
-"$root/tools/ostrel-ctl" -C "$run" status || true
+say "operator's view: deploy/bin/ostrel-ctl -C $run status"
+"$root/deploy/bin/ostrel-ctl" -C "$run" status || true
 
 say "stop: delete the states file; the daemon notices within 5 s"
 rm -f "$states"
