@@ -1,4 +1,4 @@
-#include "tools/jpeg_encoder.h"
+#include "tests/sim/jpeg_encoder.h"
 
 #include <algorithm>
 #include <array>

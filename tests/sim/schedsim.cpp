@@ -1,12 +1,12 @@
-#include "tools/schedsim.h"
+#include "tests/sim/schedsim.h"
 
 #include <chrono>
 #include <cstdio>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "tools/tool_http.h"
-#include "tools/tool_net.h"
+#include "viewer/tool_http.h"
+#include "viewer/tool_net.h"
 
 namespace otools {
 namespace {

@@ -1,4 +1,4 @@
-#include "tools/tool_http.h"
+#include "viewer/tool_http.h"
 
 #include <cstdio>
 

@@ -24,7 +24,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/tool_http.h"
+#include "viewer/tool_http.h"
 
 namespace otools {
 

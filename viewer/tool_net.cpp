@@ -1,4 +1,4 @@
-#include "tools/tool_net.h"
+#include "viewer/tool_net.h"
 
 #include <arpa/inet.h>
 #include <cerrno>

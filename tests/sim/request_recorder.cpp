@@ -1,11 +1,11 @@
-#include "tools/request_recorder.h"
+#include "tests/sim/request_recorder.h"
 
 #include <cerrno>
 #include <cstring>
 #include <fstream>
 #include <iterator>
 
-#include "tools/tool_net.h"
+#include "viewer/tool_net.h"
 
 namespace otools {
 

@@ -24,8 +24,8 @@
 #include <string>
 #include <vector>
 
-#include "tools/request_recorder.h"
-#include "tools/tcp_server.h"
+#include "tests/sim/request_recorder.h"
+#include "viewer/tcp_server.h"
 
 namespace otools {
 

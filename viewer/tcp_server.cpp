@@ -1,8 +1,8 @@
-#include "tools/tcp_server.h"
+#include "viewer/tcp_server.h"
 
 #include <unistd.h>
 
-#include "tools/tool_net.h"
+#include "viewer/tool_net.h"
 
 namespace otools {
 

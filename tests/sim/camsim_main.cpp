@@ -6,9 +6,9 @@
 #include <string>
 #include <thread>
 
-#include "tools/camsim.h"
-#include "tools/tool_http.h"
-#include "tools/tool_net.h"
+#include "tests/sim/camsim.h"
+#include "viewer/tool_http.h"
+#include "viewer/tool_net.h"
 
 namespace {
 

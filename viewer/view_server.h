@@ -36,8 +36,8 @@
 #include <thread>
 #include <vector>
 
-#include "tools/tcp_server.h"
-#include "tools/viewer.h"
+#include "viewer/tcp_server.h"
+#include "viewer/viewer.h"
 
 namespace otools {
 

@@ -8,10 +8,10 @@
 #include <string>
 #include <sys/socket.h>
 
-#include "tools/tool_http.h"
-#include "tools/tool_net.h"
-#include "tools/view_server.h"
-#include "tools/viewer.h"
+#include "viewer/tool_http.h"
+#include "viewer/tool_net.h"
+#include "viewer/view_server.h"
+#include "viewer/viewer.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "tools/view_server.h"
+#include "viewer/view_server.h"
 
 #include <algorithm>
 #include <chrono>
@@ -10,9 +10,9 @@
 #include <sstream>
 #include <unistd.h>
 
-#include "tools/jpeg_stamp.h"
-#include "tools/tool_http.h"
-#include "tools/tool_net.h"
+#include "viewer/jpeg_stamp.h"
+#include "viewer/tool_http.h"
+#include "viewer/tool_net.h"
 
 namespace otools {
 namespace {

@@ -1,4 +1,4 @@
-#include "tools/viewer.h"
+#include "viewer/viewer.h"
 
 #include <algorithm>
 #include <chrono>
@@ -9,9 +9,9 @@
 #include <unistd.h>
 #include <vector>
 
-#include "tools/jpeg_stamp.h"
-#include "tools/tool_http.h"
-#include "tools/tool_net.h"
+#include "viewer/jpeg_stamp.h"
+#include "viewer/tool_http.h"
+#include "viewer/tool_net.h"
 
 namespace otools {
 namespace {

@@ -18,8 +18,8 @@
 #include <atomic>
 #include <string>
 
-#include "tools/request_recorder.h"
-#include "tools/tcp_server.h"
+#include "tests/sim/request_recorder.h"
+#include "viewer/tcp_server.h"
 
 namespace otools {
 

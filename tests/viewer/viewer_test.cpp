@@ -10,9 +10,9 @@
 #include <string>
 #include <vector>
 
-#include "tools/jpeg_encoder.h"
-#include "tools/jpeg_stamp.h"
-#include "tools/viewer.h"
+#include "tests/sim/jpeg_encoder.h"
+#include "viewer/jpeg_stamp.h"
+#include "viewer/viewer.h"
 #include "test_sockets.h"
 
 namespace otools {

@@ -12,8 +12,8 @@
 #include <map>
 #include <vector>
 
-#include "tools/jpeg_encoder.h"
-#include "tools/jpeg_stamp.h"
+#include "tests/sim/jpeg_encoder.h"
+#include "viewer/jpeg_stamp.h"
 
 namespace otools {
 namespace {

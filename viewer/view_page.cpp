@@ -8,7 +8,7 @@
 #include <cstdio>
 #include <string>
 
-#include "tools/view_server.h"
+#include "viewer/view_server.h"
 
 namespace otools {
 namespace {

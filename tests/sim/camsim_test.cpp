@@ -21,8 +21,8 @@
 #include <thread>
 #include <vector>
 
-#include "tools/camsim.h"
-#include "tools/jpeg_stamp.h"
+#include "tests/sim/camsim.h"
+#include "viewer/jpeg_stamp.h"
 #include "test_sockets.h"
 
 namespace otools {

@@ -1,4 +1,4 @@
-#include "tools/jpeg_stamp.h"
+#include "viewer/jpeg_stamp.h"
 
 #include <cstdio>
 #include <cstring>

@@ -1,4 +1,4 @@
-#include "tools/camsim.h"
+#include "tests/sim/camsim.h"
 
 #include <algorithm>
 #include <cctype>
@@ -9,10 +9,10 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "tools/jpeg_encoder.h"
-#include "tools/jpeg_stamp.h"
-#include "tools/tool_http.h"
-#include "tools/tool_net.h"
+#include "tests/sim/jpeg_encoder.h"
+#include "viewer/jpeg_stamp.h"
+#include "viewer/tool_http.h"
+#include "viewer/tool_net.h"
 
 namespace otools {
 namespace {
