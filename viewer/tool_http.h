@@ -1,8 +1,9 @@
 #ifndef OSTREL_TOOLS_TOOL_HTTP_H
 #define OSTREL_TOOLS_TOOL_HTTP_H
 
-// Minimal HTTP/1.x pieces for the simulator tools: head parsing, query
-// splitting and standard Base64. Written independently of the daemon's own
+// Minimal HTTP/1.x pieces for the viewer and the simulators: head parsing,
+// query splitting and standard Base64 (their option helpers are in
+// tool_options.h). Written independently of the daemon's own
 // parser so that the tools can catch its faults. Pure functions, thread-safe.
 
 #include <string>
@@ -38,18 +39,6 @@ const std::string* FindParam(const std::vector<std::pair<std::string, std::strin
 
 // Standard Base64 (RFC 4648, '+' and '/', '=' padding).
 std::string Base64Encode(const std::string& in);
-
-// Decimal integer that fills the whole text (optional leading '-'); false on
-// anything else or overflow of long long.
-bool ParseInteger(const std::string& text, long long* value);
-
-// ParseInteger, and the value within lo..hi; *value is written only then.
-bool ParseIntegerIn(const std::string& text, long long lo, long long hi, long long* value);
-bool ParseIntegerIn(const std::string& text, long long lo, long long hi, int* value);
-
-// The tools' answer to a bad command line: "TOOL: MESSAGE (see --help)" on
-// standard error; returns 2, their exit status for bad options.
-int UsageError(const char* tool, const std::string& msg);
 
 }  // namespace otools
 

@@ -12,6 +12,7 @@
 #include "viewer/jpeg_stamp.h"
 #include "viewer/tool_http.h"
 #include "viewer/tool_net.h"
+#include "viewer/tool_options.h"
 
 namespace otools {
 namespace {

@@ -8,8 +8,8 @@
 #include <string>
 #include <sys/socket.h>
 
-#include "viewer/tool_http.h"
 #include "viewer/tool_net.h"
+#include "viewer/tool_options.h"
 #include "viewer/view_server.h"
 #include "viewer/viewer.h"
 

@@ -13,6 +13,7 @@
 #include "viewer/jpeg_stamp.h"
 #include "viewer/tool_http.h"
 #include "viewer/tool_net.h"
+#include "viewer/tool_options.h"
 
 namespace otools {
 namespace {

@@ -7,8 +7,8 @@
 #include <thread>
 
 #include "tests/sim/camsim.h"
-#include "viewer/tool_http.h"
 #include "viewer/tool_net.h"
+#include "viewer/tool_options.h"
 
 namespace {
 

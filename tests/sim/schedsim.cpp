@@ -7,6 +7,7 @@
 
 #include "viewer/tool_http.h"
 #include "viewer/tool_net.h"
+#include "viewer/tool_options.h"
 
 namespace otools {
 namespace {
