@@ -25,9 +25,7 @@ export OSTREL_BUILD_DIR=$build OSTREL_DEMO_DIR=$run
 
 if [ "${1:-}" != "--inside" ]; then
     if [ "$(id -u)" = 0 ]; then scripts/setup.sh; fi
-    configure_once "$build" -DOSTREL_DEMO=ON
-    # A build set up earlier (perhaps with tests off) gets the simulators too.
-    grep -q '^OSTREL_DEMO:BOOL=ON' "$build/CMakeCache.txt" || cmake "$build" -DOSTREL_DEMO=ON >/dev/null
+    configure_simulators "$build"
     cmake --build "$build" --target Ostrel ostrel-camsim ostrel-schedsim ostrel-viewer -j "$jobs"
 
     # A fresh working directory laid out as the daemon expects it, closed

@@ -17,9 +17,9 @@
 #                      its minutes on top): a file that hangs is stopped,
 #                      counted as failed, and the runs go on
 #
-# Settings (environment): OSTREL_RELIABILITY_BUILD_DIR (default: the normal
-# build, OSTREL_BUILD_DIR or build/; may be a sanitizer build), OSTREL_JOBS
-# (scripts/lib.sh), OSTREL_RELIABILITY_QUICK=1 leaves out the slowest case
+# Settings (environment): OSTREL_BUILD_DIR, the build run (default build/;
+# may be a sanitizer build), and OSTREL_JOBS as for every script
+# (scripts/lib.sh); OSTREL_RELIABILITY_QUICK=1 leaves out the slowest case
 # (the whole camera back-off sequence, about a minute; scripts/test.sh sets
 # it).
 # ASAN_OPTIONS, UBSAN_OPTIONS and TSAN_OPTIONS are passed on, with reports
@@ -43,11 +43,11 @@ while [ $# -gt 0 ]; do
            exit 2 ;;
     esac
 done
-build=$(abspath "${OSTREL_RELIABILITY_BUILD_DIR:-$base}")
+build=$base
 out=$(abspath "$out")
 report=$(abspath "$report")
 
-configure_once "$build"
+configure_simulators "$build"
 cmake --build "$build" --target Ostrel ostrel-camsim ostrel-schedsim ostrel-viewer -j "$jobs"
 
 # Only what a run writes is removed: --out may name any directory.
