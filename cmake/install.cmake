@@ -6,6 +6,7 @@
 #   P/lib/ostrel/Ostrel                       the daemon
 #   P/lib/ostrel/ostrel-cgi                   its CGI entry for web servers
 #   P/bin/ostrel-ctl                          the operator command
+#   P/bin/ostrel-viewer                       the channel viewer (viewer/)
 #   P/bin/ostrel-fleet                        the fleet endpoint (metrics, page, health)
 #   P/lib/systemd/system/ostrel@.service      a channel as a service (installed disabled)
 #   P/lib/systemd/system/ostrel-fleet.service the fleet endpoint as a service (disabled)
@@ -18,9 +19,10 @@
 # otherwise. The working directory is made mode 0750; a plain install as root
 # hands it to www-data (ostrel-ctl init), the package does so in its postinst.
 install(TARGETS Ostrel RUNTIME DESTINATION lib/ostrel)
-install(PROGRAMS tools/ostrel-cgi DESTINATION lib/ostrel)
-install(PROGRAMS tools/ostrel-ctl DESTINATION bin)
+install(PROGRAMS deploy/bin/ostrel-cgi DESTINATION lib/ostrel)
+install(PROGRAMS deploy/bin/ostrel-ctl DESTINATION bin)
 install(PROGRAMS deploy/bin/ostrel-fleet DESTINATION bin)
+install(TARGETS ostrel-viewer RUNTIME DESTINATION bin)
 install(FILES deploy/prometheus/ostrel-alerts.yml DESTINATION share/doc/ostrel/examples)
 install(FILES README.md docs/OPERATIONS.md docs/CONFIGURATION.md docs/PROTOCOLS.md
   DESTINATION share/doc/ostrel)
