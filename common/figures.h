@@ -11,10 +11,11 @@
 // Every field is a relaxed atomic and every update is one relaxed
 // read-modify-write or store: no lock, no ordering between fields. A reader
 // may see one field a moment ahead of another; each single value is whole.
-// The picture path pays two additions and one clock read per picture.
+// The picture path pays two additions and one coarse clock read per picture
+// (Picture: the camera thread is the only writer of its three fields).
 //
-// Times are CLOCK_MONOTONIC microseconds (0: never), so that an age shown to
-// the operator does not jump when the wall clock is set.
+// Times are CLOCK_MONOTONIC_COARSE microseconds (0: never), so that an age
+// shown to the operator does not jump when the wall clock is set.
 
 // Why a camera connection failed, as an operator tells failures apart.
 enum FigureFault : int {
@@ -101,7 +102,7 @@ public:
 // camera/shared_state.h, so every library reaches the one object.
 inline Figures_Class g_Figures;
 
-// CLOCK_MONOTONIC in microseconds.
+// CLOCK_MONOTONIC_COARSE in microseconds (resolution: the kernel's tick).
 long long FiguresNowMono();
 
 #endif

@@ -1,11 +1,12 @@
 // Frame ring: the writer's commit (start, lend the slot, in-place append,
-// finish) and a reader's borrow (top/tail, GetData2), each alone, and the
-// commit while other threads ask for the readable range; the daemon's
-// layout of 2 readable + 4 write-only slots.
+// finish), alone and with the figures kept per picture, and a reader's borrow
+// (top/tail, GetData2), and the commit while other threads ask for the
+// readable range; the daemon's layout of 2 readable + 4 write-only slots.
 #include <benchmark/benchmark.h>
 
 #include <cstring>
 
+#include "common/figures.h"
 #include "common/return_codes.h"
 #include "fifo/frame_fifo.h"
 
@@ -61,6 +62,24 @@ void BM_FifoCommit(benchmark::State& state)
     fifo.Cleanup();
 }
 
+// The same commit with the figures the camera thread keeps per picture (two
+// relaxed additions and a monotonic clock read): the figures' cost on the
+// picture path, against BM_FifoCommit above.
+void BM_FifoCommitWithFigures(benchmark::State& state)
+{
+    CMFifo fifo;
+    fifo.Setup(2, 4, kVideoSize, kOptionSize, 1);
+    char option[kOptionSize] = "IMAGE_ID0000";
+    for (auto _ : state) {
+        if (!commit_one(fifo, option)) {
+            state.SkipWithError("commit failed");
+            break;
+        }
+        g_Figures.Picture(kPicture);
+    }
+    fifo.Cleanup();
+}
+
 void BM_FifoBorrow(benchmark::State& state)
 {
     CMFifo fifo;
@@ -111,5 +130,6 @@ void BM_FifoCommitWhileReadersPoll(benchmark::State& state)
 }  // namespace
 
 BENCHMARK(BM_FifoCommit);
+BENCHMARK(BM_FifoCommitWithFigures);
 BENCHMARK(BM_FifoBorrow);
 BENCHMARK(BM_FifoCommitWhileReadersPoll)->Threads(2)->Threads(4)->UseRealTime();
