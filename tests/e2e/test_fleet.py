@@ -12,6 +12,7 @@ with its own configuration and a scratch storage directory; Chromium
 (Debian's chromium) is driven over its DevTools pipe and the rows' colours
 are read from the rendered page's computed styles."""
 
+import base64
 import json
 import os
 import signal
@@ -26,12 +27,12 @@ from ostrel_e2e import (CAMERA_PORT, CONFIG_KEYS, CONTROL_PORT, MYIP, OTHER_CAME
                         RelayCase, connect, is_listening, read_until_close, setup_namespace,
                         wait_for)
 
-FLEET = os.environ.get("OSTREL_FLEET", "")
-CTL = os.path.join(os.path.dirname(FLEET), "ostrel-ctl")
 PROMETHEUS = os.environ.get("OSTREL_PROMETHEUS", "/usr/bin/prometheus")
 PROMTOOL = os.path.join(os.path.dirname(PROMETHEUS), "promtool")
 CHROMIUM = os.environ.get("OSTREL_CHROMIUM", "/usr/bin/chromium")
 SOURCE_DIR = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+FLEET = os.path.join(SOURCE_DIR, "deploy", "bin", "ostrel-fleet")
+CTL = os.path.join(SOURCE_DIR, "deploy", "bin", "ostrel-ctl")
 ALERTS = os.path.join(SOURCE_DIR, "deploy", "prometheus", "ostrel-alerts.yml")
 FLEET_ADDR = ("127.0.0.1", 9470)
 PROMETHEUS_ADDR = ("127.0.0.1", 9090)
@@ -39,8 +40,6 @@ STOPPED_IP = "192.0.2.3"  # channel 03's address: configured, never started
 
 
 def setUpModule():
-    if not FLEET:
-        raise unittest.SkipTest("OSTREL_FLEET not set")
     setup_namespace()
     # Channel 02's own camera connections go to its simulated camera.
     subprocess.run([os.path.join(TOOLS_DIR, "ostrel-camera-redirect"), OTHER_CAMERA_IP,
@@ -298,6 +297,9 @@ class BrowserTest(FleetCase):
         self.assertNotEqual(rows[0]["pictures"], "0.0")
         self.assertIn("refused credentials, HTTP 401", rows[1]["error"])
         self.assertEqual(rows[0]["background"], "rgb(223, 243, 228)")
+        # Kept with the working directory (OSTREL_E2E_KEEP=1): the picture of
+        # docs/fleet.png.
+        browser.screenshot(self.path("fleet.png"))
 
         # Without a reload the page follows: channel 01's camera goes away.
         self.cam1.send_signal(signal.SIGTERM)
@@ -382,6 +384,11 @@ class DevTools:
         result = self.call("Runtime.evaluate", self.session, expression=ROWS_JS,
                            returnByValue=True)["result"]
         return json.loads(result.get("value") or "[]")
+
+    def screenshot(self, path):
+        data = self.call("Page.captureScreenshot", self.session, format="png")["data"]
+        with open(path, "wb") as f:
+            f.write(base64.b64decode(data))
 
     def close(self):
         try:
