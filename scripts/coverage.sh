@@ -33,9 +33,11 @@ rc=0
 
 filter=""
 for d in $folders; do filter="$filter --filter $root/$d/"; done
+# One gcovr process (its worker threads can hang after a gcov parse error)
+# with a bound, so that the script always ends.
 # shellcheck disable=SC2086
-gcovr --root "$root" --object-directory "$build" -j "$jobs" $filter --gcov-ignore-parse-errors \
-    --json-summary "$build/coverage.json" >/dev/null
+timeout 600 gcovr --root "$root" --object-directory "$build" $filter --gcov-ignore-parse-errors \
+    --json-summary "$build/coverage.json" >/dev/null || die "gcovr failed or took over 600 s"
 
 python3 - "$build" "$folders" "$(git ls-files '*.cpp')" <<'PY' || rc=1
 import json, os, sys
