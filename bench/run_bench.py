@@ -127,17 +127,19 @@ def thread_cpu(pid):
 
 
 def thread_roles(pid, kind):
-    """{tid: "control" | "camera" | "main"}. The reference names its
-    threads. The daemon's are unnamed; it starts them in a fixed order (the
-    control-port threads, then the one camera thread), so the camera thread
-    is the newest."""
+    """{tid: "control" | "camera" | "main" | "figures"}. The reference names
+    its threads. The daemon names only its figures writer; it starts the
+    others in a fixed order (the control-port threads, then the one camera
+    thread), so the camera thread is the newest."""
     tids = sorted(int(t) for t in os.listdir("/proc/%d/task" % pid))
     roles = {}
     for tid in tids:
+        with open("/proc/%d/task/%d/comm" % (pid, tid)) as f:
+            comm = f.read().strip()
         if kind == "refpre":
-            with open("/proc/%d/task/%d/comm" % (pid, tid)) as f:
-                comm = f.read().strip()
             roles[tid] = {"ref-camera": "camera", "ref-control": "control"}.get(comm, "main")
+        elif comm == "ostrel-figures":
+            roles[tid] = "figures"
         else:
             roles[tid] = "main" if tid == pid else ("camera" if tid == tids[-1] else "control")
     return roles
@@ -388,7 +390,7 @@ class Bench:
                           "--seconds", str(seconds), "--idle-ms", "30000"]
             # Wait until every thread has started (the daemon starts its
             # threads after the control port listens).
-            want = 2 if kind == "refpre" else 4
+            want = 2 if kind == "refpre" else 5  # main, figures, 2 control, camera
             wait_for(lambda: len(os.listdir("/proc/%d/task" % relay.pid)) >= want, 20, "the threads")
             roles = thread_roles(relay.pid, kind)
             c0 = thread_cpu(relay.pid)
@@ -400,7 +402,7 @@ class Bench:
         if not m:
             return {"kind": kind, "error": (v.stdout + v.stderr).strip()[-300:]}
         pics, gaps, waits, faults = (int(x) for x in m.groups())
-        cpu = {"control": 0.0, "camera": 0.0, "main": 0.0}
+        cpu = {"control": 0.0, "camera": 0.0, "main": 0.0, "figures": 0.0}
         for tid, role in roles.items():
             cpu[role] += c1.get(tid, 0.0) - c0.get(tid, 0.0)
         exchanges = pics + waits + 2  # with the login and the logout

@@ -63,6 +63,7 @@ class FiguresWriter_Thread : public ThreadControlElement {
 public:
     static constexpr long long PERIOD_USEC = 1000000;
     static constexpr int PATH_SIZE = 64;
+    static constexpr const char* THREAD_NAME = "ostrel-figures";
 
     FiguresWriter_Thread();
     int ThreadMain(DbPrintf_Class* pDB) override;

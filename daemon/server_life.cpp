@@ -37,6 +37,11 @@ int Server_Construct(int numOfControlPortThread, DbPrintf_Class* pDB)
         threads = kMaxControlPortThreads;
 
     const int channel = g_channelNum.load(std::memory_order_relaxed);
+    // The figures writer comes first: the camera thread stays the newest
+    // thread (the benchmarks find it so), and once the pid file exists every
+    // thread of the daemon does.
+    g_FiguresWriter.Add_Writer(channel, pDB);
+
     int rc = g_Fifo.Setup(kFifoFrames, kFifoWriteOnlySlots, kFifoPictureBytes, kFifoOptionBytes, channel);
     if (rc != SUCCESS) {
         // Without a FIFO the control port still answers (every picture
@@ -50,9 +55,6 @@ int Server_Construct(int numOfControlPortThread, DbPrintf_Class* pDB)
     for (int i = 0; i < threads; ++i)
         g_PiPPControlPort.Add_Thread(pDB);
     g_Control_CamThread.Add_Thread(pDB);
-    // The figures writer, before the pid file: once that file exists every
-    // thread of the daemon does.
-    g_FiguresWriter.Add_Writer(channel, pDB);
 
     char pidFile[256];
     snprintf(pidFile, sizeof pidFile, "%s%02d%s", "mem/Ostrel_", channel, ".pid");
