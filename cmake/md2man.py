@@ -91,7 +91,7 @@ def convert_block(lines):
             mark = line.split(" ", 1)
             tag = "\\(bu" if mark[0] == "-" else mark[0]
             out.append(".IP %s 4" % tag)
-            out += [line_out(inline(l)) for l in [mark[1]] + lines[i + 1:j]]
+            out += text_lines([mark[1]] + lines[i + 1:j])
             i = j
         elif re.match(r"!\[", line):
             i += 1
@@ -101,9 +101,16 @@ def convert_block(lines):
                                                                         lines[j]):
                 j += 1
             out.append(".PP")
-            out += [line_out(inline(l)) for l in lines[i:j]]
+            out += text_lines(lines[i:j])
             i = j
     return out
+
+
+def text_lines(lines):
+    """A paragraph's lines as roff: the markup is read over the whole
+    paragraph, since a `code` span may run on to the next line."""
+    text = inline("\n".join(l.strip() for l in lines))
+    return [line_out(l) for l in text.split("\n")]
 
 
 def code(block):
