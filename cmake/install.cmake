@@ -7,8 +7,10 @@
 #   P/lib/ostrel/ostrel-cgi                   its CGI entry for web servers
 #   P/lib/ostrel/ostrel-schedule-cgi          a stand-in schedule server
 #   P/bin/ostrel-ctl                          the operator command
+#   P/bin/ostrel-viewer                       the channel viewer (viewer/)
 #   P/share/doc/ostrel/                       README, guides, copyright, changelog
-#   P/share/man/man8/                         Ostrel.8, ostrel-ctl.8, ostrel-cgi.8
+#   P/share/man/man{1,8}/                     ostrel-viewer.1, Ostrel.8,
+#                                             ostrel-ctl.8, ostrel-cgi.8
 #   ETC/lighttpd/conf-available/50-ostrel.conf  web server configuration
 #   ETC/lighttpd/conf-available/50-ostrel-schedule.conf  (the stand-in)
 #   ETC/apache2/conf-available/ostrel.conf
@@ -20,8 +22,9 @@
 # hands it to www-data (ostrel-ctl init). The package leaves it to its
 # postinst, and its postrm removes it on purge (deploy/debian/).
 install(TARGETS Ostrel RUNTIME DESTINATION lib/ostrel)
-install(PROGRAMS tools/ostrel-cgi deploy/bin/ostrel-schedule-cgi DESTINATION lib/ostrel)
-install(PROGRAMS tools/ostrel-ctl DESTINATION bin)
+install(PROGRAMS deploy/bin/ostrel-cgi deploy/bin/ostrel-schedule-cgi DESTINATION lib/ostrel)
+install(PROGRAMS deploy/bin/ostrel-ctl DESTINATION bin)
+install(TARGETS ostrel-viewer RUNTIME DESTINATION bin)
 install(FILES README.md docs/OPERATIONS.md docs/CONFIGURATION.md docs/PROTOCOLS.md
   deploy/debian/copyright
   DESTINATION share/doc/ostrel)
@@ -60,6 +63,9 @@ ostrel_man_page(ostrel-ctl 8 "look after the Ostrel Relay channels of a working 
 ostrel_man_page(ostrel-cgi 8 "the CGI program a web server runs to start Ostrel Relay channels"
   SYNOPSIS "REQUEST_METHOD=GET QUERY_STRING=Command=StartUp&Name=NN ostrel-cgi"
   FROM "Running under a web server" "The schedule server")
+ostrel_man_page(ostrel-viewer 1 "show an Ostrel Relay channel in a browser"
+  SYNOPSIS "ostrel-viewer --control ADDR:PORT --bind ADDR:PORT --serve ADDR:PORT [--states FILE]"
+  FROM "Watching the channel")
 set(changelog ${PROJECT_BINARY_DIR}/deb/changelog.gz)
 add_custom_command(OUTPUT ${changelog}
   COMMAND gzip -9n -c ${PROJECT_SOURCE_DIR}/deploy/debian/changelog > ${changelog}
