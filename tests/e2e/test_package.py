@@ -83,7 +83,7 @@ def installed():
     return p.returncode == 0 and p.stdout.endswith(" installed")
 
 
-class LintianTest(unittest.TestCase):
+class PackageTest(unittest.TestCase):
     @unittest.skipUnless(LINTIAN, "lintian is not installed (scripts/setup.sh installs it)")
     def test_lintian_finds_no_error_and_no_warning(self):
         # The one overridden tag carries its reason in the package.
@@ -92,17 +92,46 @@ class LintianTest(unittest.TestCase):
         self.assertNotRegex(p.stdout, r"(?m)^[EW]: ")
 
     def test_package_holds_stripped_programs_and_manual_pages(self):
+        listing = run("dpkg-deb", "-c", DEB).stdout
+        entries = {line.split()[5]: line.split()[0] for line in listing.splitlines()}
+        for path, perms in [("./usr/lib/ostrel/Ostrel", "-rwxr-xr-x"),
+                            ("./usr/lib/ostrel/ostrel-cgi", "-rwxr-xr-x"),
+                            ("./usr/lib/ostrel/ostrel-schedule-cgi", "-rwxr-xr-x"),
+                            ("./usr/bin/ostrel-ctl", "-rwxr-xr-x"),
+                            ("./usr/share/doc/ostrel/copyright", "-rw-r--r--"),
+                            ("./usr/share/doc/ostrel/changelog.gz", "-rw-r--r--"),
+                            ("./etc/lighttpd/conf-available/50-ostrel.conf", "-rw-r--r--"),
+                            ("./etc/apache2/conf-available/ostrel-schedule.conf", "-rw-r--r--")]:
+            with self.subTest(path):
+                self.assertEqual(entries.get(path), perms, listing)
+        self.assertFalse([p for p in entries if OUT in p or "_CPack" in p or "/var/" in p],
+                         "no staging paths; the working directory is postinst's")
+        self.assertIn("python3", run("dpkg-deb", "-f", DEB, "Depends").stdout)
+        self.assertNotIn("localhost", run("dpkg-deb", "-f", DEB, "Maintainer").stdout)
+        control = os.path.join(OUT, "control")
+        run("dpkg-deb", "-e", DEB, control)
+        with open(os.path.join(control, "conffiles")) as f:
+            self.assertEqual(sorted(f.read().split()), [
+                "/etc/apache2/conf-available/ostrel-schedule.conf",
+                "/etc/apache2/conf-available/ostrel.conf",
+                "/etc/lighttpd/conf-available/50-ostrel-schedule.conf",
+                "/etc/lighttpd/conf-available/50-ostrel.conf"])
+
         root = os.path.join(OUT, "root")
         run("dpkg-deb", "-x", DEB, root)
+        with open(os.path.join(root, "etc/lighttpd/conf-available/50-ostrel.conf")) as f:
+            text = f.read()
+        self.assertIn('"/usr/lib/ostrel/ostrel-cgi"', text)
+        self.assertIn('"/var/lib/ostrel"', text)
         daemon = os.path.join(root, "usr/lib/ostrel/Ostrel")
         self.assertNotIn(".debug_info", run("objdump", "-h", daemon).stdout)
-        for page in ("Ostrel", "ostrel-ctl", "ostrel-cgi"):
+        for page in ("Ostrel.8", "ostrel-ctl.8", "ostrel-cgi.8", "ostrel-viewer.1"):
             with self.subTest(page):
                 p = run("man", "--warnings", "-l", "-Tutf8",
-                        os.path.join(root, "usr/share/man/man8", page + ".8.gz"))
+                        os.path.join(root, "usr/share/man/man" + page[-1], page + ".gz"))
                 self.assertEqual(p.stderr, "", "groff's warnings")
                 text = re.sub(".\b", "", p.stdout)
-                self.assertRegex(text, r"NAME\n\s+%s\s+-\s" % page)
+                self.assertRegex(text, r"NAME\n\s+%s\s+-\s" % page[:-2])
                 self.assertIn("SYNOPSIS", text)
         # The symbols of the stripped daemon, under its build id.
         sym = os.path.join(OUT, "sym")
