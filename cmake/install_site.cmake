@@ -1,11 +1,15 @@
-# Install-time part of cmake/install.cmake: the web server snippets and the
-# working directory, which live outside the prefix for the prefix /usr.
+# Install-time part of cmake/install.cmake: the web server snippets, the
+# systemd units and the working directory, which live outside the prefix for
+# the prefix /usr.
 if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
   set(etc /etc)
   set(var /var)
+  # Debian 12 keeps the packages' units in /lib (lintian's rule as well).
+  set(units /lib/systemd/system)
 else()
   set(etc ${CMAKE_INSTALL_PREFIX}/etc)
   set(var ${CMAKE_INSTALL_PREFIX}/var)
+  set(units ${CMAKE_INSTALL_PREFIX}/lib/systemd/system)
 endif()
 set(libdir ${CMAKE_INSTALL_PREFIX}/lib/ostrel)
 set(bindir ${CMAKE_INSTALL_PREFIX}/bin)
@@ -27,10 +31,11 @@ endfunction()
 
 # The systemd units, not enabled: the operator enables what the site uses.
 foreach(unit "ostrel@.service" "ostrel-fleet.service")
-  ostrel_configure(systemd/${unit}.in ${dest}${CMAKE_INSTALL_PREFIX}/lib/systemd/system/${unit})
+  ostrel_configure(systemd/${unit}.in ${dest}${units}/${unit})
 endforeach()
 
-foreach(pair "lighttpd/50-ostrel.conf" "apache2/ostrel.conf")
+foreach(pair "lighttpd/50-ostrel.conf" "lighttpd/50-ostrel-schedule.conf"
+    "apache2/ostrel.conf" "apache2/ostrel-schedule.conf")
   get_filename_component(server ${pair} DIRECTORY)
   get_filename_component(name ${pair} NAME)
   ostrel_configure(${pair}.in ${dest}${etc}/${server}/conf-available/${name})
@@ -50,13 +55,6 @@ if(dest STREQUAL "")
   if(failed)
     message(FATAL_ERROR "ostrel-ctl ${args} failed")
   endif()
-else()
-  # Staged (a package): modes only; the package's postinst sets the owner.
-  foreach(sub "" /conf /log /mem /states)
-    file(MAKE_DIRECTORY ${dest}${workdir}${sub})
-    execute_process(COMMAND chmod 0750 ${dest}${workdir}${sub} RESULT_VARIABLE failed)
-    if(failed)
-      message(FATAL_ERROR "chmod 0750 ${dest}${workdir}${sub} failed")
-    endif()
-  endforeach()
 endif()
+# Staged (a package): nothing more; the package's postinst makes the working
+# directory with its owner, and its postrm removes it on purge.

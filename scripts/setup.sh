@@ -5,10 +5,13 @@
 
 # g++-multilib and googletest (its sources) are for the 32-bit build;
 # lighttpd is the web server the end-to-end tests start the daemon through;
-# python3-prometheus-client is what ostrel-fleet is made with, and the
-# fleet test has a real prometheus scrape it.
+# with apache2, lintian and man-db the package is installed, reviewed and
+# removed again (tests/e2e/test_package.py); python3-prometheus-client is
+# what ostrel-fleet is made with, and the fleet test has a real prometheus
+# scrape it.
 install_packages cmake g++ g++-multilib clang libclang-rt-14-dev make ninja-build libgtest-dev \
-    googletest iproute2 nftables python3 util-linux lighttpd python3-prometheus-client prometheus
+    googletest iproute2 nftables python3 util-linux lighttpd apache2 lintian man-db \
+    python3-prometheus-client prometheus
 # chromium is for the browser tests of the viewer's browser view and of the
 # fleet page; where it cannot be installed those tests are skipped with a
 # message.
