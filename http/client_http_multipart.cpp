@@ -1,7 +1,32 @@
 #include "http/client_http_multipart.h"
 
+#include <strings.h>
+
 #include "common/debug_log.h"
 #include "common/return_codes.h"
+#include "common/tokens.h"
+
+namespace {
+
+// Whether any "WWW-Authenticate:" value names the Digest scheme anywhere.
+bool mentions_digest(const StaticArr_NameValToken_Class& lines)
+{
+    for (int i = 0; i < lines.GetCount(); ++i) {
+        const NameValToken_Class* line = lines.Get(i);
+        if (line == nullptr || line->m_Name.Compare("WWW-Authenticate:") != SUCCESS) {
+            continue;
+        }
+        const char* v = reinterpret_cast<const char*>(line->m_Val.GetPtr());
+        for (int at = 0; at + 6 <= line->m_Val.GetLength(); ++at) {
+            if (strncasecmp(v + at, "digest", 6) == 0) {
+                return true;
+            }
+        }
+    }
+    return false;
+}
+
+}  // namespace
 
 CClient_HTTP_MultiPart::CClient_HTTP_MultiPart()
     : CClient_HTTP_Common("CClient_HTTP_MultiPart", &m_obHTTPMultiPartResponseBuffer,
@@ -78,6 +103,9 @@ int CClient_HTTP_MultiPart::TakeDigestChallenge(DigestChallenge* ch)
     AuthChallenges set;
     char reason[AUTH_REASON_SIZE];
     int ret = AuthParseHeaderLines(parser.m_HeaderLines, &set, reason);
+    if (ret != SUCCESS && !mentions_digest(parser.m_HeaderLines)) {
+        return NOTFOUND_ITEM;  // a Basic camera's odd header: a 401 as any other
+    }
     if (ret != SUCCESS) {
         TimePrint(m_pDB, m_nLogLevel, "[CClient_HTTP_MultiPart::Get()] WWW-Authenticate refused: %s ::%d\n", reason,
                   ret);

@@ -419,6 +419,10 @@ TEST(ClientHttpMultiPartDigest, ChallengeAnsweredReusedRenewedAndRefused)
 
 TEST(ClientHttpMultiPartDigest, WithoutAUsableDigestChallengeA401IsOneFailedRequest)
 {
+    std::string nineBasic;
+    for (int i = 0; i < 9; ++i) {
+        nineBasic += "WWW-Authenticate: Basic realm=\"cam\"\r\n";
+    }
     struct Row {
         int auth;
         std::string reply;
@@ -427,6 +431,7 @@ TEST(ClientHttpMultiPartDigest, WithoutAUsableDigestChallengeA401IsOneFailedRequ
     } rows[] = {
         {1, unauthorized("WWW-Authenticate: Basic realm=\"cam\"\r\n"), HTTP_INVALID_SYNTAX, "Basic only: as today"},
         {1, unauthorized(""), HTTP_INVALID_SYNTAX, "no challenge"},
+        {1, unauthorized(nineBasic), HTTP_INVALID_SYNTAX, "nine Basic challenges, over the parser's limit: as today"},
         {0, unauthorized("WWW-Authenticate: Digest realm=\"cam\", nonce=\"n\"\r\n"), HTTP_INVALID_SYNTAX,
          "authentication switched off"},
         {1, unauthorized("WWW-Authenticate: Digest realm=\"cam\", nonce=\"n\", qop=\"auth-int\"\r\n"),
