@@ -329,13 +329,8 @@ const char* unusable_reason(const DigestChallenge& ch)
 
 std::string hash_hex(int algorithm, const std::string& text)
 {
-    if (algorithm == DIGEST_SHA256 || algorithm == DIGEST_SHA256_SESS) {
-        char out[SHA256_HEX_SIZE];
-        Sha256Hex(text.data(), text.size(), out);
-        return out;
-    }
-    char out[MD5_HEX_SIZE];
-    Md5Hex(text.data(), text.size(), out);
+    char out[SHA256_HEX_SIZE];
+    DigestHashHex(algorithm == DIGEST_SHA256 || algorithm == DIGEST_SHA256_SESS, text.data(), text.size(), out);
     return out;
 }
 

@@ -170,3 +170,14 @@ void Sha256Hex(const void* data, size_t len, char (&out)[SHA256_HEX_SIZE])
     }
     to_hex(bytes, 32, out);
 }
+
+void DigestHashHex(bool sha256, const void* data, size_t len, char (&out)[SHA256_HEX_SIZE])
+{
+    if (sha256) {
+        Sha256Hex(data, len, out);
+        return;
+    }
+    char md5[MD5_HEX_SIZE];
+    Md5Hex(data, len, md5);
+    memcpy(out, md5, sizeof md5);
+}

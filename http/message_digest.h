@@ -15,5 +15,7 @@ constexpr int SHA256_HEX_SIZE = 65;  // 64 digits and the NUL
 
 void Md5Hex(const void* data, size_t len, char (&out)[MD5_HEX_SIZE]);
 void Sha256Hex(const void* data, size_t len, char (&out)[SHA256_HEX_SIZE]);
+// SHA-256 when sha256 is true, else MD5 (32 digits, out then has room to spare).
+void DigestHashHex(bool sha256, const void* data, size_t len, char (&out)[SHA256_HEX_SIZE]);
 
 #endif

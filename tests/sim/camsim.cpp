@@ -133,13 +133,8 @@ std::map<std::string, std::string> auth_params(const std::string& text)
 
 std::string digest_hash(const std::string& algorithm, const std::string& text)
 {
-    if (algorithm.compare(0, 7, "SHA-256") == 0) {
-        char out[SHA256_HEX_SIZE];
-        Sha256Hex(text.data(), text.size(), out);
-        return out;
-    }
-    char out[MD5_HEX_SIZE];
-    Md5Hex(text.data(), text.size(), out);
+    char out[SHA256_HEX_SIZE];
+    DigestHashHex(algorithm.compare(0, 7, "SHA-256") == 0, text.data(), text.size(), out);
     return out;
 }
 
