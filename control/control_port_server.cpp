@@ -87,7 +87,7 @@ int ControlPort_ServerThread::ThreadMain(DbPrintf_Class* pDB)
         m_Request.ClearBuf(pDB);
         sockaddr_in peer{};
         int fd = -1;
-        rc = Sock_Accept(m_pPool->GetListenFd(), &fd, &peer);
+        rc = Sock_Accept(m_pPool->GetListenFd(), &fd, &peer, pDB);
         if (StopRequested()) {
             if (fd >= 0)
                 Sock_Close(fd, pDB);

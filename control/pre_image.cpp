@@ -61,7 +61,7 @@ int ControlPort_ServerThread::DoCommand_Ptipimg__img_login(DbPrintf_Class* pDB)
 
     g_flagLoginUserExist.store(1, std::memory_order_relaxed);
     timeval now;
-    gettimeofday(&now, nullptr);
+    GetMonotonicTime(&now);
     SetNowTimePT(now);
     NotifyCamThread();
 

@@ -4,6 +4,7 @@
 #include <sys/time.h>
 
 #include "common/debug_log.h"
+#include "common/time_utils.h"
 #include "common/return_codes.h"
 
 // The part reader that receives a part's data straight into the caller's
@@ -34,7 +35,7 @@ int read_part_head_exact(HTTPMultiPartResponseBuffer_Class& b, int fd, int timeo
             return LOOP_INTERRUPTED;
         }
         timeval before{};
-        gettimeofday(&before, nullptr);
+        GetMonotonicTime(&before);
 
         int peeked = 0;
         int rc = b.RecvOnce(fd, b.m_pBuffer + b.m_nFilled, b.m_nCapacity - b.m_nFilled, &peeked, timeout_ms,
