@@ -187,8 +187,9 @@ void ControlPort_ServerThread::SendImage(const char* pVideo, const char* option,
         return;
     }
     int bodyLength = IsHeadRequest() ? 0 : info.nDataSize_Video;
-    HttpResponse_SendMessage(m_nConnectFd, m_Header.c_str(), m_Header.length(), pVideo, bodyLength, kSendTimeoutMs,
-                             &m_nCommand, pDB);
+    HttpResponse_SendMessage_WhileIntact(
+        m_nConnectFd, m_Header.c_str(), m_Header.length(), pVideo, bodyLength, kSendTimeoutMs, &m_nCommand,
+        [&info] { return g_Fifo.FrameIntact(info.lnDataNo); }, pDB);
     // Done with the borrowed slot: taking the FIFO's mutex once more orders
     // this read before the writer's next commit, and so before it refills
     // the slot, even when no further request comes (a paused viewer).
