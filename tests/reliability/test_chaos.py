@@ -230,6 +230,11 @@ class ChaosTest(r.ReliabilityCase):
         samples = []
 
         def sampler(_rng):
+            # Each sample is written at once, so that a run that fails (or
+            # is stopped) still leaves its figures.
+            out = open(SAMPLES, "w") if SAMPLES else None
+            if out:
+                out.write("seconds,rss_kb,fds,pictures_per_second\n")
             last_pictures = 0
             t0 = time.monotonic()
             while not chaos.stop.wait(SAMPLE_EVERY):
@@ -237,9 +242,14 @@ class ChaosTest(r.ReliabilityCase):
                     n = chaos.pictures
                 samples.append((time.monotonic() - t0, r.rss_kb(pid), r.fd_count(pid),
                                 (n - last_pictures) / SAMPLE_EVERY))
+                if out:
+                    out.write("%.1f,%d,%d,%.2f\n" % samples[-1])
+                    out.flush()
                 last_pictures = n
                 if not r.alive(pid):
                     raise AssertionError("the daemon ended")
+            if out:
+                out.close()
 
         actors = [chaos.actor("camera", camera_actor), chaos.actor("viewer", viewer),
                   chaos.actor("config", config_actor), chaos.actor("reset_postterm", postterm_actor),
@@ -253,11 +263,6 @@ class ChaosTest(r.ReliabilityCase):
             self.assertFalse(t.is_alive(), "actor %s still running" % t.name)
         self.assertEqual(chaos.failures, [], "seed %d" % seed)
 
-        if SAMPLES:
-            with open(SAMPLES, "w") as f:
-                f.write("seconds,rss_kb,fds,pictures_per_second\n")
-                for row in samples:
-                    f.write("%.1f,%d,%d,%.2f\n" % row)
         warm = [s for s in samples if s[0] >= MINUTES * 60 * WARMUP_FRACTION]
         self.assertGreater(len(warm), 3, "too few samples")
         first = [s for s in warm if s[0] < MINUTES * 60 * 0.4] or warm[:3]

@@ -10,6 +10,7 @@ duration it measures must go on as if nothing happened:
 - the camera is still reconnected about 2 s into the trickled picture.
 """
 
+import contextlib
 import os
 import socket
 import threading
@@ -72,7 +73,12 @@ class TricklingCamera:
 
     def close(self):
         self.stop.set()
+        try:
+            self.listener.shutdown(socket.SHUT_RDWR)  # wakes the accept
+        except OSError:
+            pass
         self.listener.close()
+        self.thread.join(10)
 
 
 class ClockStepTest(r.ReliabilityCase):
@@ -85,7 +91,7 @@ class ClockStepTest(r.ReliabilityCase):
 
     def test_post_alarm_term_ends_on_time(self):
         for step in STEPS:
-            with self.subTest(step=step):
+            with self.row(step):
                 record = self.start_schedsim()
                 self.start_camsim("--fps", "25")
                 clock, pid = self.start(translator_calarm_rec_postterm=str(POSTTERM))
@@ -105,11 +111,10 @@ class ClockStepTest(r.ReliabilityCase):
                 self.assertIn(b"stop_urgent_storage_wpp_ch", requests[0][1])
                 r.record("clock: wall clock stepped %+d s 2 s into a %d s post-alarm term" % (step, POSTTERM),
                          1, "stop sent after %.1f s" % took)
-                self.reset_row()
 
     def test_trickled_body_ends_after_the_read_limit(self):
         for step in STEPS:
-            with self.subTest(step=step):
+            with self.row(step):
                 clock, pid = self.start()
                 sock = e2e.connect(timeout=60)
                 t0 = time.monotonic()
@@ -138,11 +143,10 @@ class ClockStepTest(r.ReliabilityCase):
                 self.assertLess(took, 25, "answered after %.1f s" % took)
                 r.record("clock: wall clock stepped %+d s while a request body trickles in" % step, 1,
                          "400 after %.1f s" % took)
-                self.reset_row()
 
     def test_trickled_picture_ends_after_the_read_limit(self):
         for step in STEPS:
-            with self.subTest(step=step):
+            with self.row(step):
                 camera = TricklingCamera()
                 self.addCleanup(camera.close)
                 clock, pid = self.start()
@@ -157,6 +161,13 @@ class ClockStepTest(r.ReliabilityCase):
                 camera.close()
                 r.record("clock: wall clock stepped %+d s while a camera picture trickles in" % step, 1,
                          "reconnected after %.2f s" % gap)
+
+    @contextlib.contextmanager
+    def row(self, step):
+        with self.subTest(step=step):
+            try:
+                yield
+            finally:
                 self.reset_row()
 
     def reset_row(self):
