@@ -1,14 +1,14 @@
 #!/usr/bin/env python3
 """Side-by-side relay benchmark. Runs inside the private network namespace
-(scripts/bench.sh starts it there through tools/ostrel-netns).
+(scripts/bench.sh starts it there through tests/sim/ostrel-netns).
 
-Every relay gets its own simulated camera (tools/ostrel-camsim; one camera
+Every relay gets its own simulated camera (tests/sim/ostrel-camsim; one camera
 per relay, since its sequence numbers rise across all its connections) and
 its own viewer:
 
   ostrel  the daemon, started in the foreground; its own camera connection is
-          redirected to the simulated camera (tools/ostrel-camera-redirect);
-          viewer tools/ostrel-viewer pulling with get_image
+          redirected to the simulated camera (tests/sim/ostrel-camera-redirect);
+          viewer viewer/ostrel-viewer pulling with get_image
   ref     bench/ref_relay.cpp, the minimal relay; viewer bench/mjpeg_sink.cpp
   ffmpeg  ffmpeg -f mpjpeg -i URL -c copy to its HTTP server (-listen 1)
   motion  motion with the stream as a network camera and its stream output
@@ -17,7 +17,7 @@ its own viewer:
 
 Per exchange and per camera picture, the daemon is set against
 bench/ref_preimage.cpp (the same pre-image protocol at its smallest, with a
-minimal camera reader), both pulled by tools/ostrel-viewer from their own
+minimal camera reader), both pulled by viewer/ostrel-viewer from their own
 simulated camera at 30 fps (18 KB): the CPU of the threads that answer
 requests per exchange (every answer: pictures, "not yet" answers, login and
 logout, counted by the viewer), and the CPU of the thread that reads the
@@ -220,9 +220,10 @@ class Bench:
         for k in ("source", "build", "work", "out"):
             setattr(args, k, os.path.abspath(getattr(args, k)))
         self.build = args.build
-        self.tools = os.path.join(self.build, "tools")
+        self.sim = os.path.join(self.build, "tests", "sim")
+        self.viewer = os.path.join(self.build, "viewer", "ostrel-viewer")
         self.work = args.work
-        self.redirect = os.path.join(args.source, "tools", "ostrel-camera-redirect")
+        self.redirect = os.path.join(args.source, "tests", "sim", "ostrel-camera-redirect")
         self.channel = 0
         self.live = []  # processes of the current run, stopped by cleanup()
         os.makedirs(self.work, exist_ok=True)
@@ -245,7 +246,7 @@ class Bench:
     # -- parts of a run --------------------------------------------------
     def camera(self, fps, size, quiet_port=None):
         port = quiet_port or PORTS.take()
-        proc = self.spawn([os.path.join(self.tools, "ostrel-camsim"), "--listen",
+        proc = self.spawn([os.path.join(self.sim, "ostrel-camsim"), "--listen",
                                  "%s:%d" % (ADDR, port), "--fps", str(fps), "--quiet"]
                                 + SIZES[size], stdout=subprocess.DEVNULL)
         wait_for(lambda: listening(port), 20, "the camera simulator")
@@ -282,7 +283,7 @@ class Bench:
         # Each viewer its own first local port; the viewer uses the 10,000
         # ports from there on (so the first must stay at or below 55535) and
         # moves on past busy ones.
-        viewer = [os.path.join(self.tools, "ostrel-viewer"), "--control", "%s:%d" % (ADDR, ctl),
+        viewer = [self.viewer, "--control", "%s:%d" % (ADDR, ctl),
                   "--bind", "%s:%d" % (ADDR, 30000 + (slot % 50) * 500), "--seconds", str(seconds),
                   "--idle-ms", "30000"]
         return proc, viewer
@@ -382,7 +383,7 @@ class Bench:
                                     "%s:%d" % (ADDR, ctl), "%s:%d" % (ADDR, cam_port), CAM_PATH])
                 wait_for(lambda: listening(ctl), 20, "the reference pre-image server")
                 self.channel = self.channel % 99 + 1
-                viewer = [os.path.join(self.tools, "ostrel-viewer"), "--control", "%s:%d" % (ADDR, ctl),
+                viewer = [self.viewer, "--control", "%s:%d" % (ADDR, ctl),
                           "--bind", "%s:%d" % (ADDR, 30000 + (self.channel % 50) * 500),
                           "--seconds", str(seconds), "--idle-ms", "30000"]
             # Wait until every thread has started (the daemon starts its
@@ -564,7 +565,7 @@ class Bench:
         work = os.path.join(self.work, "ostrel-%02d" % ch)
         with open(os.path.join(work, "conf", "Config.txt")) as f:
             ctl = int(re.search(r"encoder_port_\d+=(\d+)", f.read()).group(1))
-        return [os.path.join(self.tools, "ostrel-viewer"), "--control", "%s:%d" % (ADDR, ctl),
+        return [self.viewer, "--control", "%s:%d" % (ADDR, ctl),
                 "--bind", "%s:%d" % (ADDR, 30000 + (ch % 50) * 500), "--seconds", str(seconds),
                 "--idle-ms", "30000"]
 

@@ -1,5 +1,5 @@
 #!/bin/sh
-# The one-command demonstration: builds the relay and its simulator tools,
+# The one-command demonstration: builds the relay, the viewer and the simulators,
 # then, inside a private network namespace, runs a simulated camera, a
 # simulated schedule server, the relay daemon (started the way a launcher
 # starts it) and a viewer, shows what happened and stops everything.
@@ -25,13 +25,13 @@ export OSTREL_BUILD_DIR=$build OSTREL_DEMO_DIR=$run
 
 if [ "${1:-}" != "--inside" ]; then
     if [ "$(id -u)" = 0 ]; then scripts/setup.sh; fi
-    configure_once "$build"
+    configure_simulators "$build"
     cmake --build "$build" --target Ostrel ostrel-camsim ostrel-schedsim ostrel-viewer -j "$jobs"
 
     # A fresh working directory laid out as the daemon expects it, closed
     # to other users (the daemon's files are mode 0666).
     rm -rf "$run"
-    tools/ostrel-ctl init "$run" >/dev/null
+    deploy/bin/ostrel-ctl init "$run" >/dev/null
     cat > "$run/conf/Config.txt" <<EOF
 # Channel 1: the camera (encoder) address and port are also where the
 # control port listens; eth0 of the namespace is 192.0.2.1.
@@ -45,7 +45,7 @@ channel_authentic_switch_0001=0
 translator_calarm_rec_postterm_0001=${DEMO_POSTTERM:-3}
 EOF
     if [ "${DEMO_VIEW_SECONDS:-0}" = 0 ]; then
-        exec tools/ostrel-netns /bin/sh "$root/scripts/demo.sh" --inside
+        exec tests/sim/ostrel-netns /bin/sh "$root/scripts/demo.sh" --inside
     fi
     view=${DEMO_VIEW:-127.0.0.1:8090}
     # Listen on this host, then enter the namespace with the socket as fd 3.
@@ -63,12 +63,13 @@ if s.fileno() != 3:
     os.dup2(s.fileno(), 3)
 os.set_inheritable(3, True)
 os.execvp(sys.argv[2], sys.argv[2:])
-' "$view" tools/ostrel-netns /bin/sh "$root/scripts/demo.sh" --inside
+' "$view" tests/sim/ostrel-netns /bin/sh "$root/scripts/demo.sh" --inside
 fi
 
 # ---- inside the namespace ----------------------------------------------
 bin=$build/Ostrel
-tools=$build/tools
+sim=$build/tests/sim
+viewer=$build/viewer/ostrel-viewer
 states=$run/states/1.States
 cd "$run"
 
@@ -94,12 +95,12 @@ alive() { [ -d "/proc/$1" ] && ! grep -q '^[^ ]* ([^)]*) Z' "/proc/$1/stat"; }
 not_alive() { ! alive "$1"; }
 
 say "network: eth0 $(ip -4 -o addr show eth0 | awk '{print $4}'), the daemon's own camera connection redirected to the simulated camera"
-"$root/tools/ostrel-camera-redirect" 192.0.2.1 8080 192.0.2.1 8081
+"$root/tests/sim/ostrel-camera-redirect" 192.0.2.1 8080 192.0.2.1 8081
 
 # Descriptor 3 (the view's listening socket, if any) is for the view alone.
-"$tools/ostrel-camsim" --listen 192.0.2.1:8081 --fps "${DEMO_FPS:-25}" --quiet --record camera.rec 3>&- &
+"$sim/ostrel-camsim" --listen 192.0.2.1:8081 --fps "${DEMO_FPS:-25}" --quiet --record camera.rec 3>&- &
 pids="$pids $!"
-"$tools/ostrel-schedsim" --listen 192.0.2.1:80 --quiet --no-stdout --record schedule.rec 3>&- &
+"$sim/ostrel-schedsim" --listen 192.0.2.1:80 --quiet --no-stdout --record schedule.rec 3>&- &
 pids="$pids $!"
 wait_for 10 listening 192.0.2.1 8081
 wait_for 10 listening 192.0.2.1 80
@@ -117,7 +118,7 @@ cat "$states"
 say "viewer: ${DEMO_SECONDS:-6} s of pictures from the control port 192.0.2.1:8080"
 echo "(pictures = relayed and checked, latency = camera send to viewer receive,"
 echo " waits = polls answered 'not there yet')"
-"$tools/ostrel-viewer" --control 192.0.2.1:8080 --bind 192.0.2.1:30000 \
+"$viewer" --control 192.0.2.1:8080 --bind 192.0.2.1:30000 \
     --seconds "${DEMO_SECONDS:-6}" --quiet --save last.jpg 3>&- || true
 echo "(the last picture is in $run/last.jpg; camera requests: $(grep -c '^#REQUEST' camera.rec))"
 
@@ -127,7 +128,7 @@ if [ "${DEMO_VIEW_SECONDS:-0}" != 0 ]; then
     echo " stream.mjpg, latest.jpg, figures.json and states there; Ctrl-C ends it early)"
     # Ctrl-C ends the view (which logs out) and the demo goes on to the stop.
     trap : INT
-    "$tools/ostrel-viewer" --control 192.0.2.1:8080 --bind 192.0.2.1:40000 --serve-fd 3 \
+    "$viewer" --control 192.0.2.1:8080 --bind 192.0.2.1:40000 --serve-fd 3 \
         --states "$states" --seconds "$DEMO_VIEW_SECONDS" || true
     trap cleanup INT
     exec 3>&-
@@ -140,8 +141,8 @@ else
     echo "(none)"
 fi
 
-say "operator's view: tools/ostrel-ctl -C $run status"
-"$root/tools/ostrel-ctl" -C "$run" status || true
+say "operator's view: deploy/bin/ostrel-ctl -C $run status"
+"$root/deploy/bin/ostrel-ctl" -C "$run" status || true
 
 say "stop: delete the states file; the daemon notices within 5 s"
 rm -f "$states"

@@ -1,9 +1,9 @@
 """Shared pieces of the end-to-end tests.
 
 The tests drive the real Ostrel binary inside a private network namespace
-(tools/ostrel-netns) where eth0 holds 192.0.2.1, the channel's own address.
+(tests/sim/ostrel-netns) where eth0 holds 192.0.2.1, the channel's own address.
 The daemon listens for its control port on the configured camera address and
-port and also connects there as the camera client; tools/ostrel-camera-redirect
+port and also connects there as the camera client; tests/sim/ostrel-camera-redirect
 sends its own connections (ephemeral ports 20000-29999) on to the simulated
 camera, so every client of the control port binds a source port of 30000 or
 above.
@@ -61,7 +61,7 @@ def setup_namespace():
 
 def is_real_root():
     """Root of the machine, not the mapped root of a user namespace (where
-    tools/ostrel-netns puts an unprivileged user): only real root can act as
+    tests/sim/ostrel-netns puts an unprivileged user): only real root can act as
     other users such as www-data or nobody."""
     with open("/proc/self/uid_map") as f:
         return os.geteuid() == 0 and f.read().split()[:3] == ["0", "0", "4294967295"]
