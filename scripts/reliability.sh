@@ -77,6 +77,7 @@ export ASAN_OPTIONS="${ASAN_OPTIONS:-halt_on_error=1:detect_leaks=1}:log_path=$r
     OSTREL_SANITIZER_REPORTS="$reports"
 export OSTREL_BIN="$build/Ostrel" OSTREL_CAMSIM="$build/tests/sim/ostrel-camsim" \
     OSTREL_SCHEDSIM="$build/tests/sim/ostrel-schedsim" OSTREL_TOOLS_DIR="$root/tests/sim" \
+    OSTREL_VIEWER="$build/viewer/ostrel-viewer" \
     OSTREL_RELIABILITY_RESULTS="$out/results.jsonl" OSTREL_SOAK_MINUTES="$soak" \
     OSTREL_CHAOS_MINUTES="$chaos" OSTREL_CHAOS_SAMPLES="$out/chaos.csv"
 : > "$out/results.jsonl"

@@ -37,7 +37,7 @@ RESULTS = os.environ.get("OSTREL_RELIABILITY_RESULTS", "")
 # (scripts/reliability.sh: <build>/sanitizer/reliability/); the test fails
 # on them in any case.
 SANITIZER_REPORTS = os.environ.get("OSTREL_SANITIZER_REPORTS", "")
-VIEWER = os.path.join(os.path.dirname(e2e.CAMSIM), "ostrel-viewer") if e2e.CAMSIM else ""
+VIEWER = os.environ.get("OSTREL_VIEWER", "")
 
 # Slack for "returns to its level": a descriptor or two may belong to a
 # connection a control thread is just closing, and the allocator keeps some
