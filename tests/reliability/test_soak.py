@@ -45,6 +45,8 @@ class SoakTest(r.ReliabilityCase):
         self.assertEqual(run.returncode, 0, run.stdout[-3000:] + run.stderr)
         summary = [line for line in run.stdout.splitlines() if line.startswith("summary:")]
         self.assertTrue(summary, run.stdout[-3000:])
+        with open(self.path("viewer.out"), "w") as f:
+            f.write(run.stdout)
         gaps, unexplained = lagging_viewer_gaps(run.stdout)
         self.assertEqual(unexplained, [], "gaps that are no overwrite of a lagging viewer")
         self.finish(pid, "soak: camera at 25 fps, viewer pulling for %g min" % MINUTES, 1,
@@ -71,7 +73,8 @@ def lagging_viewer_gaps(output):
             continue
         received_us = sent_us + latency_ms * 1000
         ahead_ms = (received_us - pics[i + 1][2]) / 1000
-        row = "seq %d after %d: received %.1f ms after %d was sent" % (seq, pics[i - 1][0], ahead_ms, seq + 1)
+        row = "seq %d after %d (picture %d): received %.1f ms after %d was sent" % (
+            seq, pics[i - 1][0], i + 1, ahead_ms, seq + 1)
         (explained if ahead_ms > 0 else unexplained).append(row)
     text = "%d gaps, each with the next picture already sent (%s)%s" % (
         len(explained) + len(unexplained) + unknown, "; ".join(explained) or "none",
