@@ -22,7 +22,9 @@ import os
 import re
 import shutil
 import socket
+import subprocess
 import sys
+import tempfile
 import threading
 import time
 import xml.etree.ElementTree as ET
@@ -62,15 +64,7 @@ def _sanitized(path):
 SANITIZED = _sanitized(e2e.BIN) if e2e.BIN else False
 
 
-def _thread_sanitized(path):
-    try:
-        with open(path, "rb") as f:
-            return b"__tsan_init" in f.read()
-    except OSError:
-        return False
 
-
-SANITIZED_THREAD = _thread_sanitized(e2e.BIN) if e2e.BIN else False
 
 LOG_LINE_RE = re.compile(r"^\[\d{4}/\d\d/\d\d \d\d:\d\d:\d\d\]")
 LOG_STAMP_INSIDE_RE = re.compile(r".\[\d{4}/\d\d/\d\d \d\d:\d\d:\d\d\]")
@@ -101,15 +95,35 @@ class FakeClock:
 
     LIB = "/usr/lib/x86_64-linux-gnu/faketime/libfaketime.so.1"
 
+    _why_not = ()
+
     @classmethod
     def why_not(cls):
-        """None when the clock can be stepped, else the reason."""
+        """None when the clock can be stepped, else the reason (asked once:
+        the daemon is run with the preload and must work)."""
+        if cls._why_not == ():
+            cls._why_not = cls._probe()
+        return cls._why_not
+
+    @classmethod
+    def _probe(cls):
         if not os.path.exists(cls.LIB):
             return "libfaketime is not installed (scripts/setup.sh installs it): wall-clock steps left out"
-        if SANITIZED_THREAD:
-            # ThreadSanitizer's runtime must come first and intercepts the
-            # same time calls; the preload makes it abort at start.
-            return "wall-clock steps need libfaketime, which cannot be preloaded into a ThreadSanitizer build"
+        env = dict(os.environ, LD_PRELOAD=cls.LIB, FAKETIME="+0", FAKETIME_DONT_FAKE_MONOTONIC="1")
+        if SANITIZED:
+            env["ASAN_OPTIONS"] = env.get("ASAN_OPTIONS", "") + ":verify_asan_link_order=0:log_path=stderr"
+        scratch = tempfile.mkdtemp(prefix="ostrel-faketime-")
+        try:
+            p = subprocess.run([e2e.BIN, "-GetConfigTemplate"], env=env, capture_output=True, timeout=60,
+                               cwd=scratch)
+        finally:
+            shutil.rmtree(scratch, ignore_errors=True)
+        if b"Sanitizer" in p.stderr or b"runtime does not come first" in p.stderr or not p.stdout:
+            # Only sanitizer builds have a runtime that may refuse it.
+            if not SANITIZED:
+                raise AssertionError("the daemon does not run with libfaketime: %r" % p.stderr[:500])
+            return ("wall-clock steps left out: this sanitizer build does not run with libfaketime "
+                    "preloaded (%s)" % p.stderr.decode("latin-1").strip().splitlines()[:1])
         return None
 
     @classmethod
