@@ -176,23 +176,21 @@ class ChaosTest(r.ReliabilityCase):
                 chaos.tally.add("logout")
                 chaos.sleep(rng, 0, 5)
 
+        def trcom_ok(command):
+            a = chaos.timed(lambda: e2e.trcom("p_name=TrCommunicate&p_version=1&command=" + command), command)
+            if a.header("Query_Result") != "1:1":
+                raise AssertionError("%s answered %r" % (command, a.header("Query_Result")))
+            chaos.tally.add(command)
+
         def config_actor(rng):
             while not chaos.sleep(rng, 10, 40):
                 self.write_config(translator_calarm_rec_postterm=str(rng.randint(3, 60)),
                                   translator_connect_camerano=str(rng.randint(1, 4)))
-                a = chaos.timed(lambda: e2e.trcom(
-                    "p_name=TrCommunicate&p_version=1&command=notice_update"), "notice_update")
-                if a.header("Query_Result") != "1:1":
-                    raise AssertionError("notice_update answered %r" % a.header("Query_Result"))
-                chaos.tally.add("notice_update")
+                trcom_ok("notice_update")
 
         def postterm_actor(rng):
             while not chaos.sleep(rng, 2, 20):
-                a = chaos.timed(lambda: e2e.trcom(
-                    "p_name=TrCommunicate&p_version=1&command=reset_postterm"), "reset_postterm")
-                if a.header("Query_Result") != "1:1":
-                    raise AssertionError("reset_postterm answered %r" % a.header("Query_Result"))
-                chaos.tally.add("reset_postterm")
+                trcom_ok("reset_postterm")
 
         def hammer(rng):
             valid = [

@@ -13,12 +13,12 @@ duration it measures must go on as if nothing happened:
 import contextlib
 import os
 import socket
-import threading
 import time
 import unittest
 
 import reliability as r
-from reliability import MYIP, CAMERA_PORT, e2e
+from reliability import e2e
+from test_camera_faults import FakeCamera
 
 STEPS = [3600, -3600]
 POSTTERM = 8  # seconds
@@ -29,56 +29,6 @@ def setUpModule():
     why = r.FakeClock.why_not()
     if why:
         raise unittest.SkipTest(why)
-
-
-class TricklingCamera:
-    """A camera whose every picture trickles in, a few bytes every 0.2 s,
-    for far longer than the daemon's 2 s read limit. Notes the time of each
-    connection (monotonic)."""
-
-    def __init__(self):
-        self.accepts = []
-        self.lock = threading.Lock()
-        self.stop = threading.Event()
-        self.listener = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
-        self.listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-        self.listener.bind((MYIP, CAMERA_PORT))
-        self.listener.listen(16)
-        self.thread = threading.Thread(target=self._serve, daemon=True)
-        self.thread.start()
-
-    def _serve(self):
-        while not self.stop.is_set():
-            try:
-                conn, _ = self.listener.accept()
-            except OSError:
-                return
-            with self.lock:
-                self.accepts.append(time.monotonic())
-            threading.Thread(target=self._trickle, args=(conn,), daemon=True).start()
-
-    def _trickle(self, conn):
-        try:
-            conn.recv(65536)
-            conn.sendall(b"HTTP/1.0 200 OK\r\nContent-Type: multipart/x-mixed-replace;boundary=myboundary\r\n\r\n"
-                         b"--myboundary\r\nContent-Type: image/jpeg\r\nContent-Length: 100000\r\n\r\n")
-            for _ in range(600):
-                if self.stop.wait(0.2):
-                    break
-                conn.sendall(b"\xff" * 8)
-        except OSError:
-            pass
-        finally:
-            conn.close()
-
-    def close(self):
-        self.stop.set()
-        try:
-            self.listener.shutdown(socket.SHUT_RDWR)  # wakes the accept
-        except OSError:
-            pass
-        self.listener.close()
-        self.thread.join(10)
 
 
 class ClockStepTest(r.ReliabilityCase):
@@ -146,19 +96,16 @@ class ClockStepTest(r.ReliabilityCase):
 
     def test_trickled_picture_ends_after_the_read_limit(self):
         for step in STEPS:
-            with self.row(step):
-                camera = TricklingCamera()
-                self.addCleanup(camera.close)
+            with self.row(step), contextlib.closing(FakeCamera("trickle")) as camera:
                 clock, pid = self.start()
                 self.assertEqual(e2e.login().body, b"LOGIN_SUCCESS:1:\r\n")
-                r.wait_for(lambda: len(camera.accepts) >= 1, "the camera connection")
+                r.wait_for(lambda: camera.count() >= 1, "the camera connection")
                 time.sleep(0.5)
                 clock.set(step)
-                r.wait_for(lambda: len(camera.accepts) >= 2, "the camera reconnection", limit=60)
-                gap = camera.accepts[1] - camera.accepts[0]
+                r.wait_for(lambda: camera.count() >= 2, "the camera reconnection", limit=60)
+                gap = camera.gaps()[0]
                 self.assertGreaterEqual(gap, 1.8, "reconnected after %.2f s" % gap)
                 self.assertLess(gap, 6, "reconnected after %.2f s" % gap)
-                camera.close()
                 r.record("clock: wall clock stepped %+d s while a camera picture trickles in" % step, 1,
                          "reconnected after %.2f s" % gap)
 
