@@ -126,17 +126,21 @@ TEST(Sleep, SignalEndsTheWait)
     ASSERT_EQ(sigaction(SIGUSR1, &sa, &old), 0);
 
     std::atomic<bool> done{false};
+    std::atomic<int> rc{0};
     std::thread sleeper([&] {
-        SleepExponentSec(9);  // 64 s unless woken
+        rc = SleepExponentSec(9);  // 64 s unless woken
         done = true;
     });
     // The signal may land before the thread is in select, so keep sending
-    // until the sleeper reports back.
-    while (!done) {
+    // until the sleeper reports back, for at most half the sleep.
+    const auto giveUp = std::chrono::steady_clock::now() + std::chrono::seconds(32);
+    while (!done && std::chrono::steady_clock::now() < giveUp) {
         pthread_kill(sleeper.native_handle(), SIGUSR1);
         usleep(2000);
     }
+    EXPECT_TRUE(done) << "the signal did not end the 64 s sleep";
     sleeper.join();
+    EXPECT_EQ(rc.load(), SUCCESS);
     sigaction(SIGUSR1, &old, nullptr);
 }
 
