@@ -76,13 +76,19 @@ void note_shortage(int err, DbPrintf_Class* pDB)
 
 void note_recovery(DbPrintf_Class* pDB)
 {
-    const long long failures = g_shortageFailures.exchange(0, std::memory_order_relaxed);
+    const long long failures = g_shortageFailures.load(std::memory_order_relaxed);
     if (failures == 0) {
         return;
     }
-    g_shortageLogged.store(false, std::memory_order_relaxed);
     const long long ms = (monotonic_usec() - g_shortageStartUsec.load(std::memory_order_relaxed)) / 1000;
-    TimePrint(pDB, 1, "[Sock_Accept] accept works again after %lld failures in %lld ms\n", failures, ms);
+    // The episode ends with its line: while the log cannot open its file
+    // yet, the next accept that works tries again.
+    if (pDB != nullptr && pDB->TimePrintf(1, "[Sock_Accept] accept works again after %lld failures in %lld ms\n",
+                                          failures, ms) != SUCCESS) {
+        return;
+    }
+    g_shortageFailures.store(0, std::memory_order_relaxed);
+    g_shortageLogged.store(false, std::memory_order_relaxed);
 }
 
 }  // namespace
