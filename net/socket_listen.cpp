@@ -76,18 +76,19 @@ void note_shortage(int err, DbPrintf_Class* pDB)
 
 void note_recovery(DbPrintf_Class* pDB)
 {
-    const long long failures = g_shortageFailures.load(std::memory_order_relaxed);
+    // One thread takes the episode's count and writes its end.
+    const long long failures = g_shortageFailures.exchange(0, std::memory_order_relaxed);
     if (failures == 0) {
         return;
     }
     const long long ms = (monotonic_usec() - g_shortageStartUsec.load(std::memory_order_relaxed)) / 1000;
-    // The episode ends with its line: while the log cannot open its file
-    // yet, the next accept that works tries again.
+    // While the log cannot open its file yet, the count goes back and the
+    // next accept that works tries again.
     if (pDB != nullptr && pDB->TimePrintf(1, "[Sock_Accept] accept works again after %lld failures in %lld ms\n",
                                           failures, ms) != SUCCESS) {
+        g_shortageFailures.fetch_add(failures, std::memory_order_relaxed);
         return;
     }
-    g_shortageFailures.store(0, std::memory_order_relaxed);
     g_shortageLogged.store(false, std::memory_order_relaxed);
 }
 
