@@ -112,7 +112,11 @@ def chaos_section(out, minutes, report, rows):
             p("%s: %s; %s." % (r["what"], r["outcome"], r["note"]))
     png = os.path.join(os.path.dirname(os.path.abspath(report)), "reliability-chaos.png")
     here = os.path.dirname(os.path.abspath(__file__))
-    if subprocess.run([sys.executable, os.path.join(here, "plot_chaos.py"), samples, png]).returncode == 0:
+    # matplotlib is Debian's (python3-matplotlib): the system's python3 has
+    # it where the one running this may not.
+    plot = [os.path.join(here, "plot_chaos.py"), samples, png]
+    if any(subprocess.run([py] + plot).returncode == 0 for py in (sys.executable, "/usr/bin/python3")
+           if os.path.exists(py)):
         p()
         p("![VmRSS, descriptors and pictures per second over the chaos run](reliability-chaos.png)")
 
