@@ -5,13 +5,18 @@
 
 # g++-multilib and googletest (its sources) are for the 32-bit build;
 # lighttpd is the web server the end-to-end tests start the daemon through;
+# lighttpd and apache2 are also the Digest-authenticating cameras (reverse
+# proxies in front of the simulated camera) of tests/e2e/test_camera_digest.py;
 # with apache2, lintian and man-db the package is installed, reviewed and
-# removed again (tests/e2e/test_package.py); python3-prometheus-client is
-# what ostrel-fleet is made with, and the fleet test has a real prometheus
-# scrape it.
+# removed again (tests/e2e/test_package.py); libfaketime steps the daemon's
+# wall clock in the reliability runs (and util-linux's unshare, mount and
+# prlimit give them a mount namespace with a small tmpfs and a low
+# descriptor limit); python3-matplotlib draws the chaos run's plot;
+# python3-prometheus-client is what ostrel-fleet is made with, and the fleet
+# test has a real prometheus scrape it.
 install_packages cmake g++ g++-multilib clang libclang-rt-14-dev make ninja-build libgtest-dev \
-    googletest iproute2 nftables python3 util-linux lighttpd apache2 lintian man-db \
-    python3-prometheus-client prometheus
+    googletest iproute2 nftables python3 util-linux lighttpd apache2 lintian man-db libfaketime \
+    python3-matplotlib python3-prometheus-client prometheus
 # chromium is for the browser tests of the viewer's browser view and of the
 # fleet page; where it cannot be installed those tests are skipped with a
 # message.
