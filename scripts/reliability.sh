@@ -64,8 +64,8 @@ export ASAN_OPTIONS="${ASAN_OPTIONS:-halt_on_error=1:detect_leaks=1}:log_path=$r
     UBSAN_OPTIONS="${UBSAN_OPTIONS:-halt_on_error=1:print_stacktrace=1}:log_path=$reports/ubsan" \
     TSAN_OPTIONS="${TSAN_OPTIONS:-halt_on_error=1:suppressions=$root/scripts/tsan-suppressions.txt}:log_path=$reports/tsan" \
     OSTREL_SANITIZER_REPORTS="$reports"
-export OSTREL_BIN="$build/Ostrel" OSTREL_CAMSIM="$build/tools/ostrel-camsim" \
-    OSTREL_SCHEDSIM="$build/tools/ostrel-schedsim" OSTREL_TOOLS_DIR="$root/tools" \
+# The test harness (tests/harness/) finds the build's programs.
+export PYTHONPATH="$root/tests" OSTREL_BUILD_DIR="$build" \
     OSTREL_RELIABILITY_RESULTS="$out/results.jsonl" OSTREL_SOAK_MINUTES="$soak"
 : > "$out/results.jsonl"
 : > "$out/runs.txt"

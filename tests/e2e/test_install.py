@@ -11,7 +11,7 @@ import subprocess
 import tempfile
 import unittest
 
-from ostrel_e2e import CONTROL_PORT, RelayCase, is_real_root, launcher_answer, success_answer
+from harness import CONTROL_PORT, RelayCase, is_real_root, launcher_answer, success_answer
 
 CMAKE = os.environ.get("OSTREL_CMAKE", "")
 CPACK = os.environ.get("OSTREL_CPACK", "")

@@ -11,8 +11,8 @@ import stat
 import time
 import unittest
 
-from ostrel_e2e import (CONTROL_PORT, MYIP, RelayCase, is_listening, launcher_answer,
-                        setup_namespace, start_failed_answer, success_answer, wait_for)
+from harness import (CONTROL_PORT, MYIP, RelayCase, is_listening, launcher_answer,
+                     setup_namespace, start_failed_answer, success_answer, wait_for)
 
 ALREADY = launcher_answer(b"<Response>\n  <States>Err_AlreadyWorking</States>\n</Response>\n")
 TIMEOUT = start_failed_answer(b"Fork response time out")

@@ -6,10 +6,10 @@ pre-image protocol, foreign clients and malformed requests."""
 import time
 import unittest
 
-from ostrel_e2e import (CAMERA_PORT, FOREIGN_IP, MYIP, OPTION_RE, RelayCase, check_head,
-                        connect, established_to, exchange, get_image, local_epoch_ms, login,
-                        logout, parse_answers, read_records, read_until_close, request,
-                        setup_namespace, split_stamp, wait_for)
+from harness import (CAMERA_PORT, FOREIGN_IP, MYIP, OPTION_RE, RelayCase, check_head,
+                     connect, established_to, exchange, get_image, local_epoch_ms, login,
+                     logout, parse_answers, read_records, read_until_close, request,
+                     setup_namespace, split_stamp, wait_for)
 
 
 def setUpModule():

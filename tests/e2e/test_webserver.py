@@ -14,10 +14,9 @@ import subprocess
 import sys
 import unittest
 
-from ostrel_e2e import (CONFIG_KEYS, MYIP, RelayCase, is_listening, is_real_root,
-                        launcher_answer, success_answer, wait_for)
+from harness import (BIN, CONFIG_KEYS, MYIP, SOURCE_DIR, RelayCase, is_listening, is_real_root,
+                     launcher_answer, success_answer, wait_for)
 
-SOURCE_DIR = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 LIGHTTPD = shutil.which("lighttpd", path="/usr/sbin:/usr/bin:/sbin")
 WEB_PORT = 8090
 URL = "/ostrel/ostrel.cgi"
@@ -79,7 +78,7 @@ class LighttpdTest(RelayCase):
         os.makedirs(libdir)
         os.chmod(self.path("lib"), 0o755)
         os.chmod(libdir, 0o755)
-        for src, name in ((os.environ["OSTREL_BIN"], "Ostrel"),
+        for src, name in ((BIN, "Ostrel"),
                           (os.path.join(SOURCE_DIR, "tools", "ostrel-cgi"), "ostrel-cgi")):
             shutil.copy(src, os.path.join(libdir, name))
             os.chmod(os.path.join(libdir, name), 0o755)
