@@ -2,7 +2,7 @@
 
   python3 -m harness path PROGRAM            the path of Ostrel, ostrel-camsim,
                                              ostrel-schedsim or ostrel-viewer
-  python3 -m harness config WORK [--channel N] [--comment TEXT] [KEY=VALUE...]
+  python3 -m harness config [--channel N] [--comment TEXT] WORK [KEY=VALUE...]
                                              WORK/conf/Config.txt for channel N
   python3 -m harness redirect CONTROL_PORT CAMERA_PORT
                                              the daemon's camera connection to
