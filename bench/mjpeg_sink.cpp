@@ -1,6 +1,6 @@
 // ostrel-mjpegsink: the viewer side for relays that serve an MJPEG stream
 // (the reference relay, ffmpeg, motion). Reads the stream for a while and
-// prints, like tools/ostrel-viewer, one line per picture and a summary:
+// prints, like viewer/ostrel-viewer, one line per picture and a summary:
 //   picture N seq=S bytes=B latency_ms=L     (seq/latency only when stamped)
 //   summary: pictures=N seconds=S fps=F stamped=K gaps=G
 // Latency is the time the whole picture was read minus the camera

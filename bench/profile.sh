@@ -2,19 +2,20 @@
 # Profiles one daemon relaying 30 fps of 18 KB pictures to one viewer:
 # perf samples of the daemon (call graphs) and a count of its system calls.
 #
-#   bench/profile.sh [BUILD_DIR [OUT_DIR]]    (default build-bench, run/profile)
+#   bench/profile.sh [BUILD_DIR [OUT_DIR]]    (default: the bench build of
+#                                             scripts/lib.sh, $OSTREL_BUILD_DIR-bench
+#                                             or build-bench/; run/profile/)
 #
 # Needs perf (linux-perf) and strace; builds nothing (run scripts/bench.sh
 # or build the targets Ostrel ostrel-camsim ostrel-viewer first).
-set -eu
-cd "$(dirname "$0")/.."
-root=$(pwd)
-build=$(cd "${1:-build-bench}" && pwd)
-mkdir -p "${2:-run/profile}"
-out=$(cd "${2:-run/profile}" && pwd)
+. "$(dirname "$0")/../scripts/lib.sh"
+build=$(abspath "${1:-$base-bench}")
+out=$(abspath "${2:-run/profile}")
+[ -x "$build/Ostrel" ] || die "no daemon in $build (run scripts/bench.sh first)"
+mkdir -p "$out"
 
 if [ "${OSTREL_PROFILE_INSIDE:-}" != 1 ]; then
-    OSTREL_PROFILE_INSIDE=1 exec tools/ostrel-netns /bin/sh "$0" "$build" "$out"
+    OSTREL_PROFILE_INSIDE=1 exec tests/sim/ostrel-netns /bin/sh "$root/bench/profile.sh" "$build" "$out"
 fi
 
 work=$out/work
@@ -26,11 +27,11 @@ for kv in translator_tarndatatype=Ostrel encoder_ip=192.0.2.1 encoder_port=9000 
     echo "${kv%%=*}_0001=${kv#*=}"
 done > "$work/conf/Config.txt"
 printf '<Directory.Conf>\n <StatesDir>%s/states</StatesDir>\n</Directory.Conf>\n' "$work" > "$work/Directory.Conf"
-"$root/tools/ostrel-camera-redirect" 192.0.2.1 9000 192.0.2.1 9001
+"$root/tests/sim/ostrel-camera-redirect" 192.0.2.1 9000 192.0.2.1 9001
 
 pids=""
 trap 'for p in $pids; do kill "$p" 2>/dev/null || true; done; wait' EXIT
-"$build/tools/ostrel-camsim" --listen 192.0.2.1:9001 --fps 30 --quiet &
+"$build/tests/sim/ostrel-camsim" --listen 192.0.2.1:9001 --fps 30 --quiet &
 pids="$pids $!"
 (cd "$work" && exec "$build/Ostrel" -StartUp_NonDeamon 1 >/dev/null 2>&1) &
 daemon=$!
@@ -40,7 +41,7 @@ until ss -Hltn 'sport = :9000' | grep -q 9000; do
     tries=$((tries + 1)); [ $tries -lt 200 ] || { echo "profile: daemon did not start" >&2; exit 1; }
     sleep 0.05
 done
-"$build/tools/ostrel-viewer" --control 192.0.2.1:9000 --bind 192.0.2.1:30000 --seconds 22 --quiet \
+"$build/viewer/ostrel-viewer" --control 192.0.2.1:9000 --bind 192.0.2.1:30000 --seconds 22 --quiet \
     > "$out/viewer.txt" &
 pids="$pids $!"
 sleep 2

@@ -1,16 +1,16 @@
 #!/usr/bin/env python3
 """Side-by-side relay benchmark. Runs inside the private network namespace
-(scripts/bench.sh starts it there through tools/ostrel-netns). The daemon,
+(scripts/bench.sh starts it there through tests/sim/ostrel-netns). The daemon,
 the simulated cameras and their clean-up come from the test harness
 (tests/harness/, on PYTHONPATH; OSTREL_BUILD_DIR names the build).
 
-Every relay gets its own simulated camera (tools/ostrel-camsim; one camera
+Every relay gets its own simulated camera (tests/sim/ostrel-camsim; one camera
 per relay, since its sequence numbers rise across all its connections) and
 its own viewer:
 
   ostrel  the daemon, started in the foreground; its own camera connection is
-          redirected to the simulated camera (tools/ostrel-camera-redirect);
-          viewer tools/ostrel-viewer pulling with get_image
+          redirected to the simulated camera (tests/sim/ostrel-camera-redirect);
+          viewer viewer/ostrel-viewer pulling with get_image
   ref     bench/ref_relay.cpp, the minimal relay; viewer bench/mjpeg_sink.cpp
   ffmpeg  ffmpeg -f mpjpeg -i URL -c copy to its HTTP server (-listen 1)
   motion  motion with the stream as a network camera and its stream output
@@ -19,7 +19,7 @@ its own viewer:
 
 Per exchange and per camera picture, the daemon is set against
 bench/ref_preimage.cpp (the same pre-image protocol at its smallest, with a
-minimal camera reader), both pulled by tools/ostrel-viewer from their own
+minimal camera reader), both pulled by viewer/ostrel-viewer from their own
 simulated camera at 30 fps (18 KB): the CPU of the threads that answer
 requests per exchange (every answer: pictures, "not yet" answers, login and
 logout, counted by the viewer), and the CPU of the thread that reads the

@@ -6,6 +6,7 @@
 #   P/lib/ostrel/Ostrel                       the daemon
 #   P/lib/ostrel/ostrel-cgi                   its CGI entry for web servers
 #   P/bin/ostrel-ctl                          the operator command
+#   P/bin/ostrel-viewer                       the channel viewer (viewer/)
 #   P/share/doc/ostrel/                       README and guides
 #   ETC/lighttpd/conf-available/50-ostrel.conf  web server configuration
 #   ETC/apache2/conf-available/ostrel.conf
@@ -15,8 +16,9 @@
 # otherwise. The working directory is made mode 0750; a plain install as root
 # hands it to www-data (ostrel-ctl init), the package does so in its postinst.
 install(TARGETS Ostrel RUNTIME DESTINATION lib/ostrel)
-install(PROGRAMS tools/ostrel-cgi DESTINATION lib/ostrel)
-install(PROGRAMS tools/ostrel-ctl DESTINATION bin)
+install(PROGRAMS deploy/bin/ostrel-cgi DESTINATION lib/ostrel)
+install(PROGRAMS deploy/bin/ostrel-ctl DESTINATION bin)
+install(TARGETS ostrel-viewer RUNTIME DESTINATION bin)
 install(FILES README.md docs/OPERATIONS.md docs/CONFIGURATION.md docs/PROTOCOLS.md
   DESTINATION share/doc/ostrel)
 install(CODE "set(OSTREL_DEPLOY_DIR \"${PROJECT_SOURCE_DIR}/deploy\")")

@@ -45,7 +45,7 @@ export PYTHONPATH="$root/tests" OSTREL_BUILD_DIR="$build"
 if [ $mode = smoke ]; then
     "$build/bench/ostrel_micro" --benchmark_min_time=0.02 --benchmark_out="$out/micro-smoke.json" \
         --benchmark_out_format=json >/dev/null
-    tools/ostrel-netns python3 bench/run_bench.py --build "$build" \
+    tests/sim/ostrel-netns python3 bench/run_bench.py --build "$build" \
         --work "$out/smoke" --out "$out/smoke.json" --repeats 1 --warmup 1 --measure 2 \
         --relays ostrel,ref --sizes 18KB --no-ladder --no-channels --exchange-repeats 1 --exchange-seconds 3
     python3 bench/report.py "$out/smoke.json" --micro "$out/micro-smoke.json"
@@ -55,7 +55,7 @@ fi
 "$build/bench/ostrel_micro" --benchmark_min_time=0.5 --benchmark_repetitions=3 \
     --benchmark_report_aggregates_only=true --benchmark_out="$out/micro.json" \
     --benchmark_out_format=json
-timeout "${BENCH_TIME_LIMIT:-3600}" tools/ostrel-netns python3 bench/run_bench.py \
+timeout "${BENCH_TIME_LIMIT:-3600}" tests/sim/ostrel-netns python3 bench/run_bench.py \
     --build "$build" --work "$out/work" --out "$out/results.json" \
     --repeats "${BENCH_REPEATS:-3}" --measure "${BENCH_SECONDS:-5}"
 python3 bench/report.py "$out/results.json" --micro "$out/micro.json" \

@@ -1,5 +1,5 @@
 #!/bin/sh
-# The one-command demonstration: builds the relay and its simulator tools,
+# The one-command demonstration: builds the relay, the viewer and the simulators,
 # then, inside a private network namespace, runs a simulated camera, a
 # simulated schedule server, the relay daemon (started the way a launcher
 # starts it) and a viewer, shows what happened and stops everything.
@@ -29,18 +29,18 @@ harness() { python3 -B -m harness "$@"; }
 
 if [ "${1:-}" != "--inside" ]; then
     if [ "$(id -u)" = 0 ]; then scripts/setup.sh; fi
-    configure_once "$build"
+    configure_simulators "$build"
     cmake --build "$build" --target Ostrel ostrel-camsim ostrel-schedsim ostrel-viewer -j "$jobs"
 
     # A fresh working directory laid out as the daemon expects it, closed
     # to other users (the daemon's files are mode 0666).
     rm -rf "$run"
-    tools/ostrel-ctl init "$run" >/dev/null
+    deploy/bin/ostrel-ctl init "$run" >/dev/null
     harness config --comment "Channel 1: the camera (encoder) address and port are also where the
 control port listens; eth0 of the namespace is 192.0.2.1." \
         "$run" translator_calarm_rec_postterm="${DEMO_POSTTERM:-3}"
     if [ "${DEMO_VIEW_SECONDS:-0}" = 0 ]; then
-        exec tools/ostrel-netns /bin/sh "$root/scripts/demo.sh" --inside
+        exec tests/sim/ostrel-netns /bin/sh "$root/scripts/demo.sh" --inside
     fi
     view=${DEMO_VIEW:-127.0.0.1:8090}
     # Listen on this host, then enter the namespace with the socket as fd 3.
@@ -58,7 +58,7 @@ if s.fileno() != 3:
     os.dup2(s.fileno(), 3)
 os.set_inheritable(3, True)
 os.execvp(sys.argv[2], sys.argv[2:])
-' "$view" tools/ostrel-netns /bin/sh "$root/scripts/demo.sh" --inside
+' "$view" tests/sim/ostrel-netns /bin/sh "$root/scripts/demo.sh" --inside
 fi
 
 # ---- inside the namespace ----------------------------------------------
@@ -124,8 +124,8 @@ else
     echo "(none)"
 fi
 
-say "operator's view: tools/ostrel-ctl -C $run status"
-"$root/tools/ostrel-ctl" -C "$run" status || true
+say "operator's view: deploy/bin/ostrel-ctl -C $run status"
+"$root/deploy/bin/ostrel-ctl" -C "$run" status || true
 
 say "stop: delete the states file; the daemon notices within 5 s"
 rm -f "$states"

@@ -7,7 +7,7 @@
 #   scripts/fuzz.sh [PARSER...]
 #
 # Settings (environment): OSTREL_FUZZ_SECONDS, seconds per target (default
-# 20); OSTREL_BUILD_DIR and OSTREL_JOBS as for every script (scripts/lib.sh).
+# 15); OSTREL_BUILD_DIR and OSTREL_JOBS as for every script (scripts/lib.sh).
 # Without PARSER names every target runs. The corpus is copied to a temporary
 # directory first, so the inputs libFuzzer adds are not left in the source
 # tree: an input worth keeping (a crash turned regression) is copied into
@@ -19,7 +19,7 @@
 . "$(dirname "$0")/lib.sh"
 
 build=$base-fuzz
-secs=${OSTREL_FUZZ_SECONDS:-20}
+secs=${OSTREL_FUZZ_SECONDS:-15}
 case $secs in '' | *[!0-9]*) die "OSTREL_FUZZ_SECONDS must be a number, not '$secs'" ;; esac
 
 CC=${CC:-clang}

@@ -51,6 +51,13 @@ configure_once() {
     [ -f "$1/build.ninja" ] || configure "$@"
 }
 
+# configure_simulators DIR: configure_once, and the simulators of tests/sim/
+# built in DIR whatever its other options (they are off with tests off).
+configure_simulators() {
+    configure_once "$1" -DOSTREL_DEMO=ON
+    grep -q '^OSTREL_DEMO:BOOL=ON' "$1/CMakeCache.txt" || cmake "$1" -DOSTREL_DEMO=ON >/dev/null
+}
+
 # install_packages [--optional] PACKAGE...: installs, from Debian's packages,
 # those not installed yet (as root, or through sudo). A missing package that
 # cannot be installed is an error; with --optional only a warning (the

@@ -1,6 +1,6 @@
 #!/bin/sh
-# The reliability runs in one command: builds the daemon and its simulator
-# tools if needed, runs every fault, load and life-cycle test of
+# The reliability runs in one command: builds the daemon and the simulators
+# if needed, runs every fault, load and life-cycle test of
 # tests/reliability/ against the real daemon (each file in its own private
 # network namespace), then the soak, and rewrites docs/RELIABILITY.md with
 # what was tried, how often and what came of it.
@@ -17,9 +17,9 @@
 #                      its minutes on top): a file that hangs is stopped,
 #                      counted as failed, and the runs go on
 #
-# Settings (environment): OSTREL_RELIABILITY_BUILD_DIR (default: the normal
-# build, OSTREL_BUILD_DIR or build/; may be a sanitizer build), OSTREL_JOBS
-# (scripts/lib.sh), OSTREL_RELIABILITY_QUICK=1 leaves out the slowest case
+# Settings (environment): OSTREL_BUILD_DIR, the build run (default build/;
+# may be a sanitizer build), and OSTREL_JOBS as for every script
+# (scripts/lib.sh); OSTREL_RELIABILITY_QUICK=1 leaves out the slowest case
 # (the whole camera back-off sequence, about a minute; scripts/test.sh sets
 # it).
 # ASAN_OPTIONS, UBSAN_OPTIONS and TSAN_OPTIONS are passed on, with reports
@@ -43,11 +43,11 @@ while [ $# -gt 0 ]; do
            exit 2 ;;
     esac
 done
-build=$(abspath "${OSTREL_RELIABILITY_BUILD_DIR:-$base}")
+build=$base
 out=$(abspath "$out")
 report=$(abspath "$report")
 
-configure_once "$build"
+configure_simulators "$build"
 cmake --build "$build" --target Ostrel ostrel-camsim ostrel-schedsim ostrel-viewer -j "$jobs"
 
 # Only what a run writes is removed: --out may name any directory.
@@ -98,7 +98,7 @@ for t in camera_faults control_load lifecycle soak; do
     # timeout ends the test file and its process group; the daemons have
     # their own sessions and are swept up by their namespace afterwards.
     # shellcheck disable=SC2016 # expanded by the inner shell
-    OSTREL_RELIABILITY_TEST=$t timeout -k 30 "$secs" tools/ostrel-netns /bin/sh -c \
+    OSTREL_RELIABILITY_TEST=$t timeout -k 30 "$secs" tests/sim/ostrel-netns /bin/sh -c \
         'readlink /proc/self/ns/net > "$1"; shift; exec "$@"' sh "$out/$t.netns" \
         python3 -B "tests/reliability/test_$t.py" -v > "$out/$t.log" 2>&1 || rc=$?
     t1=$(date +%s)

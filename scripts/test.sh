@@ -97,7 +97,7 @@ run_reliability() {
     configure "$dir" -DOSTREL_WERROR=ON "$@" || return 1
     (
         sanitizer_options "$dir/sanitizer/reliability" &&
-        OSTREL_RELIABILITY_QUICK=1 OSTREL_RELIABILITY_BUILD_DIR=$dir \
+        OSTREL_RELIABILITY_QUICK=1 OSTREL_BUILD_DIR=$dir \
             scripts/reliability.sh --soak-minutes "${OSTREL_SOAK_MINUTES:-1}" --timeout 1500 \
             --out "$dir/reliability" --report "$dir/reliability/RELIABILITY.md"
     )
@@ -115,7 +115,7 @@ for b in $builds; do
         tsan)   run_build "$b" "$base-tsan" -DOSTREL_SANITIZE=thread ;;
         i386)   run_build "$b" "$base-i386" -DCMAKE_TOOLCHAIN_FILE="$root/cmake/i386-linux-gnu.cmake" ;;
         fuzz)   echo "== fuzz build in $base-fuzz"
-                OSTREL_FUZZ_SECONDS=${OSTREL_FUZZ_SECONDS:-15} scripts/fuzz.sh ;;
+                scripts/fuzz.sh ;;
         *)      echo "test.sh: unknown build '$b' (normal, reliability, asan, reliability-asan, tsan, i386, fuzz)" >&2
                 false ;;
     esac && result=passed || result=FAILED

@@ -44,7 +44,8 @@ class InstallTest(unittest.TestCase):
     def test_install_puts_everything_in_its_place(self):
         rows = [
             ("lib/ostrel/Ostrel", 0o755), ("lib/ostrel/ostrel-cgi", 0o755),
-            ("bin/ostrel-ctl", 0o755), ("share/doc/ostrel/OPERATIONS.md", 0o644),
+            ("bin/ostrel-ctl", 0o755), ("bin/ostrel-viewer", 0o755),
+            ("share/doc/ostrel/OPERATIONS.md", 0o644),
             ("etc/lighttpd/conf-available/50-ostrel.conf", 0o644),
             ("etc/apache2/conf-available/ostrel.conf", 0o644),
             ("var/lib/ostrel", 0o750), ("var/lib/ostrel/conf", 0o750),

@@ -79,11 +79,11 @@ class LighttpdTest(RelayCase):
         os.chmod(self.path("lib"), 0o755)
         os.chmod(libdir, 0o755)
         for src, name in ((BIN, "Ostrel"),
-                          (os.path.join(SOURCE_DIR, "tools", "ostrel-cgi"), "ostrel-cgi")):
+                          (os.path.join(SOURCE_DIR, "deploy", "bin", "ostrel-cgi"), "ostrel-cgi")):
             shutil.copy(src, os.path.join(libdir, name))
             os.chmod(os.path.join(libdir, name), 0o755)
         self.site = self.path("site")
-        subprocess.run([sys.executable, os.path.join(SOURCE_DIR, "tools", "ostrel-ctl"), "init",
+        subprocess.run([sys.executable, os.path.join(SOURCE_DIR, "deploy", "bin", "ostrel-ctl"), "init",
                         "--user", "www-data", self.site], check=True, stdout=subprocess.DEVNULL)
         config = os.path.join(self.site, "conf", "Config.txt")
         with open(config, "w") as f:

@@ -16,7 +16,7 @@ generous deadline; nothing sleeps to let something happen.
     case    RelayCase, the unittest fixture
 """
 
-from .paths import BIN, CAMSIM, SCHEDSIM, SOURCE_DIR, TOOLS_DIR, VIEWER  # noqa: F401
+from .paths import BIN, CAMSIM, SCHEDSIM, SIM_DIR, SOURCE_DIR, VIEWER  # noqa: F401
 from .wait import (START_LIMIT, STOP_LIMIT, TCP_ESTABLISHED, TCP_LISTEN, alive,  # noqa: F401
                    established_to, is_listening, wait_for, wait_gone)
 from .wire import (CAMERA_PORT, CONTROL_PORT, FOREIGN_IP, HEAD_RE, MYIP, OPTION_RE,  # noqa: F401

@@ -13,9 +13,9 @@ import os
 
 SOURCE_DIR = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 BUILD_DIR = os.path.abspath(os.environ.get("OSTREL_BUILD_DIR") or os.path.join(SOURCE_DIR, "build"))
-TOOLS_DIR = os.path.join(SOURCE_DIR, "tools")
-NETNS = os.path.join(TOOLS_DIR, "ostrel-netns")
-REDIRECT = os.path.join(TOOLS_DIR, "ostrel-camera-redirect")
+SIM_DIR = os.path.join(SOURCE_DIR, "tests", "sim")
+NETNS = os.path.join(SIM_DIR, "ostrel-netns")
+REDIRECT = os.path.join(SIM_DIR, "ostrel-camera-redirect")
 
 
 def _built():

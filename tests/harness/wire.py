@@ -1,9 +1,9 @@
 """The test namespace's addresses and a raw HTTP client of the control port.
 
-The programs run inside a private network namespace (tools/ostrel-netns)
+The programs run inside a private network namespace (tests/sim/ostrel-netns)
 where eth0 holds 192.0.2.1, the channel's own address. The daemon listens for
 its control port on the configured camera address and port and also connects
-there as the camera client; tools/ostrel-camera-redirect sends its own
+there as the camera client; tests/sim/ostrel-camera-redirect sends its own
 connections (ephemeral ports 20000-29999) on to the simulated camera, so
 every client of the control port binds a source port of 30000 or above.
 """
@@ -41,7 +41,7 @@ def add_addresses(*addrs):
 
 def is_real_root():
     """Root of the machine, not the mapped root of a user namespace (where
-    tools/ostrel-netns puts an unprivileged user): only real root can act as
+    tests/sim/ostrel-netns puts an unprivileged user): only real root can act as
     other users such as www-data or nobody."""
     with open("/proc/self/uid_map") as f:
         return os.geteuid() == 0 and f.read().split()[:3] == ["0", "0", "4294967295"]
