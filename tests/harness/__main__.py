@@ -1,9 +1,12 @@
-"""The harness from a shell script (scripts/demo.sh):
+"""The harness from a shell script (scripts/demo.sh, bench/profile.sh):
 
   python3 -m harness path PROGRAM            the path of Ostrel, ostrel-camsim,
                                              ostrel-schedsim or ostrel-viewer
-  python3 -m harness config [--channel N] [--comment TEXT] WORK [KEY=VALUE...]
-                                             WORK/conf/Config.txt for channel N
+  python3 -m harness config [--channel N] [--comment TEXT] [--states-dir DIR]
+                            WORK [KEY=VALUE...]
+                                             the working directory WORK with
+                                             conf/Config.txt for channel N (and
+                                             Directory.Conf naming DIR)
   python3 -m harness redirect CONTROL_PORT CAMERA_PORT
                                              the daemon's camera connection to
                                              the simulated camera (on eth0)
@@ -33,6 +36,7 @@ def main(argv):
     p.add_argument("work")
     p.add_argument("--channel", type=int, default=1)
     p.add_argument("--comment", default="written by the test harness")
+    p.add_argument("--states-dir")
     p.add_argument("values", nargs="*", metavar="KEY=VALUE")
     p = sub.add_parser("redirect")
     p.add_argument("control_port", type=int)
@@ -57,7 +61,11 @@ def main(argv):
         print(path)
     elif a.cmd == "config":
         values = dict(v.split("=", 1) for v in a.values)
+        files.make_workdir(a.work)
         files.write_config(a.work, a.channel, comment=a.comment, **values)
+        if a.states_dir:
+            os.makedirs(a.states_dir, exist_ok=True)
+            files.write_directory_conf(a.work, a.states_dir)
     elif a.cmd == "redirect":
         wire.redirect_camera(a.control_port, a.camera_port)
     elif a.cmd == "wait-listening":
