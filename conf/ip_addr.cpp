@@ -8,9 +8,8 @@
 #include <netinet/in.h>
 #include <sys/ioctl.h>
 
-#include <atomic>
-
 #include "common/return_codes.h"
+#include "net/device_request.h"
 #include "net/socket_io.h"
 #include "net/socket_listen.h"
 
@@ -19,25 +18,10 @@ namespace {
 // The device exists but holds no address yet; the code has no name.
 constexpr int kDeviceNotReady = 1023;
 
-int real_ioctl(int fd, unsigned long request, struct ifreq* ifr)
-{
-    return ioctl(fd, request, ifr);
-}
-
-std::atomic<IfreqIoctl_Fn> g_ifreq_ioctl{real_ioctl};
-
 const char* error_text(int err, char* buf, size_t size)
 {
     // GNU strerror_r: returns a static text or one written into buf.
     return strerror_r(err, buf, size);
-}
-
-// Runs one request for device; the result address is left in ifr.
-int ask_device(int fd, unsigned long request, const char* device, struct ifreq* ifr)
-{
-    std::memset(ifr, 0, sizeof *ifr);
-    std::memcpy(ifr->ifr_name, device, std::strlen(device));
-    return g_ifreq_ioctl.load(std::memory_order_relaxed)(fd, request, ifr);
 }
 
 void dotted(const struct ifreq& ifr, char* out)
@@ -48,11 +32,6 @@ void dotted(const struct ifreq& ifr, char* out)
 }
 
 }  // namespace
-
-IfreqIoctl_Fn co_getipaddr_SetIoctl(IfreqIoctl_Fn fn)
-{
-    return g_ifreq_ioctl.exchange(fn != nullptr ? fn : real_ioctl);
-}
 
 int co_getipaddr(const char* device, char* ipaddr, char* netmask, DbPrintf_Class* pDB)
 {
@@ -71,7 +50,7 @@ int co_getipaddr(const char* device, char* ipaddr, char* netmask, DbPrintf_Class
 
     int result = SUCCESS;
     struct ifreq ifr;
-    if (ask_device(fd, SIOCGIFADDR, device, &ifr) == -1) {
+    if (Sock_AskDevice(fd, SIOCGIFADDR, device, &ifr) != SUCCESS) {
         int err = errno;
         if (err == EADDRNOTAVAIL) {
             std::printf("[co_getipaddr] %s not ready.\n", device);
@@ -95,7 +74,7 @@ int co_getipaddr(const char* device, char* ipaddr, char* netmask, DbPrintf_Class
         goto end;
     }
     if (netmask != nullptr) {
-        if (ask_device(fd, SIOCGIFNETMASK, device, &ifr) == -1) {
+        if (Sock_AskDevice(fd, SIOCGIFNETMASK, device, &ifr) != SUCCESS) {
             int err = errno;
             std::printf("[co_getipaddr] ioctl(SIOCGIFNETMASK) failed :%s(errno %d)\n",
                         error_text(err, errbuf, sizeof errbuf), err);

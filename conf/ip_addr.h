@@ -1,8 +1,6 @@
 #ifndef OSTREL_CONF_IP_ADDR_H
 #define OSTREL_CONF_IP_ADDR_H
 
-#include <net/if.h>
-
 class DbPrintf_Class;
 
 // Asks the kernel for the IPv4 address of a network device (SIOCGIFADDR)
@@ -20,13 +18,8 @@ class DbPrintf_Class;
 //                     kernels refuse the address request of such a device
 //                     with EADDRNOTAVAIL instead of reporting 0.0.0.0, so
 //                     both count as "not ready" here.
-// Safe to call from any thread.
+// Safe to call from any thread. The requests go through Sock_AskDevice
+// (net/device_request.h), whose seam tests use.
 int co_getipaddr(const char* device, char* ipaddr, char* netmask, DbPrintf_Class* pDB = nullptr);
-
-// Test seam: the interface request co_getipaddr issues. Null restores the
-// real ioctl. Returns the previous hook. Set it only while no other thread
-// calls co_getipaddr.
-using IfreqIoctl_Fn = int (*)(int fd, unsigned long request, struct ifreq* ifr);
-IfreqIoctl_Fn co_getipaddr_SetIoctl(IfreqIoctl_Fn fn);
 
 #endif

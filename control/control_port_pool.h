@@ -3,6 +3,7 @@
 
 #include <atomic>
 
+#include "control/listen_source.h"
 #include "net/thread_control.h"
 
 class DbPrintf_Class;
@@ -13,8 +14,9 @@ class DbPrintf_Class;
 // thread): Init_ListenFd, then Add_Thread once per worker, and at the end
 // All_ThreadDestruct (inherited), which stops workers blocked in accept.
 // The listening descriptor stays owned by the caller, who closes it only
-// after the pool has stopped.
-class ControlPort_ServerThread_ControlClass : public ThreadControlArr {
+// after the pool has stopped. The workers know the pool only as their
+// listen source; it knows nothing of the requests they serve.
+class ControlPort_ServerThread_ControlClass : public ThreadControlArr, public ControlPort_ListenSource {
 public:
     ControlPort_ServerThread_ControlClass();
     ~ControlPort_ServerThread_ControlClass() override;
@@ -29,7 +31,7 @@ public:
     int Add_Thread(DbPrintf_Class* pDB) override;
 
     // The listening descriptor, -1 before Init_ListenFd. Any thread.
-    int GetListenFd() const { return m_nListenFd.load(std::memory_order_relaxed); }
+    int GetListenFd() const override { return m_nListenFd.load(std::memory_order_relaxed); }
 
 private:
     std::atomic<int> m_nListenFd{-1};

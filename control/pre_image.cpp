@@ -1,6 +1,4 @@
-// The pre-image protocol of the control port: one viewer logs in, pulls the
-// buffered JPEG pictures one after another out of the frame FIFO, and logs
-// out. Every answer has status 200; the outcome is the body text.
+#include "control/pre_image.h"
 
 #include <stdio.h>
 #include <string.h>
@@ -13,7 +11,8 @@
 #include "common/debug_log.h"
 #include "common/return_codes.h"
 #include "common/time_utils.h"
-#include "control/control_port_server.h"
+#include "camera/channel_config.h"
+#include "control/control_connection.h"
 #include "control/request_view.h"
 #include "fifo/frame_fifo.h"
 #include "http/response_writer.h"
@@ -42,7 +41,37 @@ void compose_image_headers(const char* option, char* out, int outSize)
 
 }  // namespace
 
-int ControlPort_ServerThread::DoCommand_Ptipimg__img_login(DbPrintf_Class* pDB)
+int PreImage_Protocol::Handle(ControlPort_Connection& conn, DbPrintf_Class* pDB)
+{
+    return PreImage_Protocol(conn).DoCommand_Ptipimg(pDB);
+}
+
+int PreImage_Protocol::DoCommand_Ptipimg(DbPrintf_Class* pDB)
+{
+    configParam_Struct cfg;
+    if (g_configInfoIOClass.GetParamsFromMem(&cfg, pDB) != SUCCESS) {
+        TimePrint(pDB, 1, "ControlPort_ServerThread:ptippreimg.cgi Error.failed at GetParamsFromMem.[200]\n");
+        m_Conn.AnswerText("ERROR_SYSTEM:", pDB);
+        return HTTP_CONNECTIONCLOSE;
+    }
+    if (!m_Conn.PeerIsMyIp(cfg.myip)) {
+        TimePrint(pDB, 1, "ControlPort_ServerThread:ptippreimg.cgi Error.unknown ip[200]\n");
+        m_Conn.AnswerText("ERROR_UNKNOWN_IP:", pDB);
+        return HTTP_CONNECTIONCLOSE;
+    }
+    const HTTPRequestBuffer_Class& request = m_Conn.Request();
+    if (request_param(request, "img_login=") != nullptr)
+        return DoCommand_Ptipimg__img_login(pDB);
+    if (request_param(request, "get_image=") != nullptr)
+        return DoCommand_Ptipimg__get_image(pDB);
+    if (request_param(request, "img_logout=") != nullptr)
+        return DoCommand_Ptipimg__img_logout(pDB);
+    TimePrint(pDB, 1, "ControlPort_ServerThread:ptippreimg.cgi Error.Request command is not supported.[200]\n");
+    m_Conn.AnswerText("ERROR_SYSTEM:", pDB);
+    return HTTP_CONNECTIONCLOSE;
+}
+
+int PreImage_Protocol::DoCommand_Ptipimg__img_login(DbPrintf_Class* pDB)
 {
     long long top = 0;
     long long tail = 0;
@@ -56,7 +85,7 @@ int ControlPort_ServerThread::DoCommand_Ptipimg__img_login(DbPrintf_Class* pDB)
         // The error answer is followed by the login answer on the same
         // connection: the login itself does not depend on the FIFO.
         TimePrint(pDB, 1, "ERROR_SYSTEM:failed at GetTopTailDataNo\n");
-        AnswerText("ERROR_SYSTEM:", pDB);
+        m_Conn.AnswerText("ERROR_SYSTEM:", pDB);
     }
 
     g_flagLoginUserExist.store(1, std::memory_order_relaxed);
@@ -65,14 +94,14 @@ int ControlPort_ServerThread::DoCommand_Ptipimg__img_login(DbPrintf_Class* pDB)
     SetNowTimePT(now);
     NotifyCamThread();
 
-    m_Header.clear();
-    m_Body.clear();
-    m_Body.add("LOGIN_SUCCESS:%d:\r\n", kUserId);
-    ResponceSend_ConnectionClose(200, pDB);
+    m_Conn.Header().clear();
+    m_Conn.Body().clear();
+    m_Conn.Body().add("LOGIN_SUCCESS:%d:\r\n", kUserId);
+    m_Conn.ResponceSend_ConnectionClose(200, pDB);
     return HTTP_CONNECTIONCLOSE;
 }
 
-int ControlPort_ServerThread::DoCommand_Ptipimg__get_image(DbPrintf_Class* pDB)
+int PreImage_Protocol::DoCommand_Ptipimg__get_image(DbPrintf_Class* pDB)
 {
     if (!ImageRequestValid(pDB))
         return HTTP_CONNECTIONCLOSE;
@@ -89,23 +118,23 @@ int ControlPort_ServerThread::DoCommand_Ptipimg__get_image(DbPrintf_Class* pDB)
 }
 
 // The logged-in viewer's id, and a camera that delivers.
-bool ControlPort_ServerThread::ImageRequestValid(DbPrintf_Class* pDB)
+bool PreImage_Protocol::ImageRequestValid(DbPrintf_Class* pDB)
 {
     int userId = 0;
-    if (!request_param_int(m_Request, "img_user_id=", &userId)) {
+    if (!request_param_int(m_Conn.Request(), "img_user_id=", &userId)) {
         TimePrint(pDB, 1, "ControlPort_ServerThread:ptippreimg.cgi get_image Error.Not found img_user_id=[200]\n");
-        AnswerText("ERROR_SYSTEM:", pDB);
+        m_Conn.AnswerText("ERROR_SYSTEM:", pDB);
         return false;
     }
     if (userId != kUserId || g_flagLoginUserExist.load(std::memory_order_relaxed) != 1) {
         TimePrint(pDB, 1,
                   "ControlPort_ServerThread:ptippreimg.cgi get_image Error.This img_user_id is not login:[200]\n");
-        AnswerText("ERROR_USER_ID:", pDB);
+        m_Conn.AnswerText("ERROR_USER_ID:", pDB);
         return false;
     }
     if (g_ConnectState.load(std::memory_order_relaxed) != 1) {
         TimePrint(pDB, 1, "ControlPort_ServerThread:ptippreimg.cgi get_image Error.ERROR_TRANSLATOR_RECEIVE:[200]\n");
-        AnswerText("ERROR_TRANSLATOR_RECEIVE:", pDB);
+        m_Conn.AnswerText("ERROR_TRANSLATOR_RECEIVE:", pDB);
         return false;
     }
     return true;
@@ -114,7 +143,7 @@ bool ControlPort_ServerThread::ImageRequestValid(DbPrintf_Class* pDB)
 // Borrows frame g_NextDataID (or the nearest one the FIFO still holds),
 // waiting for the camera's commit within the frame wait. The option buffer
 // holds kOptionSize + 1 bytes.
-bool ControlPort_ServerThread::BorrowNextFrame(char** ppVideo, char* option, _StrOutInfo* pInfo, DbPrintf_Class* pDB)
+bool PreImage_Protocol::BorrowNextFrame(char** ppVideo, char* option, _StrOutInfo* pInfo, DbPrintf_Class* pDB)
 {
     int videoCapacity = 0;
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::microseconds(kFrameWaitUsec);
@@ -131,7 +160,7 @@ bool ControlPort_ServerThread::BorrowNextFrame(char** ppVideo, char* option, _St
             TimePrint(
                 pDB, 1,
                 "ControlPort_ServerThread:ptippreimg.cgi get_image Error.failed at g_Fifo.GetTopTailDataNo[200]\n");
-            if (AnswerText("ERROR_SYSTEM:", pDB) != SUCCESS || StopRequested())
+            if (m_Conn.AnswerText("ERROR_SYSTEM:", pDB) != SUCCESS || m_Conn.StopRequested())
                 return false;
             continue;
         }
@@ -143,7 +172,7 @@ bool ControlPort_ServerThread::BorrowNextFrame(char** ppVideo, char* option, _St
                 return true;
             TimePrint(pDB, 1,
                       "ControlPort_ServerThread:ptippreimg.cgi get_image Error.failed at g_Fifo.GetData2[200]\n");
-            if (AnswerText("ERROR_SYSTEM:", pDB) != SUCCESS || StopRequested())
+            if (m_Conn.AnswerText("ERROR_SYSTEM:", pDB) != SUCCESS || m_Conn.StopRequested())
                 return false;
             continue;
         }
@@ -151,9 +180,9 @@ bool ControlPort_ServerThread::BorrowNextFrame(char** ppVideo, char* option, _St
         // The frame does not exist yet: wait for the camera thread's next
         // commit, within what is left of the frame wait.
         const bool arrived = g_Fifo.WaitForDataNo(next, deadline);
-        if (StopRequested()) {
-            AnswerText("ERROR_USER_ID:", pDB);
-            m_nExitMark.store(-1, std::memory_order_relaxed);
+        if (m_Conn.StopRequested()) {
+            m_Conn.AnswerText("ERROR_USER_ID:", pDB);
+            m_Conn.MarkExit();
             return false;
         }
         if (!arrived) {
@@ -161,14 +190,14 @@ bool ControlPort_ServerThread::BorrowNextFrame(char** ppVideo, char* option, _St
                 TimePrint(
                     pDB, 1,
                     "ControlPort_ServerThread:ptippreimg.cgi get_image Error.ERROR_TRANSLATOR_RECEIVE for timeout:[200]\n");
-            AnswerText("ERROR_TRANSLATOR_RECEIVE:", pDB);
+            m_Conn.AnswerText("ERROR_TRANSLATOR_RECEIVE:", pDB);
             return false;
         }
     }
 }
 
 // Sends the borrowed picture with its option text in the extra headers.
-void ControlPort_ServerThread::SendImage(const char* pVideo, const char* option, const _StrOutInfo& info,
+void PreImage_Protocol::SendImage(const char* pVideo, const char* option, const _StrOutInfo& info,
                                          DbPrintf_Class* pDB)
 {
     char extra[kExtraHeadersMax + 1];
@@ -176,8 +205,8 @@ void ControlPort_ServerThread::SendImage(const char* pVideo, const char* option,
 
     // The picture goes out straight from the FIFO slot: it stays intact for
     // the write-only zone's number of frames after this one.
-    m_Header.clear();
-    int rc = HttpResponse_MakeMessage_Header(&m_Header, 200, MinorVersion(), 0, "image/jpeg", extra,
+    m_Conn.Header().clear();
+    int rc = HttpResponse_MakeMessage_Header(&m_Conn.Header(), 200, m_Conn.MinorVersion(), 0, "image/jpeg", extra,
                                              info.nDataSize_Video, pDB);
     if (rc != SUCCESS) {
         TimePrint(
@@ -186,9 +215,7 @@ void ControlPort_ServerThread::SendImage(const char* pVideo, const char* option,
             rc);
         return;
     }
-    int bodyLength = IsHeadRequest() ? 0 : info.nDataSize_Video;
-    HttpResponse_SendMessage(m_nConnectFd, m_Header.c_str(), m_Header.length(), pVideo, bodyLength, kSendTimeoutMs,
-                             &m_nCommand, pDB);
+    m_Conn.SendHeadAndData(pVideo, info.nDataSize_Video, pDB);
     // Done with the borrowed slot: taking the FIFO's mutex once more orders
     // this read before the writer's next commit, and so before it refills
     // the slot, even when no further request comes (a paused viewer).
@@ -196,24 +223,24 @@ void ControlPort_ServerThread::SendImage(const char* pVideo, const char* option,
     g_Fifo.GetTopTailDataNo(&top, &tail);
 }
 
-int ControlPort_ServerThread::DoCommand_Ptipimg__img_logout(DbPrintf_Class* pDB)
+int PreImage_Protocol::DoCommand_Ptipimg__img_logout(DbPrintf_Class* pDB)
 {
     int userId = 0;
-    if (!request_param_int(m_Request, "img_user_id=", &userId)) {
+    if (!request_param_int(m_Conn.Request(), "img_user_id=", &userId)) {
         TimePrint(pDB, 1, "ControlPort_ServerThread:ptippreimg.cgi img_logout Error.Not found img_user_id=[200]\n");
-        AnswerText("ERROR_SYSTEM:", pDB);
+        m_Conn.AnswerText("ERROR_SYSTEM:", pDB);
         return HTTP_CONNECTIONCLOSE;
     }
     if (userId != kUserId) {
         TimePrint(pDB, 1,
                   "ControlPort_ServerThread:ptippreimg.cgi img_logout Error.This img_user_id is not login[200]\n");
-        AnswerText("ERROR_LOGOUT:", pDB);
+        m_Conn.AnswerText("ERROR_LOGOUT:", pDB);
         return HTTP_CONNECTIONCLOSE;
     }
     g_flagLoginUserExist.store(0, std::memory_order_relaxed);
-    m_Header.clear();
-    m_Body.clear();
-    m_Body.add("LOGOUT_SUCCESS:%d:IMAGE\r\n", kUserId);
-    ResponceSend_ConnectionClose(200, pDB);
+    m_Conn.Header().clear();
+    m_Conn.Body().clear();
+    m_Conn.Body().add("LOGOUT_SUCCESS:%d:IMAGE\r\n", kUserId);
+    m_Conn.ResponceSend_ConnectionClose(200, pDB);
     return HTTP_CONNECTIONCLOSE;
 }

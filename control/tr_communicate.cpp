@@ -1,8 +1,4 @@
-// The TrCommunicate protocol of the control port ("/trcom.cgi"): the
-// recording system tells the daemon that its configuration changed
-// (notice_update) or that the post-alarm term starts again
-// (reset_postterm). Every request is answered with status 200 and a fixed
-// HTML body; the outcome travels in the Query_Result header line.
+#include "control/tr_communicate.h"
 
 #include <stdio.h>
 #include <string.h>
@@ -11,7 +7,7 @@
 #include "camera/shared_state.h"
 #include "common/debug_log.h"
 #include "common/return_codes.h"
-#include "control/control_port_server.h"
+#include "control/control_connection.h"
 #include "control/request_view.h"
 #include "net/process_utils.h"
 
@@ -52,12 +48,17 @@ bool parse_integer(const OneToken_Class* value, int* out)
 
 }  // namespace
 
-int ControlPort_ServerThread::DoCommand_TrCommunicate(DbPrintf_Class* pDB)
+int TrCommunicate_Protocol::Handle(ControlPort_Connection& conn, DbPrintf_Class* pDB)
+{
+    return TrCommunicate_Protocol(conn).DoCommand_TrCommunicate(pDB);
+}
+
+int TrCommunicate_Protocol::DoCommand_TrCommunicate(DbPrintf_Class* pDB)
 {
     int result = DEBUG_WARNING;
 
     char query[kQueryStringMax + 1] = {};
-    const OneToken_Class* queryToken = request_query(m_Request);
+    const OneToken_Class* queryToken = request_query(m_Conn.Request());
     if (queryToken != nullptr && queryToken->GetLength() > 0) {
         int n = queryToken->GetLength() < kQueryStringMax ? queryToken->GetLength() : kQueryStringMax;
         memcpy(query, queryToken->GetPtr(), n);
@@ -69,22 +70,22 @@ int ControlPort_ServerThread::DoCommand_TrCommunicate(DbPrintf_Class* pDB)
     if (g_configInfoIOClass.GetParamsFromMem(&cfg, pDB) != SUCCESS) {
         TimePrint(pDB, 1, "ControlPort_ServerThread:trcom.cgi failed at GetParamsFromMem[200]\n");
         result = DEBUG_WARNING;
-    } else if (!PeerIsMyIp(cfg.myip)) {
+    } else if (!m_Conn.PeerIsMyIp(cfg.myip)) {
         TimePrint(pDB, 1, "ControlPort_ServerThread:trcom.cgi invalid access[200]\n");
         result = INVALID_ACCESS;
-    } else if ((value = request_param(m_Request, "p_name=")) == nullptr) {
+    } else if ((value = request_param(m_Conn.Request(), "p_name=")) == nullptr) {
         TimePrint(pDB, 1, "ControlPort_ServerThread:trcom.cgi not found p_name[200]\n");
         result = NOTFOUND_PROTOCOLINFO;
     } else if (!value_is_prefix_of(value, "TrCommunicate")) {
         TimePrint(pDB, 1, "ControlPort_ServerThread:trcom.cgi p_name is not match[200]\n");
         result = UNSUPPORTED_PROTOCOL;
-    } else if ((value = request_param(m_Request, "p_version=")) == nullptr || !parse_integer(value, &version)) {
+    } else if ((value = request_param(m_Conn.Request(), "p_version=")) == nullptr || !parse_integer(value, &version)) {
         TimePrint(pDB, 1, "ControlPort_ServerThread:trcom.cgi not found p_version[200]\n");
         result = NOTFOUND_PROTOCOLINFO;
     } else if (version != 1) {
         TimePrint(pDB, 1, "ControlPort_ServerThread:trcom.cgi p_version is not match[200]\n");
         result = OUT_OF_RANGE;
-    } else if ((value = request_param(m_Request, "command=")) == nullptr) {
+    } else if ((value = request_param(m_Conn.Request(), "command=")) == nullptr) {
         TimePrint(pDB, 1, "ControlPort_ServerThread:trcom.cgi not found command[200]\n");
         result = NOTFOUND_COMMAND;
     } else if (value_is_prefix_of(value, "notice_update")) {
@@ -101,14 +102,14 @@ int ControlPort_ServerThread::DoCommand_TrCommunicate(DbPrintf_Class* pDB)
         extra, sizeof(extra),
         "Protocol_Name: TrCommunicate\r\nProtocol_Version: 1\r\nNode_Id: %d\r\nQuery_Result: %d:%d\r\nQuery_String: %s\r\n",
         kNodeId, GetErrGeneralCode(result), result, query);
-    m_Header.clear();
-    m_Body.clear();
-    m_Body.add("<HTML><BODY><H1>200 OK</H1></BODY></HTML>");
-    ResponceSend_ConnectionClose(200, extra, pDB);
+    m_Conn.Header().clear();
+    m_Conn.Body().clear();
+    m_Conn.Body().add("<HTML><BODY><H1>200 OK</H1></BODY></HTML>");
+    m_Conn.ResponceSend_ConnectionClose(200, extra, pDB);
     return HTTP_CONNECTIONCLOSE;
 }
 
-int ControlPort_ServerThread::DoCommand_TrCommunicate__notice_update(DbPrintf_Class* pDB)
+int TrCommunicate_Protocol::DoCommand_TrCommunicate__notice_update(DbPrintf_Class* pDB)
 {
     TimePrint(pDB, 1, "[ControlPort_ServerThread::DoCommand_TrCommunicate()] notice_update received\n");
     int rc =
@@ -130,7 +131,7 @@ int ControlPort_ServerThread::DoCommand_TrCommunicate__notice_update(DbPrintf_Cl
     return rc;
 }
 
-int ControlPort_ServerThread::DoCommand_TrCommunicate__reset_postterm(DbPrintf_Class* pDB)
+int TrCommunicate_Protocol::DoCommand_TrCommunicate__reset_postterm(DbPrintf_Class* pDB)
 {
     TimePrint(pDB, 1, "[ControlPort_ServerThread::DoCommand_TrCommunicate()] reset_postterm received\n");
     g_lnDiffTimeSumPT.store(0, std::memory_order_relaxed);

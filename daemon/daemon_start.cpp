@@ -4,7 +4,6 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/wait.h>
@@ -22,6 +21,7 @@
 #include "daemon/globals.h"
 #include "daemon/launcher_answer.h"
 #include "daemon/server_life.h"
+#include "net/local_pair.h"
 #include "net/socket_io.h"
 
 namespace {
@@ -328,10 +328,8 @@ int PPDMain_ForkStart(char* name, int numOfControlPortThread, DbPrintf_Class* pD
     // A failed socketpair is only logged: the launcher then gets the
     // time-out answer and the states file tells how the daemon fared.
     int pair[2] = {-1, -1};
-    if (socketpair(AF_UNIX, SOCK_STREAM, 0, pair) != 0) {
+    if (Sock_OpenLocalPair(pair) != SUCCESS)
         TimePrint(pDB, 1, "[PPDMain_ForkStart] socketpair() failed\n");
-        pair[0] = pair[1] = -1;
-    }
 
     // Nothing may sit in a stdio buffer when the process is copied.
     fflush(stdout);

@@ -6,7 +6,7 @@
 #   root   that directory
 #   base   the normal build directory, OSTREL_BUILD_DIR (default build/);
 #          the other builds live beside it: $base-asan, $base-tsan,
-#          $base-i386, $base-fuzz, $base-bench
+#          $base-i386, $base-fuzz, $base-bench, $base-coverage
 #   jobs   compile jobs and parallel tests, OSTREL_JOBS (default: the number
 #          of processors)
 # Every script reads these same settings; none has a name of its own for them.

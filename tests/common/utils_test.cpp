@@ -15,6 +15,7 @@
 #include "common/return_codes.h"
 #include "common/string_utils.h"
 #include "common/time_utils.h"
+#include "wait_until.h"
 
 namespace {
 
@@ -126,17 +127,22 @@ TEST(Sleep, SignalEndsTheWait)
     ASSERT_EQ(sigaction(SIGUSR1, &sa, &old), 0);
 
     std::atomic<bool> done{false};
+    std::atomic<int> rc{0};
     std::thread sleeper([&] {
-        SleepExponentSec(9);  // 64 s unless woken
+        rc = SleepExponentSec(9);  // 64 s unless woken
         done = true;
     });
     // The signal may land before the thread is in select, so keep sending
-    // until the sleeper reports back.
-    while (!done) {
-        pthread_kill(sleeper.native_handle(), SIGUSR1);
-        usleep(2000);
-    }
+    // until the sleeper reports back, for at most half the sleep.
+    EXPECT_TRUE(WaitUntil(
+        [&] {
+            pthread_kill(sleeper.native_handle(), SIGUSR1);
+            return done.load();
+        },
+        32000))
+        << "the signal did not end the 64 s sleep";
     sleeper.join();
+    EXPECT_EQ(rc.load(), SUCCESS);
     sigaction(SIGUSR1, &old, nullptr);
 }
 

@@ -11,6 +11,7 @@
 #include <sys/ioctl.h>
 
 #include "common/return_codes.h"
+#include "net/device_request.h"
 
 namespace {
 
@@ -96,7 +97,7 @@ TEST(GetIpAddrTest, UnusualKernelAnswers)
         {{AF_INET, "0.0.0.0", 0}, 1023, "[co_getipaddr] fake0 not ready.\n", "zero address"},
         {{AF_INET, "10.1.2.3", EIO}, SYS_FUNC_ERROR, "[co_getipaddr] ioctl(SIOCGIFNETMASK) failed :", "netmask fails"},
     };
-    IfreqIoctl_Fn previous = co_getipaddr_SetIoctl(fake_ioctl);
+    IfreqIoctl_Fn previous = Sock_AskDevice_SetIoctl(fake_ioctl);
     for (const Row& row : rows) {
         SCOPED_TRACE(row.note);
         g_fake = row.answer;
@@ -104,7 +105,7 @@ TEST(GetIpAddrTest, UnusualKernelAnswers)
         EXPECT_EQ(r.code, row.code);
         EXPECT_EQ(r.printed.rfind(row.printed, 0), 0u) << r.printed;
     }
-    co_getipaddr_SetIoctl(previous);
+    Sock_AskDevice_SetIoctl(previous);
 }
 
 }  // namespace

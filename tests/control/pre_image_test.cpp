@@ -158,7 +158,8 @@ TEST_F(PreImageTest, TextAnswers)
     } rows[] = {
         {get("/ptippreimg.cgi?get_image=1"), kOwnIp, "200 OK", "ERROR_SYSTEM:"},
         {get("/ptippreimg.cgi?get_image=1&img_user_id=2"), kOwnIp, "200 OK", "ERROR_USER_ID:"},
-        {get("/ptippreimg.cgi?other=1"), kOwnIp, "200 OK", "ERROR_SYSTEM:"},
+        {get("/ptippreimg.cgi?other=1&img_user_id=1"), kOwnIp, "200 OK", "ERROR_SYSTEM:"},
+        {get("/ptippreimg.cgi?img_logout=1"), kOwnIp, "200 OK", "ERROR_SYSTEM:"},
         {get("/ptippreimg.cgi?img_logout=1&img_user_id=7"), kOwnIp, "200 OK", "ERROR_LOGOUT:"},
         {kLogout, kForeignIp, "200 OK", "ERROR_UNKNOWN_IP:"},
         {get("/ptippreimg.cgi?img_logout=1&img_user_id=1&get_image=1"), kOwnIp, "200 OK", kWaitedOut},
@@ -168,6 +169,8 @@ TEST_F(PreImageTest, TextAnswers)
         {get("/ptippreimg.cgi?get_image=1&img_user_id=1&img_login=1"), kOwnIp, "200 OK", "LOGIN_SUCCESS:1:\r\n"},
         {get("/index.html?a=1"), kForeignIp, "404 Not Found",
          "CGI Error.\nRequest Message URI[/index.html?a=1].not supported.\n"},
+        {get("/ptippreimg.cgi/"), kOwnIp, "404 Not Found",
+         "CGI Error.\nRequest Message URI[/ptippreimg.cgi/].not supported.\n"},
         {"DELETE /ptippreimg.cgi HTTP/1.1\r\n\r\n", kOwnIp, "415 Unsupported Media Type", "Unkown Method."},
         {get("/a/../ptippreimg.cgi"), kOwnIp, "400 Bad Request", "Syntax error in URI"},
         {"POST /ptippreimg.cgi HTTP/1.1\r\n\r\n", kOwnIp, "411 Length Required", "'Content-Length:' Not found."},

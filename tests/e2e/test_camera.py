@@ -46,14 +46,13 @@ class CameraFaultTest(RelayCase):
     def test_camera_with_basic_authorisation(self):
         self.write_config(channel_authentic_switch="1", channel_authentic_user_id="user",
                           channel_authentic_user_password="secret")
-        pictures, record = self.start_camsim("--fps", "30", "--auth", "user:secret")
+        # The simulated camera refuses a request without these credentials;
+        # the request line itself is the Axis client's unit test.
+        pictures, _ = self.start_camsim("--fps", "30", "--auth", "user:secret")
         pid = self.start_forking("1")
         login()
         got = self.pull_until(lambda g: len(g) >= 3, "pictures from the camera with a password")
         self.assertTrue(got[0][1] in pictures)
-        raw = read_records(record)[0][1]
-        self.assertIn(b"\r\nAuthorization: Basic dXNlcjpzZWNyZXQ=\r\n", raw)
-        self.assertTrue(raw.startswith(b"GET /axis-cgi/mjpg/video.cgi?showlength=1&camera=1 "))
         self.stop_daemon(pid)
 
     def test_camera_number_selects_the_camera(self):

@@ -6,10 +6,9 @@ pre-image protocol, foreign clients and malformed requests."""
 import time
 import unittest
 
-from harness import (CAMERA_PORT, FOREIGN_IP, MYIP, OPTION_RE, RelayCase, check_head,
-                     connect, established_to, exchange, get_image, local_epoch_ms, login,
-                     logout, parse_answers, read_records, read_until_close, request,
-                     setup_namespace, split_stamp, wait_for)
+from harness import (CAMERA_PORT, MYIP, OPTION_RE, RelayCase, check_head, established_to,
+                     exchange, get_image, local_epoch_ms, login, logout, parse_answers,
+                     read_records, setup_namespace, split_stamp, wait_for)
 
 
 def setUpModule():
@@ -136,54 +135,6 @@ class SlowViewerTest(RelayCase):
             self.assertGreater(nxt, seq, "pictures skip ahead, then come in order")
             self.assertTrue(picture in self.pictures, "picture %d was changed" % nxt)
             seq = nxt
-
-
-class TextAnswerTest(RelayCase):
-    """One daemon, no camera: the answers that do not depend on pictures."""
-
-    def test_text_answers_in_order(self):
-        self.pid = self.start_forking("1")
-        pre = "/ptippreimg.cgi?"
-        rows = [
-            # target, source address, status, body, note
-            (pre + "get_image=1&img_user_id=1", MYIP, "200 OK", b"ERROR_USER_ID:",
-             "get_image before any login"),
-            (pre + "get_image=1", MYIP, "200 OK", b"ERROR_SYSTEM:", "get_image without a user"),
-            (pre + "img_logout=1", MYIP, "200 OK", b"ERROR_SYSTEM:", "logout without a user"),
-            (pre + "img_logout=1&img_user_id=7", MYIP, "200 OK", b"ERROR_LOGOUT:", "wrong user"),
-            (pre + "img_logout=1&img_user_id=1", MYIP, "200 OK", b"LOGOUT_SUCCESS:1:IMAGE\r\n",
-             "logout without login still succeeds"),
-            (pre + "img_user_id=1", MYIP, "200 OK", b"ERROR_SYSTEM:", "no command"),
-            (pre + "img_login=1", FOREIGN_IP, "200 OK", b"ERROR_UNKNOWN_IP:", "foreign address"),
-            ("/index.html?a=b", MYIP, "404 Not Found",
-             b"CGI Error.\nRequest Message URI[/index.html?a=b].not supported.\n", "unknown path"),
-            ("/ptippreimg.cgi/", MYIP, "404 Not Found",
-             b"CGI Error.\nRequest Message URI[/ptippreimg.cgi/].not supported.\n", "exact path"),
-            (pre + "get_image=1&img_login=1", MYIP, "200 OK", b"LOGIN_SUCCESS:1:\r\n",
-             "login is looked for first"),
-            (pre + "get_image=1&img_user_id=2", MYIP, "200 OK", b"ERROR_USER_ID:", "other user"),
-            (pre + "get_image=1&img_user_id=1", MYIP, "200 OK", b"ERROR_TRANSLATOR_RECEIVE:",
-             "logged in, but the camera cannot be reached"),
-        ]
-        for target, src, status, body, note in rows:
-            with self.subTest(note):
-                a = request(target, src=src)
-                self.assertEqual(text_answer(a), (status, "text/plain", body))
-
-    def test_requests_from_loopback_are_foreign_too(self):
-        self.start_forking("1")
-        s = connect(src="127.0.0.1")
-        s.sendall(b"GET /ptippreimg.cgi?img_login=1 HTTP/1.0\r\n\r\n")
-        a = parse_answers(read_until_close(s, 10))[0]
-        s.close()
-        self.assertEqual(a.body, b"ERROR_UNKNOWN_IP:")
-
-    def test_post_body_carries_the_parameters(self):
-        self.start_forking("1")
-        body = b"img_login=1"
-        a = request("/ptippreimg.cgi", method="POST",
-                    extra=b"Content-Length: %d\r\n" % len(body), body=body)
-        self.assertEqual(a.body, b"LOGIN_SUCCESS:1:\r\n")
 
 
 if __name__ == "__main__":

@@ -51,12 +51,17 @@ std::pair<int, std::string> RaiseInChild(const std::string& dir, int terminate)
         if (Set_ProgramTarminateSignal(g_pDB) != SUCCESS || Set_IgnoresSignals_ForThisProgram(g_pDB) != SUCCESS) {
             _exit(10);
         }
+        // An ignored signal goes to the do-nothing handler, which changes no
+        // state whenever it runs (a sanitizer runtime may run it later than
+        // raise()): the dispositions show that nothing can follow, and the
+        // process surviving the raises shows the rest.
         for (int sig : {SIGHUP, SIGQUIT, SIGTSTP, SIGPIPE, SIGUSR1, SIGUSR2, SIGCHLD, SIGTRAP}) {
+            struct sigaction sa {};
+            if (sigaction(sig, nullptr, &sa) != 0 || sa.sa_handler != CatchSigDump) {
+                _exit(30);
+            }
             raise(sig);
         }
-        // Sanitizer runtimes may handle a raised signal at their next safe
-        // point rather than inside raise(): give them generous room.
-        usleep(50000);
         if (g_Program_Command.load() != 0) {
             _exit(30);
         }
