@@ -11,7 +11,8 @@ set(libdir ${CMAKE_INSTALL_PREFIX}/lib/ostrel)
 set(workdir ${var}/lib/ostrel)
 set(dest "$ENV{DESTDIR}")
 
-foreach(pair "lighttpd/50-ostrel.conf" "apache2/ostrel.conf")
+foreach(pair "lighttpd/50-ostrel.conf" "lighttpd/50-ostrel-schedule.conf"
+    "apache2/ostrel.conf" "apache2/ostrel-schedule.conf")
   get_filename_component(server ${pair} DIRECTORY)
   file(READ ${OSTREL_DEPLOY_DIR}/${pair}.in text)
   string(REPLACE "@OSTREL_LIBDIR@" "${libdir}" text "${text}")
@@ -36,13 +37,6 @@ if(dest STREQUAL "")
   if(failed)
     message(FATAL_ERROR "ostrel-ctl ${args} failed")
   endif()
-else()
-  # Staged (a package): modes only; the package's postinst sets the owner.
-  foreach(sub "" /conf /log /mem /states)
-    file(MAKE_DIRECTORY ${dest}${workdir}${sub})
-    execute_process(COMMAND chmod 0750 ${dest}${workdir}${sub} RESULT_VARIABLE failed)
-    if(failed)
-      message(FATAL_ERROR "chmod 0750 ${dest}${workdir}${sub} failed")
-    endif()
-  endforeach()
 endif()
+# Staged (a package): nothing more; the package's postinst makes the working
+# directory with its owner, and its postrm removes it on purge.

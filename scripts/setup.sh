@@ -4,9 +4,11 @@
 . "$(dirname "$0")/lib.sh"
 
 # g++-multilib and googletest (its sources) are for the 32-bit build;
-# lighttpd is the web server the end-to-end tests start the daemon through.
+# lighttpd is the web server the end-to-end tests start the daemon through;
+# with apache2, lintian and man-db the package is installed, reviewed and
+# removed again (tests/e2e/test_package.py).
 install_packages cmake g++ g++-multilib clang libclang-rt-14-dev make ninja-build libgtest-dev \
-    googletest iproute2 nftables python3 util-linux lighttpd
+    googletest iproute2 nftables python3 util-linux lighttpd apache2 lintian man-db
 # chromium is for the browser test of the viewer's browser view; where it
 # cannot be installed that test is skipped with a message.
 install_packages --optional chromium || echo "setup: the browser test will be skipped" >&2

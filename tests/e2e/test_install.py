@@ -1,8 +1,7 @@
-"""The install layout (cmake --install into a temporary prefix, and the
-Debian package built with CPack) and the operator command ostrel-ctl run from
-that install against a real daemon started through the installed CGI entry."""
+"""The install layout (cmake --install into a temporary prefix) and the
+operator command ostrel-ctl run from that install against a real daemon
+started through the installed CGI entry. The Debian package: test_package.py."""
 
-import glob
 import os
 import re
 import shutil
@@ -14,7 +13,6 @@ import unittest
 from harness import CONTROL_PORT, RelayCase, is_real_root, launcher_answer, success_answer
 
 CMAKE = os.environ.get("OSTREL_CMAKE", "")
-CPACK = os.environ.get("OSTREL_CPACK", "")
 BUILD_DIR = os.environ.get("OSTREL_BUILD_DIR", "")
 START = "Command=StartUp&Name=01&NumOfControlPortThread=2"
 ALREADY = launcher_answer(b"<Response>\n  <States>Err_AlreadyWorking</States>\n</Response>\n")
@@ -64,50 +62,6 @@ class InstallTest(unittest.TestCase):
         with open(os.path.join(PREFIX, "var/lib/ostrel/Directory.Conf")) as f:
             self.assertIn("<StatesDir>%s/var/lib/ostrel/states</StatesDir>" % PREFIX, f.read())
 
-    @unittest.skipUnless(CPACK, "the package is checked in the native build without sanitizers")
-    def test_debian_package_lists_and_unpacks(self):
-        out = tempfile.mkdtemp(prefix="ostrel-deb-")
-        self.addCleanup(shutil.rmtree, out, True)
-        subprocess.run([CPACK, "-G", "DEB", "-B", out, "--config",
-                        os.path.join(BUILD_DIR, "CPackConfig.cmake")],
-                       check=True, stdout=subprocess.DEVNULL)
-        debs = glob.glob(os.path.join(out, "ostrel_0.2_*.deb"))
-        self.assertEqual(len(debs), 1, os.listdir(out))
-        deb = debs[0]
-
-        listing = subprocess.run(["dpkg-deb", "-c", deb], check=True, capture_output=True,
-                                 text=True).stdout
-        entries = {line.split()[-1]: line.split()[0] for line in listing.splitlines()}
-        for path, perms in [("./usr/lib/ostrel/Ostrel", "-rwxr-xr-x"),
-                            ("./usr/lib/ostrel/ostrel-cgi", "-rwxr-xr-x"),
-                            ("./usr/bin/ostrel-ctl", "-rwxr-xr-x"),
-                            ("./usr/share/doc/ostrel/README.md", "-rw-r--r--"),
-                            ("./etc/lighttpd/conf-available/50-ostrel.conf", "-rw-r--r--"),
-                            ("./etc/apache2/conf-available/ostrel.conf", "-rw-r--r--"),
-                            ("./var/lib/ostrel/", "drwxr-x---"),
-                            ("./var/lib/ostrel/states/", "drwxr-x---")]:
-            with self.subTest(path):
-                self.assertEqual(entries.get(path), perms, listing)
-        self.assertFalse([p for p in entries if out in p or "_CPack" in p], "no staging paths")
-
-        depends = subprocess.run(["dpkg-deb", "-f", deb, "Depends"], check=True,
-                                 capture_output=True, text=True).stdout
-        self.assertIn("python3", depends)
-        control = os.path.join(out, "control")
-        subprocess.run(["dpkg-deb", "-e", deb, control], check=True)
-        with open(os.path.join(control, "conffiles")) as f:
-            self.assertEqual(f.read().split(), ["/etc/lighttpd/conf-available/50-ostrel.conf",
-                                                "/etc/apache2/conf-available/ostrel.conf"])
-        with open(os.path.join(control, "postinst")) as f:
-            self.assertIn("ostrel-ctl init --user www-data /var/lib/ostrel", f.read())
-
-        root = os.path.join(out, "root")
-        subprocess.run(["dpkg-deb", "-x", deb, root], check=True)
-        with open(os.path.join(root, "etc/lighttpd/conf-available/50-ostrel.conf")) as f:
-            text = f.read()
-        self.assertIn('"/usr/lib/ostrel/ostrel-cgi"', text)
-        self.assertIn('"/var/lib/ostrel"', text)
-
 
 class CtlTest(RelayCase):
     """ostrel-ctl over a working directory with a states directory."""
@@ -119,13 +73,28 @@ class CtlTest(RelayCase):
         self.states_file = self.path("states", "01.States")
 
     def ctl(self, *args, user=None):
+        """ostrel-ctl on the test's working directory, as USER (with that
+        user's own group only) when given: (exit status, output)."""
+        who = {} if user is None else {"user": user, "group": user, "extra_groups": []}
         p = subprocess.run([os.path.join(PREFIX, "bin", "ostrel-ctl"), "-C", self.work] + list(args),
-                           capture_output=True, text=True, timeout=120, user=user)
+                           capture_output=True, text=True, timeout=120, **who)
         return p.returncode, p.stdout + p.stderr
 
-    def cgi_start(self):
+    def ctl_into_closed_pipe(self, *args):
+        """ostrel-ctl with its output going into a pipe nobody reads any
+        more (ostrel-ctl status | head -1): (exit status, standard error)."""
+        r, w = os.pipe()
+        os.close(r)
+        try:
+            p = subprocess.run([os.path.join(PREFIX, "bin", "ostrel-ctl"), "-C", self.work] +
+                               list(args), stdout=w, stderr=subprocess.PIPE, text=True, timeout=120)
+        finally:
+            os.close(w)
+        return p.returncode, p.stderr
+
+    def cgi_start(self, query=START):
         env = {k: v for k, v in os.environ.items() if k not in ("CONTENT_LENGTH",)}
-        env.update(REQUEST_METHOD="GET", QUERY_STRING=START, OSTREL_WORKDIR=self.work)
+        env.update(REQUEST_METHOD="GET", QUERY_STRING=query, OSTREL_WORKDIR=self.work)
         return subprocess.run([os.path.join(PREFIX, "lib", "ostrel", "ostrel-cgi")], env=env,
                               capture_output=True, timeout=30, check=True).stdout
 
@@ -162,7 +131,8 @@ class CtlTest(RelayCase):
         self.assertEqual(self.cgi_start(), ALREADY)
         rc, out = self.ctl("clean")
         self.assertEqual(rc, 0, out)
-        self.assertIn("removed the stale states file", out)
+        self.assertIn("removed the states file %s (stale: process %d is gone)" %
+                      (self.states_file, pid), out)
         self.assertFalse(os.path.exists(self.states_file))
 
         pid = self.start()
@@ -172,6 +142,81 @@ class CtlTest(RelayCase):
         self.wait_gone(pid, limit=1)
         self.assertFalse(os.path.exists(self.states_file))
         self.assertIn("States file deleted", self.log_text())
+
+    def test_mistyped_names_leave_error_exit_files_that_clean_removes(self):
+        # A launcher's typing errors: the daemon refuses the name after the
+        # fork and leaves an ErrorExit file that no configuration names.
+        for name in ("100", "ab"):
+            self.cgi_start("Command=StartUp&Name=%s" % name)
+            self.wait_states("ErrorExit", path=self.path("states", name + ".States"))
+        rc, out = self.ctl("stop", "100")
+        self.assertEqual(rc, 0, out)
+        self.assertIn("ostrel-ctl clean 100 removes its states file", out)
+
+        # Several names: a line for each, the missing one too, whose error
+        # does not stop the others.
+        rc, out = self.ctl("clean", "100", "77", "ab")
+        self.assertEqual(rc, 2, out)
+        lines = out.splitlines()
+        self.assertEqual(len(lines), 3, out)
+        self.assertIn("100: removed the states file", out)
+        self.assertIn("ab: removed the states file", out)
+        self.assertIn("(a failed start: For invalid argument)", out)
+        self.assertIn("'77' is not a channel here", out)
+        self.assertEqual(os.listdir(self.path("states")), [])
+
+        # Without names, every one; a stale and a live file beside them.
+        self.cgi_start("Command=StartUp&Name=ab")
+        self.wait_states("ErrorExit", path=self.path("states", "ab.States"))
+        pid = self.start()
+        rc, out = self.ctl("clean")
+        self.assertEqual((rc, out.count("\n")), (0, 1), out)
+        self.assertEqual(os.listdir(self.path("states")), ["01.States"])
+        self.assertTrue(self.is_alive(pid))
+
+    @staticmethod
+    def is_alive(pid):
+        try:
+            os.kill(pid, 0)
+        except ProcessLookupError:
+            return False
+        return True
+
+    def test_status_masks_the_camera_password(self):
+        with open(self.states_file, "w") as f:
+            f.write("<PPD.States>\n <States>ErrorExit</States>\n</PPD.States>\n")
+        rows = [
+            # last log line, as status shows it
+            ("[2026/11/25 02:44:01] SetTargetAuth(1,viewer,s3cr,t)x)",
+             "[2026/11/25 02:44:01] SetTargetAuth(1,viewer,***)"),
+            ("[2026/11/25 02:44:01] channel_authentic_user_passwd old -> s3cr -> t",
+             "[2026/11/25 02:44:01] channel_authentic_user_passwd *** -> ***"),
+            ("[2026/11/25 02:44:01] SetTargetAuth(OFF)", "[2026/11/25 02:44:01] SetTargetAuth(OFF)"),
+        ]
+        for line, shown in rows:
+            with self.subTest(line):
+                with open(self.path("log", "Ostrel_01_log0.txt"), "w") as f:
+                    f.write("[2026/11/25 02:44:00] Start\n%s\n" % line)
+                rc, out = self.ctl("status")
+                self.assertTrue(out.rstrip().endswith(shown), out)
+                self.assertNotIn("s3cr", out)
+
+    def test_several_channels_and_a_closed_pipe(self):
+        pid = self.start()
+        rc, out = self.ctl("stop", "01", "99")
+        self.assertEqual(rc, 2, out)
+        self.assertIn("01: stopped (process %d ended" % pid, out)
+        self.assertIn("'99' is not a channel here", out)
+
+        # Output nobody reads: no traceback, and the work is done all the same.
+        self.start()
+        for args in (["status"], ["stop", "--all"]):
+            with self.subTest(args):
+                rc, err = self.ctl_into_closed_pipe(*args)
+                self.assertEqual((rc, err), (0, ""))
+        self.assertFalse(os.path.exists(self.states_file))
+        rc, out = self.ctl("stop", "--all")
+        self.assertEqual((rc, out), (0, "no channel is running\n"))
 
     def test_errors_name_the_file_and_touch_nothing(self):
         bad = {"02": "<PPD.States>\n <States>Normal", "03": "<Other><States>NormalOperating</States></Other>"}
@@ -188,6 +233,10 @@ class CtlTest(RelayCase):
             (["clean"], 1, "not touched", "clean of all leaves malformed files"),
             (["stop", "99"], 2, "'99' is not a channel here: no states file", "no such channel"),
             (["stop", "../01"], 2, "'../01' is not a channel name", "a path is not a name"),
+            (["stop"], 2, "stop wants channel names or --all", "stop without a name"),
+            (["-C", self.path("states"), "status"], 2,
+             "%s is not a working directory: no conf/, log/, mem/" % self.path("states"),
+             "a directory that is not a working directory"),
         ]
         for args, status, text, note in rows:
             with self.subTest(note):
@@ -197,12 +246,21 @@ class CtlTest(RelayCase):
         self.assertEqual(sorted(os.listdir(self.path("states"))), ["02.States", "03.States"])
 
     @unittest.skipUnless(is_real_root(), "needs root to run ostrel-ctl as a user who cannot read")
-    def test_unreadable_states_directory_is_an_error(self):
-        os.chmod(self.work, 0o755)
-        os.chmod(self.path("states"), 0o700)
-        rc, out = self.ctl("status", user=65534)
-        self.assertEqual(rc, 2, out)
-        self.assertIn("states directory %s: Permission denied" % self.path("states"), out)
+    def test_permission_problems_are_named(self):
+        rows = [
+            # modes of the working directory, Directory.Conf, states/; message
+            (0o755, 0o644, 0o700, "states directory %s: Permission denied" % self.path("states")),
+            (0o755, 0o600, 0o755, "%s: Permission denied" % self.path("Directory.Conf")),
+            (0o750, 0o644, 0o755, "working directory %s: Permission denied" % self.work),
+        ]
+        for work, conf, states, message in rows:
+            with self.subTest(message):
+                os.chmod(self.work, work)
+                os.chmod(self.path("Directory.Conf"), conf)
+                os.chmod(self.path("states"), states)
+                rc, out = self.ctl("status", user=65534)
+                self.assertEqual(rc, 2, out)
+                self.assertEqual(out, "ostrel-ctl: %s\n" % message)
 
 
 if __name__ == "__main__":
