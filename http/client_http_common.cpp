@@ -3,6 +3,8 @@
 #include <stdio.h>
 #include <string.h>
 
+#include <random>
+
 #include "common/debug_log.h"
 #include "common/return_codes.h"
 #include "common/tokens.h"
@@ -54,6 +56,9 @@ void CClient_HTTP_Common::SetInitialValues()
     m_nProxy = 0;
     m_nAuth = 0;
     memset(m_strAuth, 0, sizeof(m_strAuth));
+    memset(m_strUser, 0, sizeof(m_strUser));
+    memset(m_strPassword, 0, sizeof(m_strPassword));
+    ClearDigestChallenge();
 }
 
 int CClient_HTTP_Common::Initialize(int nHTTPBodySize)
@@ -187,6 +192,9 @@ int CClient_HTTP_Common::SetAuthString(const char* pUserName, const char* pPassw
     if (m_nAuth != 1) {
         return SUCCESS;
     }
+    copy_text(m_strUser, sizeof(m_strUser), pUserName);
+    copy_text(m_strPassword, sizeof(m_strPassword), pPassword);
+    ClearDigestChallenge();
     // Each step cuts its text to its limit, as every text of the system is
     // cut: "user:password" to 127 characters, and the finished line to 127
     // characters. The encoded text is not cut by its own area: that area
@@ -212,6 +220,54 @@ int CClient_HTTP_Common::SetAuthString(const char* pUserName, const char* pPassw
         // Cut to the line's limit; the camera judges the credentials.
         m_strAuth[sizeof(m_strAuth) - 1] = '\0';
     }
+    return SUCCESS;
+}
+
+int CClient_HTTP_Common::SetDigestChallenge(const DigestChallenge& ch)
+{
+    m_Digest = ch;
+    m_nDigest = 1;
+    m_ulDigestCount = 0;
+    return SUCCESS;
+}
+
+int CClient_HTTP_Common::ClearDigestChallenge()
+{
+    m_nDigest = 0;
+    m_Digest = DigestChallenge();
+    m_ulDigestCount = 0;
+    memset(m_strDigestAuth, 0, sizeof(m_strDigestAuth));
+    return SUCCESS;
+}
+
+int CClient_HTTP_Common::BuildDigestLine(const char* method)
+{
+    // A fresh client nonce per request: 128 random bits as hexadecimal.
+    // random_device reads the kernel's random source; should it fail, the
+    // nonce count and the address of this object still vary it.
+    char cnonce[33];
+    unsigned int words[4] = {0, 0, 0, 0};
+    try {
+        std::random_device rd;
+        for (unsigned int& w : words) {
+            w = rd();
+        }
+    } catch (...) {
+        words[0] = static_cast<unsigned int>(reinterpret_cast<unsigned long>(this));
+        words[1] = static_cast<unsigned int>(m_ulDigestCount);
+    }
+    snprintf(cnonce, sizeof(cnonce), "%08x%08x%08x%08x", words[0], words[1], words[2], words[3]);
+    const unsigned long nc = m_ulDigestCount + 1;
+    const char prefix[] = "Authorization: ";
+    memcpy(m_strDigestAuth, prefix, sizeof(prefix));
+    const int ret = DigestBuildAuthorization(m_Digest, m_strUser, m_strPassword, method, m_strTargetPath, nc, cnonce,
+                                             m_strDigestAuth + sizeof(prefix) - 1,
+                                             static_cast<int>(sizeof(m_strDigestAuth) - sizeof(prefix) + 1));
+    if (ret != SUCCESS) {
+        m_strDigestAuth[0] = '\0';
+        return ret;
+    }
+    m_ulDigestCount = nc;
     return SUCCESS;
 }
 
@@ -368,12 +424,22 @@ int CClient_HTTP_Common::SendRequest(const char* method, const char* version)
     // names the target server in an absolute URI. With the switch on but no
     // credentials prepared (SetAuthString came before SetAuth(1)) there is no
     // authorisation line: an empty one would end the head early.
-    const bool auth = m_nAuth == 1 && m_strAuth[0] != '\0';
+    const bool digest = m_nAuth == 1 && m_nDigest == 1;
+    if (digest) {
+        const int ret = BuildDigestLine(method);
+        if (ret != SUCCESS) {
+            TimePrint(m_pDB, m_nLogLevel, "[%s::SendCommand()] Digest answer not built ::%d\n", m_pClassName, ret);
+            return ret;
+        }
+    }
+    const char* authLine = digest ? m_strDigestAuth : m_strAuth;
+    const bool auth = m_nAuth == 1 && authLine[0] != '\0';
+    const int limit = digest ? DIGEST_REQUEST_SIZE : REQUEST_SIZE;
     int len;
     if (m_nProxy == 1) {
         if (auth) {
             len = snprintf(m_strRequest, sizeof(m_strRequest), "%s http://%s:%d%s %s\r\n%s\r\n%s\r\n", method,
-                           m_pTargetIp, m_nTargetPort, m_strTargetPath, version, m_strAuth, m_strTag);
+                           m_pTargetIp, m_nTargetPort, m_strTargetPath, version, authLine, m_strTag);
         } else {
             len = snprintf(m_strRequest, sizeof(m_strRequest), "%s http://%s:%d%s %s\r\n%s\r\n", method, m_pTargetIp,
                            m_nTargetPort, m_strTargetPath, version, m_strTag);
@@ -381,13 +447,13 @@ int CClient_HTTP_Common::SendRequest(const char* method, const char* version)
     } else {
         if (auth) {
             len = snprintf(m_strRequest, sizeof(m_strRequest), "%s %s %s\r\n%s\r\n%s\r\n", method, m_strTargetPath,
-                           version, m_strAuth, m_strTag);
+                           version, authLine, m_strTag);
         } else {
             len = snprintf(m_strRequest, sizeof(m_strRequest), "%s %s %s\r\n%s\r\n", method, m_strTargetPath, version,
                            m_strTag);
         }
     }
-    if (len < 0 || len >= static_cast<int>(sizeof(m_strRequest))) {
+    if (len < 0 || len >= limit) {
         TimePrint(m_pDB, m_nLogLevel, "[%s::SendCommand()] request text too large (%d)\n", m_pClassName, len);
         return DATA_LARGE_THEN_BUF;
     }

@@ -1,6 +1,7 @@
 #ifndef OSTREL_HTTP_CLIENT_HTTP_COMMON_H
 #define OSTREL_HTTP_CLIENT_HTTP_COMMON_H
 
+#include "http/digest_auth.h"
 #include "net/socket_io.h"
 
 class DbPrintf_Class;
@@ -35,6 +36,10 @@ public:
     static constexpr int ADDRESS_SIZE = 16;
     static constexpr int PATH_SIZE = 128;
     static constexpr int REQUEST_SIZE = 1024;
+    // A request with a Digest line may be longer: the challenge's realm,
+    // nonce and opaque are echoed (up to 200 characters each).
+    static constexpr int DIGEST_REQUEST_SIZE = 2048;
+    static constexpr int DIGEST_LINE_SIZE = 1024;
     static constexpr int TAG_BLOCK_SIZE = 768;
     static constexpr int AUTH_LINE_SIZE = 128;
     static constexpr int DEFAULT_TIMEOUT_MS = 2000;
@@ -68,7 +73,18 @@ public:
     int SetAuth(int nAuth);
     // Prepares "Authorization: Basic <base64 of user:password>" only when
     // SetAuth(1) came first; otherwise does nothing and returns SUCCESS.
+    // The credentials are also kept for Digest answers, and any Digest
+    // challenge taken before is dropped.
     int SetAuthString(const char* pUserName, const char* pPassword);
+
+    // Digest: from now on requests carry an "Authorization: Digest" line
+    // answering ch (in place of the Basic line; only while SetAuth(1) holds),
+    // with the nonce count starting again at 1. SUCCESS.
+    int SetDigestChallenge(const DigestChallenge& ch);
+    // Back to the Basic line. SUCCESS.
+    int ClearDigestChallenge();
+    // The challenge being answered, or null when none.
+    const DigestChallenge* GetDigestChallenge() const { return m_nDigest == 1 ? &m_Digest : nullptr; }
     // Milliseconds per socket wait; negative values are refused.
     int SetSocketTimeout(int nTimeoutMsec);
     int SetSocketExitFlag(SockExitFlag* pExitFlag);
@@ -115,7 +131,7 @@ protected:
 
     int m_nInitializeDone = 0;
     int m_nSockfd = -1;
-    char m_strRequest[REQUEST_SIZE];
+    char m_strRequest[DIGEST_REQUEST_SIZE];
     char m_strTag[TAG_BLOCK_SIZE];
     int m_nTagLength = 0;
     DbPrintf_Class* m_pDB = nullptr;
@@ -131,9 +147,18 @@ protected:
     int m_nProxy = 0;
     int m_nAuth = 0;
     char m_strAuth[AUTH_LINE_SIZE];
+    char m_strUser[AUTH_LINE_SIZE];
+    char m_strPassword[AUTH_LINE_SIZE];
+    int m_nDigest = 0;                // 1: answer m_Digest instead of sending Basic
+    DigestChallenge m_Digest;
+    unsigned long m_ulDigestCount = 0;  // requests sent with m_Digest's nonce
+    char m_strDigestAuth[DIGEST_LINE_SIZE];
 
 private:
     void SetInitialValues();
+    // The "Authorization: Digest" line for the next request, with the next
+    // nonce count and a fresh client nonce. SUCCESS or the builder's code.
+    int BuildDigestLine(const char* method);
 };
 
 #endif

@@ -17,6 +17,7 @@ int HTTPResponseParser_Class::Clear(DbPrintf_Class* pDB)
     HTTPMessageParser_Class::Clear(pDB);
     m_nStatusCode = 0;
     m_Text.Clear();
+    m_nErrorHeadPos = -1;
     return SUCCESS;
 }
 
@@ -62,6 +63,7 @@ int HTTPResponseParser_Class::ParseStatusLine(DbPrintf_Class* pDB)
     m_nStatusCode = static_cast<int>(code);
     if (code != 200) {
         Fault(400, pDB, kFunc, "[Offset %d]:HTTP error status. code[%lld].", m_nPos, code);
+        m_nErrorHeadPos = m_nPos;
         return HTTP_ACCESS_FAILD;
     }
 
@@ -86,6 +88,7 @@ int HTTPResponseParser_Class::ReadLineText(DbPrintf_Class* pDB)
 int HTTPResponseParser_Class::Parsing(unsigned char* buf, int size, DbPrintf_Class* pDB)
 {
     SetBuffer(buf, size);
+    m_nErrorHeadPos = -1;
     int rc = SkipRead_BeforeHTTPHeader_ReturnCode(pDB);
     if (rc != SUCCESS) {
         return FailedStep(rc, pDB, "HTTPResponseParser_Class::Parsing", "Syntax error before HTTP Header.");
@@ -100,4 +103,17 @@ int HTTPResponseParser_Class::Parsing(unsigned char* buf, int size, DbPrintf_Cla
         return FailedStep(rc, pDB, "HTTPResponseParser_Class::Parsing", "Syntax error in HTTP header.");
     }
     return SUCCESS;
+}
+
+int HTTPResponseParser_Class::ParsingErrorHead(DbPrintf_Class* pDB)
+{
+    if (m_nErrorHeadPos < 0 || m_nErrorHeadPos != m_nPos) {
+        return NOT_INITIALIZE;
+    }
+    m_nErrorHeadPos = -1;
+    int rc = ReadLineText(pDB);
+    if (rc != SUCCESS) {
+        return rc;
+    }
+    return Parsing_HedderLine(pDB);
 }

@@ -27,6 +27,15 @@ public:
     // m_strError set, or SUCCESS.
     int Parsing(unsigned char* buf, int size, DbPrintf_Class* pDB = nullptr);
 
+    // After Parsing refused a status other than 200 (HTTP_ACCESS_FAILD; the
+    // position is still just after the code): reads the reason phrase and
+    // the header lines of that response too, so that a caller can look at
+    // what an error answer carries (a 401's "WWW-Authenticate:" lines).
+    // m_nStatus and m_strError keep the refusal unless these lines are
+    // themselves malformed. SUCCESS, NOT_INITIALIZE when the last Parsing did
+    // not end that way, or the failing step's code.
+    int ParsingErrorHead(DbPrintf_Class* pDB = nullptr);
+
     int m_nStatusCode = 0;  // the status line's code
     OneToken_Class m_Text;  // the reason phrase (or, for a part head, its boundary line)
 
@@ -36,6 +45,9 @@ protected:
     // The rest of the current line, up to and past its LF, as m_Text (the
     // reason phrase, or a part head's boundary line).
     int ReadLineText(DbPrintf_Class* pDB);
+
+private:
+    int m_nErrorHeadPos = -1;  // where a refused status line's code ended
 };
 
 #endif

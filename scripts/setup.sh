@@ -5,6 +5,8 @@
 
 # g++-multilib and googletest (its sources) are for the 32-bit build;
 # lighttpd is the web server the end-to-end tests start the daemon through;
+# lighttpd and apache2 are also the Digest-authenticating cameras (reverse
+# proxies in front of the simulated camera) of tests/e2e/test_camera_digest.py;
 # with apache2, lintian and man-db the package is installed, reviewed and
 # removed again (tests/e2e/test_package.py).
 install_packages cmake g++ g++-multilib clang libclang-rt-14-dev make ninja-build libgtest-dev \

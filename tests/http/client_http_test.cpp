@@ -1,6 +1,7 @@
 #include "http/client_http.h"
 #include "http/client_http_multipart.h"
 #include "http/base64.h"
+#include "http/message_digest.h"
 
 #include <poll.h>
 #include <sys/socket.h>
@@ -8,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <mutex>
 #include <string>
@@ -303,6 +305,150 @@ TEST(ClientHttpTest, ExitFlagEndsTheRequestAndOversizedTagsAreRefused)
     ASSERT_EQ(SUCCESS, c.ClearAllTag());
     EXPECT_EQ(DATA_LARGE_THEN_BUF, c.AddTag("A", std::string(763, 'v').c_str())) << "no room for the terminator";
     EXPECT_EQ(SUCCESS, c.AddTag("A", std::string(762, 'v').c_str()));
+}
+
+// ---- Digest towards the camera (CClient_HTTP_MultiPart) ----------------------
+
+const char kStreamHead[] = "HTTP/1.0 200 OK\r\nContent-Type: multipart/x-mixed-replace; boundary=b\r\n\r\n";
+
+std::string unauthorized(const std::string& challenges)
+{
+    return "HTTP/1.0 401 Unauthorized\r\n" + challenges + "Content-Length: 0\r\n\r\n";
+}
+
+// The value of name=... (quotes dropped) in a request's Digest line, "" when absent.
+std::string digest_param(const std::string& request, const std::string& name)
+{
+    const size_t line = request.find("\r\nAuthorization: Digest ");
+    if (line == std::string::npos) {
+        return "";
+    }
+    const std::string text = request.substr(line, request.find("\r\n", line + 2) - line);
+    const size_t at = text.find(" " + name + "=");
+    if (at == std::string::npos) {
+        return "";
+    }
+    size_t start = at + name.size() + 2;
+    const bool quoted = text[start] == '"';
+    start += quoted ? 1 : 0;
+    return text.substr(start, text.find(quoted ? '"' : ',', start) - start);
+}
+
+std::string hex_md5(const std::string& s)
+{
+    char out[MD5_HEX_SIZE];
+    Md5Hex(s.data(), s.size(), out);
+    return out;
+}
+
+// The camera's own check of an answer (RFC 2617, MD5, qop=auth).
+bool answer_valid(const std::string& request, const std::string& password)
+{
+    const std::string ha1 = hex_md5(digest_param(request, "username") + ":" + digest_param(request, "realm") + ":" +
+                                    password);
+    const std::string ha2 = hex_md5("GET:" + digest_param(request, "uri"));
+    return digest_param(request, "response") ==
+           hex_md5(ha1 + ":" + digest_param(request, "nonce") + ":" + digest_param(request, "nc") + ":" +
+                   digest_param(request, "cnonce") + ":auth:" + ha2);
+}
+
+TEST(ClientHttpMultiPartDigest, ChallengeAnsweredReusedRenewedAndRefused)
+{
+    auto challenge = [](const char* nonce, const char* extra = "") {
+        return unauthorized(std::string("WWW-Authenticate: Basic realm=\"cam\"\r\n"
+                                        "WWW-Authenticate: Digest realm=\"cam\", qop=\"auth\", nonce=\"") +
+                            nonce + "\", opaque=\"op\"" + extra + "\r\n");
+    };
+    RecordingServer server({
+        {challenge("n1")},                     // Basic line refused; Digest offered
+        {kStreamHead},                         // the fresh answer
+        {challenge("n2", ", stale=true")},     // reconnect: n1 reused, now stale
+        {kStreamHead},                         // renewed at once
+        {challenge("n3")},                     // reconnect: n2 reused, refused
+        {challenge("n4")},                     // the fresh answer refused too
+    });
+    SockExitFlag flag{0};
+    CClient_HTTP_MultiPart c;
+    configure(&c, server.port, &flag, "/axis-cgi/mjpg/video.cgi?showlength=1&camera=1");
+    ASSERT_EQ(SUCCESS, c.SetAuth(1));
+    ASSERT_EQ(SUCCESS, c.SetAuthString("root", "pass"));
+    ASSERT_EQ(SUCCESS, c.AddTag("User-Agent", "Tarnmoor"));
+
+    EXPECT_EQ(SUCCESS, c.Get()) << "first connection: one extra round trip";
+    EXPECT_EQ(SUCCESS, c.Get()) << "stale nonce renewed without a failure";
+    EXPECT_EQ(CAMERA_LOGIN_FAIL, c.Get()) << "a 401 to the fresh answer is a refusal";
+    EXPECT_EQ(-1, c.GetSockfd());
+    server.Join();
+
+    ASSERT_EQ(6u, server.requests.size());
+    const auto& r = server.requests;
+    EXPECT_EQ("GET /axis-cgi/mjpg/video.cgi?showlength=1&camera=1 HTTP/1.0\r\n"
+              "Authorization: Basic cm9vdDpwYXNz\r\nUser-Agent: Tarnmoor\r\n\r\n",
+              r[0].second)
+        << "the first request is today's, byte for byte";
+    struct Expect {
+        const char* nonce;
+        const char* nc;
+    } expect[] = {{"n1", "00000001"}, {"n1", "00000002"}, {"n2", "00000001"}, {"n2", "00000002"}, {"n3", "00000001"}};
+    std::vector<std::string> cnonces;
+    for (size_t i = 1; i < r.size(); ++i) {
+        const std::string& req = r[i].second;
+        EXPECT_EQ(static_cast<int>(i), r[i].first) << "each request on a new connection";
+        EXPECT_EQ(0u, req.find("GET /axis-cgi/mjpg/video.cgi?showlength=1&camera=1 HTTP/1.0\r\nAuthorization: Digest "
+                               "username=\"root\", realm=\"cam\", uri=\"/axis-cgi/mjpg/video.cgi?showlength=1&camera=1\", "
+                               "nonce=\""))
+            << req;
+        EXPECT_EQ(std::string::npos, req.find("Basic")) << "the Digest line replaces the Basic line";
+        EXPECT_NE(std::string::npos, req.find("\r\nUser-Agent: Tarnmoor\r\n\r\n"));
+        EXPECT_EQ(expect[i - 1].nonce, digest_param(req, "nonce")) << i;
+        EXPECT_EQ(expect[i - 1].nc, digest_param(req, "nc")) << i;
+        EXPECT_EQ("auth", digest_param(req, "qop"));
+        EXPECT_EQ("op", digest_param(req, "opaque"));
+        EXPECT_NE(std::string::npos, req.find(", nc=" + std::string(expect[i - 1].nc) + ", cnonce=\"")) << "nc unquoted";
+        EXPECT_TRUE(answer_valid(req, "pass")) << req;
+        cnonces.push_back(digest_param(req, "cnonce"));
+        EXPECT_EQ(32u, cnonces.back().size());
+    }
+    std::sort(cnonces.begin(), cnonces.end());
+    EXPECT_EQ(cnonces.end(), std::unique(cnonces.begin(), cnonces.end())) << "a fresh cnonce per request";
+}
+
+TEST(ClientHttpMultiPartDigest, WithoutAUsableDigestChallengeA401IsOneFailedRequest)
+{
+    std::string nineBasic;
+    for (int i = 0; i < 9; ++i) {
+        nineBasic += "WWW-Authenticate: Basic realm=\"cam\"\r\n";
+    }
+    struct Row {
+        int auth;
+        std::string reply;
+        int code;
+        const char* note;
+    } rows[] = {
+        {1, unauthorized("WWW-Authenticate: Basic realm=\"cam\"\r\n"), HTTP_INVALID_SYNTAX, "Basic only: as today"},
+        {1, unauthorized(""), HTTP_INVALID_SYNTAX, "no challenge"},
+        {1, unauthorized(nineBasic), HTTP_INVALID_SYNTAX, "nine Basic challenges, over the parser's limit: as today"},
+        {0, unauthorized("WWW-Authenticate: Digest realm=\"cam\", nonce=\"n\"\r\n"), HTTP_INVALID_SYNTAX,
+         "authentication switched off"},
+        {1, unauthorized("WWW-Authenticate: Digest realm=\"cam\", nonce=\"n\", qop=\"auth-int\"\r\n"),
+         UNSUPPORTED_PROTOCOL, "auth-int alone"},
+        {1, unauthorized("WWW-Authenticate: Digest realm=\"" + std::string(201, 'r') + "\", nonce=\"n\"\r\n"),
+         DATASIZE_LARGE, "realm over its limit"},
+        {1, "HTTP/1.0 403 Forbidden\r\nWWW-Authenticate: Digest realm=\"cam\", nonce=\"n\"\r\n\r\n", HTTP_INVALID_SYNTAX,
+         "a challenge on another status is not one"},
+    };
+    for (const Row& r : rows) {
+        RecordingServer server({{r.reply}});
+        SockExitFlag flag{0};
+        CClient_HTTP_MultiPart c;
+        configure(&c, server.port, &flag, "/v");
+        ASSERT_EQ(SUCCESS, c.SetAuth(r.auth));
+        ASSERT_EQ(SUCCESS, c.SetAuthString("root", "pass"));
+        EXPECT_EQ(r.code, c.Get()) << r.note;
+        EXPECT_EQ(nullptr, c.GetDigestChallenge()) << r.note;
+        server.Join();
+        EXPECT_EQ(1, server.accepted.load()) << r.note;
+    }
 }
 
 }  // namespace

@@ -3,12 +3,14 @@
 #include <algorithm>
 #include <cctype>
 #include <cstdio>
+#include <cstdlib>
 #include <dirent.h>
 #include <fstream>
 #include <iterator>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "http/message_digest.h"
 #include "tests/sim/jpeg_encoder.h"
 #include "viewer/jpeg_stamp.h"
 #include "viewer/tool_http.h"
@@ -92,7 +94,96 @@ void hold_open(int fd, const std::atomic<bool>& stop)
     }
 }
 
+// The auth-params of an Authorization value after its scheme: name=token or
+// name="quoted \"string\"", separated by commas. Names in lower case.
+std::map<std::string, std::string> auth_params(const std::string& text)
+{
+    std::map<std::string, std::string> out;
+    size_t i = 0;
+    while (i < text.size()) {
+        while (i < text.size() && (text[i] == ' ' || text[i] == ',' || text[i] == '\t'))
+            i++;
+        const size_t eq = text.find('=', i);
+        if (eq == std::string::npos)
+            break;
+        std::string name = text.substr(i, eq - i);
+        while (!name.empty() && name.back() == ' ')
+            name.pop_back();
+        for (char& c : name)
+            c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+        i = eq + 1;
+        while (i < text.size() && text[i] == ' ')
+            i++;
+        std::string value;
+        if (i < text.size() && text[i] == '"') {
+            for (i++; i < text.size() && text[i] != '"'; i++) {
+                if (text[i] == '\\' && i + 1 < text.size())
+                    i++;
+                value += text[i];
+            }
+            i++;
+        } else {
+            while (i < text.size() && text[i] != ',' && text[i] != ' ')
+                value += text[i++];
+        }
+        out[name] = value;
+    }
+    return out;
+}
+
+std::string digest_hash(const std::string& algorithm, const std::string& text)
+{
+    char out[SHA256_HEX_SIZE];
+    DigestHashHex(algorithm.compare(0, 7, "SHA-256") == 0, text.data(), text.size(), out);
+    return out;
+}
+
 }  // namespace
+
+bool CamSim::check_digest(const HttpHead& req, std::string* challenge)
+{
+    static const char kRealm[] = "AXIS_SIMULATOR";
+    const std::string& alg = cfg_.digestAlgorithm;
+    const bool sess = alg.size() > 5 && alg.compare(alg.size() - 5, 5, "-sess") == 0;
+    const std::string* a = req.Find("Authorization");
+    bool stale = false;
+    std::lock_guard<std::mutex> lock(nonce_mu_);
+    if (a != nullptr && a->compare(0, 7, "Digest ") == 0) {
+        auto p = auth_params(a->substr(7));
+        auto it = nonces_.find(p["nonce"]);
+        if (it != nonces_.end()) {
+            NonceUse& use = it->second;
+            const unsigned long nc = std::strtoul(p["nc"].c_str(), nullptr, 16);
+            if (cfg_.nonceUses > 0 && use.uses >= cfg_.nonceUses) {
+                stale = true;
+            } else if (p["username"] == cfg_.user && p["realm"] == kRealm && p["uri"] == req.target &&
+                       (p.count("algorithm") == 0 ? alg == "MD5" : p["algorithm"] == alg) &&
+                       (!cfg_.digestQop || (p["qop"] == "auth" && p["nc"].size() == 8 && nc > use.lastNc &&
+                                            !p["cnonce"].empty()))) {
+                std::string ha1 = digest_hash(alg, cfg_.user + ":" + kRealm + ":" + cfg_.password);
+                if (sess)
+                    ha1 = digest_hash(alg, ha1 + ":" + p["nonce"] + ":" + p["cnonce"]);
+                const std::string ha2 = digest_hash(alg, req.method + ":" + req.target);
+                const std::string want =
+                    cfg_.digestQop ? digest_hash(alg, ha1 + ":" + p["nonce"] + ":" + p["nc"] + ":" + p["cnonce"] +
+                                                          ":auth:" + ha2)
+                                   : digest_hash(alg, ha1 + ":" + p["nonce"] + ":" + ha2);
+                if (p["response"] == want && p["opaque"] == "0pa9ue") {
+                    use.uses++;
+                    use.lastNc = nc;
+                    return true;
+                }
+            }
+        }
+    }
+    const std::string nonce = "camsim" + std::to_string(++nonce_seq_) + "n" + std::to_string(::getpid());
+    nonces_[nonce] = NonceUse();
+    *challenge = std::string("WWW-Authenticate: Digest realm=\"") + kRealm + "\", nonce=\"" + nonce +
+                 "\", algorithm=" + alg + (cfg_.digestQop ? ", qop=\"auth\"" : "") + ", opaque=\"0pa9ue\"" +
+                 (stale ? ", stale=true" : "") + "\r\n";
+    return false;
+}
+
 
 bool ParseCamFault(const std::string& name, CamFault* out)
 {
@@ -221,6 +312,10 @@ void CamSim::serve(int fd, const std::string& peer, int connNo)
             status = 404;
         } else if (camera && (!ParseInteger(*camera, &camNo) || camNo < 1 || camNo > cfg_.cameras)) {
             status = 404;
+        } else if (cfg_.auth && !cfg_.digestAlgorithm.empty()) {
+            if (!check_digest(req, &extra)) {
+                status = 401;
+            }
         } else if (cfg_.auth) {
             const std::string* a = req.Find("Authorization");
             const std::string want = "Basic " + Base64Encode(cfg_.user + ":" + cfg_.password);

@@ -14,18 +14,22 @@
 // showlength=1, as the real camera does. Every picture carries a stamp (see
 // jpeg_stamp.h) with a sequence number that increases across all
 // connections and the time the part was handed to the socket. Faults can be
-// injected at a chosen part. Each connection is served by its own thread.
+// injected at a chosen part. With a password it asks for Basic or for Digest
+// (RFC 7616 / 2617 / 2069; its nonces can be made to go stale). Each connection is served by its own thread.
 //
 // Start/Stop are called from one controlling thread; the statistics may be
 // read from any thread.
 
 #include <atomic>
 #include <cstdint>
+#include <map>
+#include <mutex>
 #include <string>
 #include <vector>
 
 #include "tests/sim/request_recorder.h"
 #include "viewer/tcp_server.h"
+#include "viewer/tool_http.h"
 
 namespace otools {
 
@@ -60,6 +64,13 @@ struct CamSimConfig {
     uint64_t frames = 0;   // parts per connection, then a normal close; 0 = endless
     bool auth = false;
     std::string user, password;
+    // Digest instead of Basic (with auth): "MD5", "MD5-sess", "SHA-256" or
+    // "SHA-256-sess"; digestQop offers qop="auth" (else RFC 2069's form).
+    std::string digestAlgorithm;
+    bool digestQop = false;
+    // A nonce serves this many authorised requests, then the next one using
+    // it gets 401 with stale=true and a new nonce; 0 = for ever.
+    long long nonceUses = 0;
     std::string boundary = "myboundary";
     int cameras = 4;  // camera numbers 1..cameras exist
     CamFault fault = CamFault::kNone;
@@ -103,6 +114,9 @@ private:
     void serve(int fd, const std::string& peer, int connNo);
     void stream(int fd, bool showLength, bool faulty, int connNo);
     void log(const std::string& line) const;
+    // Digest: true when the request's Authorization answers a live nonce
+    // correctly; otherwise *challenge is the WWW-Authenticate line to send.
+    bool check_digest(const HttpHead& req, std::string* challenge);
 
     const CamSimConfig cfg_;
     std::vector<Picture> pictures_;
@@ -111,6 +125,14 @@ private:
     const std::atomic<bool>& stop_ = server_.StopFlag();
     std::atomic<uint64_t> seq_{0};
     std::atomic<uint64_t> frames_sent_{0};
+
+    struct NonceUse {
+        long long uses = 0;        // authorised requests so far
+        unsigned long lastNc = 0;  // highest nonce count seen (qop only)
+    };
+    std::mutex nonce_mu_;
+    std::map<std::string, NonceUse> nonces_;  // guarded by nonce_mu_
+    uint64_t nonce_seq_ = 0;                  // guarded by nonce_mu_
 };
 
 }  // namespace otools

@@ -35,6 +35,12 @@ const char kUsage[] = "Usage: ostrel-camsim --listen ADDR[:PORT] [options]\n"
                       "  --images DIR           send the *.jpg/*.jpeg files of DIR in name order instead\n"
                       "  --cameras N            camera numbers 1..N exist (default 4); others get 404\n"
                       "  --auth USER:PASSWORD   require Basic authorisation (standard Base64); 401 otherwise\n"
+                      "  --auth-digest ALG[,auth]\n"
+                      "                         ask for Digest instead of Basic (with --auth): ALG is MD5,\n"
+                      "                         MD5-sess, SHA-256 or SHA-256-sess; \",auth\" offers qop=auth\n"
+                      "                         (the -sess forms need it), without it RFC 2069's form\n"
+                      "  --nonce-uses N         a Digest nonce serves N authorised requests; the next one\n"
+                      "                         gets 401 with stale=true and a new nonce (default 0 = for ever)\n"
                       "  --boundary TEXT        multipart boundary (default myboundary)\n"
                       "  --fault KIND           inject a fault (below)\n"
                       "  --fault-at N           the part number the fault hits (default 1)\n"
@@ -79,6 +85,8 @@ int main(int argc, char** argv)
         kImages,
         kCameras,
         kAuth,
+        kAuthDigest,
+        kNonceUses,
         kBoundary,
         kFault,
         kFaultAt,
@@ -99,6 +107,8 @@ int main(int argc, char** argv)
                                       {"images", required_argument, nullptr, kImages},
                                       {"cameras", required_argument, nullptr, kCameras},
                                       {"auth", required_argument, nullptr, kAuth},
+                                      {"auth-digest", required_argument, nullptr, kAuthDigest},
+                                      {"nonce-uses", required_argument, nullptr, kNonceUses},
                                       {"boundary", required_argument, nullptr, kBoundary},
                                       {"fault", required_argument, nullptr, kFault},
                                       {"fault-at", required_argument, nullptr, kFaultAt},
@@ -174,6 +184,22 @@ int main(int argc, char** argv)
             cfg.password = arg.substr(colon + 1);
             break;
         }
+        case kAuthDigest: {
+            const size_t comma = arg.find(',');
+            const std::string alg = arg.substr(0, comma);
+            const std::string qop = comma == std::string::npos ? "" : arg.substr(comma + 1);
+            const bool sess = alg == "MD5-sess" || alg == "SHA-256-sess";
+            if ((alg != "MD5" && alg != "SHA-256" && !sess) || (qop != "" && qop != "auth") || (sess && qop.empty()))
+                return otools::UsageError(kTool, "bad --auth-digest " + arg);
+            cfg.digestAlgorithm = alg;
+            cfg.digestQop = !qop.empty();
+            break;
+        }
+        case kNonceUses:
+            if (!otools::ParseIntegerIn(optarg, 0, 1LL << 62, &v))
+                return otools::UsageError(kTool, "bad --nonce-uses " + arg);
+            cfg.nonceUses = v;
+            break;
         case kBoundary:
             if (arg.empty() || arg.find_first_of("\r\n") != std::string::npos)
                 return otools::UsageError(kTool, "bad --boundary");
@@ -209,6 +235,8 @@ int main(int argc, char** argv)
         return otools::UsageError(kTool, std::string("unexpected argument ") + argv[optind]);
     if (!haveListen)
         return otools::UsageError(kTool, "--listen is required");
+    if (!cfg.digestAlgorithm.empty() && !cfg.auth)
+        return otools::UsageError(kTool, "--auth-digest needs --auth USER:PASSWORD");
 
     otools::InstallStopSignals();
     otools::CamSim sim(cfg);
