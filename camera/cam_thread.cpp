@@ -38,10 +38,11 @@ constexpr int kStateDisconnected = 12;
     _exit(-1);
 }
 
+// Now on the monotonic clock, the post-alarm term's clock.
 long long now_usec()
 {
     timeval tv{};
-    gettimeofday(&tv, nullptr);
+    GetMonotonicTime(&tv);
     return static_cast<long long>(tv.tv_sec) * 1000000LL + tv.tv_usec;
 }
 
@@ -290,11 +291,19 @@ void Class_CamThread::BackOffSleep(int exponent)
 {
     constexpr long long kSliceUsec = 100000;
     const long long total = (1LL << exponent) * 1000000LL;
-    for (long long slept = 0; slept < total; slept += kSliceUsec) {
+    timeval start{};
+    GetMonotonicTime(&start);
+    for (;;) {
         if (m_nCommand.load(std::memory_order_relaxed) == -1) {
             return;
         }
-        UsecSleep(kSliceUsec);
+        timeval now{};
+        GetMonotonicTime(&now);
+        const long long left = total - GetDifftime64(&start, &now);
+        if (left <= 0) {
+            return;
+        }
+        UsecSleep(left < kSliceUsec ? left : kSliceUsec);
     }
 }
 

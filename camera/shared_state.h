@@ -30,11 +30,12 @@ inline std::atomic<int> g_ConnectState{1};
 
 // Reference time of the post-alarm term, set at login. A timeval cannot be
 // stored atomically as two words without a torn read, so it is kept as one
-// atomic count of microseconds since the epoch (0: never set). Use the two
+// atomic count of microseconds on the monotonic clock (GetMonotonicTime;
+// 0: never set), so that a step of the wall clock does not shift the term. Use the two
 // accessors below instead of touching the word.
 inline std::atomic<long long> g_strNowTimePT{0};
 
-// Microseconds accumulated in the current post-alarm term.
+// Microseconds accumulated in the current post-alarm term (monotonic).
 inline std::atomic<long long> g_lnDiffTimeSumPT{0};
 
 // 1 once the stop request of the current post-alarm term has been sent.

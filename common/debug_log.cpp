@@ -129,15 +129,22 @@ int open_fd_0666(const char* path, bool truncate)
 }
 
 // The whole text in one write() (a regular file takes it at once; the loop
-// only guards against a short write). Write errors are not reported.
+// only guards against a short write). Write errors are not reported, but a
+// line is all or nothing: when the file system is full (ENOSPC, EDQUOT) part
+// of it may have gone in, and the file is cut back to where it ended, so
+// that the log resumes with whole lines once there is room again.
 void write_all(int fd, const char* text, size_t len)
 {
+    const off_t end = lseek(fd, 0, SEEK_END);
     while (len > 0) {
         const ssize_t w = write(fd, text, len);
         if (w < 0 && errno == EINTR) {
             continue;
         }
         if (w <= 0) {
+            if (end >= 0) {
+                (void)ftruncate(fd, end);
+            }
             return;
         }
         text += w;

@@ -93,6 +93,17 @@ int UsecSleep(long long usec, DbPrintf_Class* /*pDB*/)
     return SUCCESS;
 }
 
+void GetMonotonicTime(timeval* tv)
+{
+    if (tv == nullptr) {
+        return;
+    }
+    timespec ts{};
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    tv->tv_sec = ts.tv_sec;
+    tv->tv_usec = static_cast<suseconds_t>(ts.tv_nsec / 1000);
+}
+
 long long GetDifftime64(const timeval* earlier, const timeval* later, DbPrintf_Class* /*pDB*/)
 {
     if (earlier == nullptr || later == nullptr) {

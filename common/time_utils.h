@@ -21,6 +21,19 @@ int GetTimeStr_Http(char* buf, int size, const timeval* tv, DbPrintf_Class* pDB 
 // the wait early (this is how SIGUSR1 wakes a sleeping worker). SUCCESS.
 int UsecSleep(long long usec, DbPrintf_Class* pDB = nullptr);
 
+// Reads CLOCK_MONOTONIC into *tv (seconds and microseconds since an
+// arbitrary start; never steps). Every duration of the daemon is the
+// GetDifftime64 of two such readings: the pass accounting of the socket
+// waits and request and picture reads, the time-outs, the post-alarm tick
+// and sum, the thread-stop limit, the camera's back-off. When the wall clock
+// does not step, the same difference taken on this clock is the difference
+// of two gettimeofday readings, so every behaviour defined on those holds;
+// when it steps (NTP's first sync, date -s, a resumed virtual machine) no
+// duration jumps with it. The wall clock (gettimeofday) is kept for what
+// shows wall time: log lines, the picture's arrival time, the Date header,
+// the configuration's update stamp.
+void GetMonotonicTime(timeval* tv);
+
 // later - earlier, in signed 64-bit microseconds.
 long long GetDifftime64(const timeval* earlier, const timeval* later, DbPrintf_Class* pDB = nullptr);
 

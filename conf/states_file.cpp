@@ -1,5 +1,6 @@
 #include "conf/states_file.h"
 
+#include <errno.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -62,6 +63,9 @@ int PPDStatesFile_Class::IsFile(DbPrintf_Class*) const
 {
     FILE* fp = fopen(m_szPath, "r");
     if (fp == nullptr) {
+        if ((errno == EMFILE || errno == ENFILE) && access(m_szPath, R_OK) == 0) {
+            return SUCCESS;
+        }
         return NOTFOUND_FILE;
     }
     fclose(fp);
@@ -100,7 +104,11 @@ int PPDStatesFile_Class::WriteDocument(const char* state, const char* comment)
     // otherwise find a cut document.
     const int closed = fclose(fp);
     chmod(m_szPath, 0666);
-    return (written < 0 || closed != 0) ? SYS_FUNC_ERROR : SUCCESS;
+    if (written < 0 || closed != 0) {
+        unlink(m_szPath);
+        return SYS_FUNC_ERROR;
+    }
+    return SUCCESS;
 }
 
 int PPDStatesFile_Class::StatesWrite(const char* state, DbPrintf_Class*)

@@ -10,7 +10,9 @@ class StringBuf_Class;
 // rest of the recording system its state, process id and control port.
 //
 // The file is rewritten whole (opened "w", no temporary file) at each state
-// change, so a reader may briefly see it empty or truncated. Deleting the file
+// change, so a reader may briefly see it empty or truncated. A write that
+// fails (a full file system) removes the file rather than leave a cut
+// document that a later start could read. Deleting the file
 // is how other programs ask the daemon to stop (the main loop polls IsFile).
 // Element texts are written as given, without escaping. Nothing is logged
 // here; callers log failures. Used by one thread at a time.
@@ -28,12 +30,16 @@ public:
     int Init(const char* name, const char* path, DbPrintf_Class* pDB = nullptr);
 
     // SUCCESS when the path can be opened for reading, else NOTFOUND_FILE.
+    // A process out of descriptors (EMFILE, ENFILE) cannot open anything:
+    // then the file counts as there when access() finds it readable, so
+    // that the shortage is not taken for a deletion (a request to stop).
     int IsFile(DbPrintf_Class* pDB = nullptr) const;
     // Removes the file: SUCCESS or SYS_FUNC_ERROR.
     int FileUnLink(DbPrintf_Class* pDB = nullptr) const;
 
     // Write the document with the given state word (and comment); the file
-    // gets mode 0666. SYS_FUNC_ERROR when it cannot be opened or written.
+    // gets mode 0666. SYS_FUNC_ERROR when it cannot be opened or written;
+    // a file that could not be written whole is removed.
     // The plain form carries the build time and date in PPD_VersionTime, the
     // comment form the build date alone.
     int StatesWrite(const char* state, DbPrintf_Class* pDB = nullptr);

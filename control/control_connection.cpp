@@ -121,6 +121,14 @@ int ControlPort_Connection::SendHeadAndData(const char* data, int size, DbPrintf
                                     m_pCommand, pDB);
 }
 
+int ControlPort_Connection::SendHeadAndData_WhileIntact(const char* data, int size, const std::function<bool()>& intact,
+                                                        DbPrintf_Class* pDB)
+{
+    int length = IsHeadRequest() ? 0 : size;
+    return HttpResponse_SendMessage_WhileIntact(m_nConnectFd, m_Header.c_str(), m_Header.length(), data, length,
+                                                kSendTimeoutMs, m_pCommand, intact, pDB);
+}
+
 int ControlPort_Connection::ResponceSend_ConnectionClose(int status, DbPrintf_Class* pDB)
 {
     SendAnswer(status, nullptr, pDB);

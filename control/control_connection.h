@@ -3,6 +3,8 @@
 
 #include <netinet/in.h>
 
+#include <functional>
+
 #include <atomic>
 
 #include "common/string_buf.h"
@@ -77,6 +79,11 @@ public:
     // Sends the head text built in Header() and then size bytes of data
     // (none for HEAD), within 4000 ms. The send's result.
     int SendHeadAndData(const char* data, int size, DbPrintf_Class* pDB);
+    // The same for data that may be overwritten while sent (a picture
+    // borrowed from the frame ring): cut off before its end once intact()
+    // says it changed (HttpResponse_SendMessage_WhileIntact).
+    int SendHeadAndData_WhileIntact(const char* data, int size, const std::function<bool()>& intact,
+                                    DbPrintf_Class* pDB);
 
 private:
     int SendAnswer(int status, const char* extraHeaders, DbPrintf_Class* pDB);

@@ -45,7 +45,7 @@ int ControlPort_ServerThread::ThreadMain(DbPrintf_Class* pDB)
         m_Conn.ClearRequest(pDB);
         sockaddr_in peer{};
         int fd = -1;
-        rc = Sock_Accept(m_pPool->GetListenFd(), &fd, &peer);
+        rc = Sock_Accept(m_pPool->GetListenFd(), &fd, &peer, pDB);
         if (m_Conn.StopRequested()) {
             if (fd >= 0)
                 Sock_Close(fd, pDB);

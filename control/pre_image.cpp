@@ -90,7 +90,7 @@ int PreImage_Protocol::DoCommand_Ptipimg__img_login(DbPrintf_Class* pDB)
 
     g_flagLoginUserExist.store(1, std::memory_order_relaxed);
     timeval now;
-    gettimeofday(&now, nullptr);
+    GetMonotonicTime(&now);
     SetNowTimePT(now);
     NotifyCamThread();
 
@@ -215,7 +215,8 @@ void PreImage_Protocol::SendImage(const char* pVideo, const char* option, const 
             rc);
         return;
     }
-    m_Conn.SendHeadAndData(pVideo, info.nDataSize_Video, pDB);
+    m_Conn.SendHeadAndData_WhileIntact(
+        pVideo, info.nDataSize_Video, [&info] { return g_Fifo.FrameIntact(info.lnDataNo); }, pDB);
     // Done with the borrowed slot: taking the FIFO's mutex once more orders
     // this read before the writer's next commit, and so before it refills
     // the slot, even when no further request comes (a paused viewer).

@@ -60,7 +60,7 @@ void write_error_exit(const char* comment, DbPrintf_Class* pDB)
 }
 
 // The step at which prepare_daemon stopped.
-enum class PrepareFailure { kNone, kName, kConfigType, kConfigRead, kParams, kListenPort };
+enum class PrepareFailure { kNone, kName, kConfigType, kConfigRead, kParams, kListenPort, kStatesWrite };
 
 // The daemon's own checks, configuration and control port, shared by both
 // starts. On success the states file names the port. On failure the code of
@@ -92,8 +92,13 @@ PrepareFailure prepare_daemon(const char* name, int* pRc, DbPrintf_Class* pDB)
     if (*pRc != SUCCESS)
         return PrepareFailure::kListenPort;
 
+    // The states file now names the port. A file system that has filled up
+    // since the launcher's write makes this a failed start, not a daemon
+    // that nobody can find (the failed write has removed the file).
     g_PPDStatesFile.SetPort(static_cast<short>(g_ControlListenPort.GetPort()));
-    g_PPDStatesFile.StatesWrite(kStateRunning, pDB);
+    *pRc = g_PPDStatesFile.StatesWrite(kStateRunning, pDB);
+    if (*pRc != SUCCESS)
+        return PrepareFailure::kStatesWrite;
     return PrepareFailure::kNone;
 }
 
@@ -108,6 +113,7 @@ void write_preparation_error(PrepareFailure failure, const char* paramsComment, 
     case PrepareFailure::kConfigRead: write_error_exit("For failed at config file reading", pDB); return;
     case PrepareFailure::kParams: write_error_exit(paramsComment, pDB); return;
     case PrepareFailure::kListenPort: write_error_exit("Control Listen Port , can not open.", pDB); return;
+    case PrepareFailure::kStatesWrite: write_error_exit("States file does not create.", pDB); return;
     }
 }
 
@@ -138,6 +144,9 @@ void fail_preparation_forked(PrepareFailure failure, int rc, DbPrintf_Class* pDB
     case PrepareFailure::kListenPort:
         TimePrint(pDB, 1, "[PPDMain_ForkStart] g_ControlListenPort.ListenPort_SetUp() failed ::%d\n", rc);
         break;
+    case PrepareFailure::kStatesWrite:
+        TimePrint(pDB, 1, "[PPDMain_ForkStart] g_PPDStatesFile.StatesWrite() failed ::%d\n", rc);
+        break;
     }
     write_preparation_error(failure,
                             "Debug Warning. [PPDMain_ForkStart()]g_configInfoIOClass.GetParamsFromMem() failed", pDB);
@@ -167,6 +176,9 @@ void fail_preparation_foreground(PrepareFailure failure, int rc, DbPrintf_Class*
         break;
     case PrepareFailure::kListenPort:
         TimePrint(pDB, 1, "[PPDMain_NonForkStart] g_ControlListenPort.ListenPort_SetUp() failed ::%d\n", rc);
+        break;
+    case PrepareFailure::kStatesWrite:
+        TimePrint(pDB, 1, "[PPDMain_NonForkStart] g_PPDStatesFile.StatesWrite() failed ::%d\n", rc);
         break;
     }
     write_preparation_error(

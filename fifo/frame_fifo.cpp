@@ -432,6 +432,13 @@ int CMFifo::InputDataFinish(char* pInData_Option, int nInDataSize_Option)
 // ---------------------------------------------------------------------------
 // Reader side
 
+bool CMFifo::FrameIntact(long long lnDataNo)
+{
+    std::lock_guard<std::mutex> lock(m_Mutex);
+    const long long nSlots = static_cast<long long>(nLength_Fifo) + nLength_WriteOnlyZone;
+    return m_lnDataNo_Input.load(std::memory_order_relaxed) < lnDataNo + nSlots;
+}
+
 bool CMFifo::WaitForDataNo(long long lnDataNo, std::chrono::steady_clock::time_point deadline)
 {
     std::unique_lock<std::mutex> lock(m_Mutex);

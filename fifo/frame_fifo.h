@@ -113,6 +113,14 @@ public:
     // frame wait here: every commit wakes them. Call only while set up.
     bool WaitForDataNo(long long lnDataNo, std::chrono::steady_clock::time_point deadline);
 
+    // True while the slot of frame lnDataNo has not been taken by the writer
+    // for a later frame (the frame being written is below lnDataNo + L + W).
+    // Bytes of a borrowed picture that were read before a call answering
+    // true were read whole; a reader slower than the window above learns
+    // here that the rest of its picture may be another frame's. Takes the
+    // mutex, which orders the reader's reads before the writer's next start.
+    bool FrameIntact(long long lnDataNo);
+
 private:
     int AllocStrBuffer(_StrBuffer** pStrbuf, int nBufferSize_Video, int nBufferSize_Option);
     int FreeStrBuffer(_StrBuffer** pStrbuf);

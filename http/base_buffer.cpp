@@ -45,7 +45,7 @@ int http_head::Scan::Next(const unsigned char* buf, int filled)
 bool http_head::TimeUp(const timeval& before, int timeout_ms, long long* countedUsec)
 {
     timeval after{};
-    gettimeofday(&after, nullptr);
+    GetMonotonicTime(&after);
     // A silent wait has already ended the read with the wait's own
     // SOCK_TIMEOUT; what reaches here is a pass that saw bytes (or a signal).
     return Sock_RecvPassTimeUp(GetDifftime64(&before, &after), false, timeout_ms, countedUsec);
@@ -200,7 +200,7 @@ int HTTPBaseBuffer_Class::ReadHead(int fd, int timeout_ms, SockExitFlag* exitFla
         }
 
         timeval before{};
-        gettimeofday(&before, nullptr);
+        GetMonotonicTime(&before);
         int got = 0;
         if (pass > 0 || m_nFilled <= m_nConsumed) {
             int rc =

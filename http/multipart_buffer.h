@@ -57,6 +57,10 @@ public:
     // the data are NOT at m_pBuffer + m_nBodyStart. A part longer than
     // nDstSize gives DATASIZE_LARGE before any data byte is read (the owner
     // closes the connection). INVALID_ARGUMENT for null pDst or pReceived.
+    // Unlike HttpReadMulti, a connection closed before all Content length
+    // bytes of the data came is a failed read (HTTP_BODY_READ_FAILD, status
+    // 400, its receive logged with SOCK_CLOSE): the part is not handed on
+    // with bytes the peer never sent.
     int HttpReadMultiInto(int fd, int timeout_ms, SockExitFlag* exitFlag, char* pDst, int nDstSize, int* pReceived,
                           DbPrintf_Class* pDB = nullptr);
 

@@ -4,6 +4,7 @@
 #include <sys/time.h>
 
 #include "common/debug_log.h"
+#include "common/time_utils.h"
 #include "common/return_codes.h"
 
 // The part reader that receives a part's data straight into the caller's
@@ -34,7 +35,7 @@ int read_part_head_exact(HTTPMultiPartResponseBuffer_Class& b, int fd, int timeo
             return LOOP_INTERRUPTED;
         }
         timeval before{};
-        gettimeofday(&before, nullptr);
+        GetMonotonicTime(&before);
 
         int peeked = 0;
         int rc = b.RecvOnce(fd, b.m_pBuffer + b.m_nFilled, b.m_nCapacity - b.m_nFilled, &peeked, timeout_ms,
@@ -126,18 +127,18 @@ int HTTPMultiPartResponseBuffer_Class::HttpReadMultiInto(int fd, int timeout_ms,
     trailerInBuffer = trailerInBuffer < 0 ? 0 : (trailerInBuffer > 2 ? 2 : trailerInBuffer);
     m_nConsumed = m_nBodyStart + fromBuffer + trailerInBuffer;
 
-    bool closed = false;
     if (fromBuffer < length) {
         int got = 0;
         rc = RecvFill(fd, pDst + fromBuffer, length - fromBuffer, &got, timeout_ms, exitFlag, pDB);
         if (rc == SUCCESS && got < length - fromBuffer) {
-            // The peer closed early: the read still succeeds, and the
-            // missing bytes read as NUL bytes rather than older data.
-            memset(pDst + fromBuffer + got, 0, static_cast<size_t>(length - fromBuffer - got));
-            closed = true;
+            // The camera closed inside the picture: the bytes it announced
+            // never came, so there is no picture to hand out (the buffered
+            // body read would succeed short; a picture must be the camera's
+            // own bytes, whole).
+            rc = SOCK_CLOSE;
         }
     }
-    if (rc == SUCCESS && !closed && trailerInBuffer < 2) {
+    if (rc == SUCCESS && trailerInBuffer < 2) {
         // The line end after the data; its bytes are not kept.
         char trailer[2];
         int got = 0;

@@ -3,6 +3,7 @@
 #include <stdio.h>
 #include <sys/time.h>
 
+#include "common/debug_log.h"
 #include "common/return_codes.h"
 #include "common/string_buf.h"
 #include "common/time_utils.h"
@@ -160,4 +161,53 @@ int HttpResponse_SendMessage(int fd, const char* head, int headLength, const cha
         rc = Sock_Send(fd, body, bodyLength, &sent, timeout_ms, exitFlag, pDB);
     }
     return rc;
+}
+
+int HttpResponse_SendMessage_WhileIntact(int fd, const char* head, int headLength, const char* body, int bodyLength,
+                                         int timeout_ms, SockExitFlag* exitFlag, const std::function<bool()>& intact,
+                                         DbPrintf_Class* pDB)
+{
+    if (bodyLength < 1) {
+        return HttpResponse_SendMessage(fd, head, headLength, body, bodyLength, timeout_ms, exitFlag, pDB);
+    }
+    int sent = 0;
+    int rc = Sock_SendMore(fd, head, headLength, &sent, timeout_ms, exitFlag, pDB);
+    if (rc != SUCCESS) {
+        return rc;
+    }
+    timeval start;
+    GetMonotonicTime(&start);
+    int done = 0;
+    for (;;) {
+        if (!intact()) {
+            TimePrint(pDB, 1,
+                      "[HttpResponse_SendMessage_WhileIntact] body overwritten while sent: cut off after %d of %d "
+                      "bytes\n",
+                      done, bodyLength);
+            return CHANNEL_NO_DATA;
+        }
+        timeval now;
+        GetMonotonicTime(&now);
+        const long long leftMs = timeout_ms - GetDifftime64(&start, &now) / 1000;
+        if (leftMs <= 0) {
+            return SOCK_TIMEOUT;
+        }
+        if (done == bodyLength - 1) {
+            // Read before the question above answered: whole.
+            const char last = body[done];
+            if (!intact()) {
+                continue;  // logged and ended at the top
+            }
+            return Sock_Send(fd, &last, 1, &sent, static_cast<int>(leftMs), exitFlag, pDB);
+        }
+        int n = bodyLength - 1 - done;
+        if (n > kSendIntactChunk) {
+            n = kSendIntactChunk;
+        }
+        rc = Sock_SendMore(fd, body + done, n, &sent, static_cast<int>(leftMs), exitFlag, pDB);
+        if (rc != SUCCESS) {
+            return rc;
+        }
+        done += n;
+    }
 }

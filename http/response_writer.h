@@ -1,6 +1,8 @@
 #ifndef OSTREL_HTTP_RESPONSE_WRITER_H
 #define OSTREL_HTTP_RESPONSE_WRITER_H
 
+#include <functional>
+
 #include "net/socket_io.h"
 
 class DbPrintf_Class;
@@ -47,5 +49,23 @@ int HttpResponse_MakeMessage_WithStatesCodeBody(StringBuf_Class* out, int code, 
 // buffers are only read; the body is sent from where it lies (no copy).
 int HttpResponse_SendMessage(int fd, const char* head, int headLength, const char* body, int bodyLength, int timeout_ms,
                              SockExitFlag* exitFlag, DbPrintf_Class* pDB = nullptr);
+
+// HttpResponse_SendMessage for a body that lies where a writer may overwrite
+// it, such as a picture borrowed from the frame ring, which stays whole only
+// for as long as the camera has not come round to its slot again. intact()
+// tells whether it is still whole; a body read before a call that answers
+// true was read whole. The body goes out in passes of at most
+// kSendIntactChunk bytes with that question after each, and its last byte is
+// copied and asked about before it is sent, so a peer never receives all
+// the bytes of a body that changed under the send: once intact() answers
+// false, nothing more is sent, the line "[HttpResponse_SendMessage_WhileIntact]
+// body overwritten while sent: cut off after %d of %d bytes" is logged, and
+// CHANNEL_NO_DATA is returned; the caller closes the connection and the peer
+// sees fewer bytes than the Content-Length it was told. timeout_ms bounds
+// the whole body, as in Sock_Send. Other codes as HttpResponse_SendMessage.
+constexpr int kSendIntactChunk = 32768;
+int HttpResponse_SendMessage_WhileIntact(int fd, const char* head, int headLength, const char* body, int bodyLength,
+                                         int timeout_ms, SockExitFlag* exitFlag, const std::function<bool()>& intact,
+                                         DbPrintf_Class* pDB = nullptr);
 
 #endif

@@ -49,8 +49,14 @@ int gg_writePid(const char* sFileName, DbPrintf_Class* pDB)
     // whatever the file-creation mask (a foreground start keeps the
     // caller's, usually 022).
     fchmod(fileno(fp), 0666);
-    fprintf(fp, "%d", static_cast<int>(getpid()));
-    fclose(fp);
+    const int written = fprintf(fp, "%d", static_cast<int>(getpid()));
+    // A full file system shows at the flush. A pid file that is not whole is
+    // removed: a cut number would name another process.
+    if (fclose(fp) != 0 || written < 0) {
+        unlink(sFileName);
+        TimePrint(pDB, 1, "[gg_writePid] fprintf(sFileName %s) failed\n", sFileName);
+        return SYS_FUNC_ERROR;
+    }
     return SUCCESS;
 }
 

@@ -11,8 +11,10 @@ class DbPrintf_Class;
 extern std::atomic<int> g_Program_Command;
 
 // Pid file: the current process id in decimal ("%d", no newline), the file
-// created or truncated. INVALID_ARGUMENT (null name), CANNOT_FILEOPEN, or
-// SUCCESS. Failures are logged to pDB at level 1.
+// created or truncated. INVALID_ARGUMENT (null name), CANNOT_FILEOPEN,
+// SYS_FUNC_ERROR when the number could not be written whole (a full file
+// system; the file is removed), or SUCCESS. Failures are logged to pDB at
+// level 1.
 int gg_writePid(const char* sFileName, DbPrintf_Class* pDB = nullptr);
 
 // Reads a pid file written by gg_writePid into *pPid. A file of more than six

@@ -72,7 +72,7 @@ int wait_code(int r)
 long long elapsed_usec(const timeval& since)
 {
     timeval now;
-    gettimeofday(&now, nullptr);
+    GetMonotonicTime(&now);
     return GetDifftime64(&since, &now);
 }
 
@@ -102,7 +102,7 @@ int recv_loop(int fd, char* buf, int len, int* got, int timeout_ms, int flags, S
         }
         int n = 0;
         timeval start;
-        gettimeofday(&start, nullptr);
+        GetMonotonicTime(&start);
         const int rc = Sock_Recv_OneBlock(fd, buf + total, len - total, &n, timeout_ms, flags);
         const long long passUsec = elapsed_usec(start);
         const bool silent = rc == SOCK_TIMEOUT;
@@ -410,7 +410,7 @@ int Sock_PeekRecv(int fd, void* buf, int len, int need, int* got, int timeout_ms
         }
         int n = 0;
         timeval start;
-        gettimeofday(&start, nullptr);
+        GetMonotonicTime(&start);
         const int rc = Sock_Recv_OneBlock(fd, buf, len, &n, 0, MSG_PEEK);
         if (rc == SUCCESS && (n == 0 || n > need)) {
             *got = n;
@@ -518,7 +518,7 @@ int send_loop(int fd, const void* buf, int len, int* sent, int timeout_ms, SockE
     }
     const char* p = static_cast<const char*>(buf);
     timeval start;
-    gettimeofday(&start, nullptr);
+    GetMonotonicTime(&start);
     int total = 0;
     for (;;) {
         if (Sock_ExitRequested(exitFlag)) {
@@ -539,7 +539,7 @@ int send_loop(int fd, const void* buf, int len, int* sent, int timeout_ms, SockE
             *sent = total;
             return SUCCESS;
         }
-        // Unlike the receivers, the plain wall time since the call began.
+        // Unlike the receivers, the plain time since the call began.
         if (elapsed_usec(start) / 1000 >= timeout_ms) {
             *sent = total;
             return SOCK_TIMEOUT;

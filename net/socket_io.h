@@ -17,8 +17,10 @@ class DbPrintf_Class;
 //   ignored); the caller logs the code.
 // - Time-outs are int milliseconds. Waits use poll(), not select(): the same
 //   time-out meaning, but no limit at descriptor 1024.
-// - Elapsed time is wall-clock microseconds (GetDifftime64); it is compared
-//   with a time-out after integer division by 1000.
+// - Elapsed time is microseconds on the monotonic clock (GetDifftime64 of two
+//   GetMonotonicTime readings), so a step of the wall clock neither ends a
+//   wait early nor stretches it; it is compared with a time-out after
+//   integer division by 1000.
 // - Exit flag: optional pointer to the caller's stop word (a worker thread's
 //   command word, written by another thread). A loop stops with
 //   LOOP_INTERRUPTED only when the word holds exactly -1; a null pointer or
@@ -159,7 +161,7 @@ int Sock_Send_OneBlock(int fd, const void* buf, int len, int* sent, int timeout_
 
 // Sends all len bytes in passes of Sock_Send_OneBlock. SUCCESS with *sent =
 // total; LOOP_INTERRUPTED with the count so far when the exit flag is -1;
-// SOCK_TIMEOUT with the count so far once the wall time since the call
+// SOCK_TIMEOUT with the count so far once the time since the call
 // began reaches timeout_ms. Other failures (SOCK_SIGPIPE, ...) are returned
 // at once, *sent not written. No pause between passes.
 int Sock_Send(int fd, const void* buf, int len, int* sent, int timeout_ms, SockExitFlag* exitFlag,

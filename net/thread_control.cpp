@@ -258,7 +258,7 @@ int ThreadControlArr::All_ThreadDestruct(int nTimeLimitMs, DbPrintf_Class* pDB)
     }
 
     timeval start;
-    gettimeofday(&start, nullptr);
+    GetMonotonicTime(&start);
     for (;;) {
         UsecSleep(kStopPollUsec);
         int nAlive = 0;
@@ -276,7 +276,7 @@ int ThreadControlArr::All_ThreadDestruct(int nTimeLimitMs, DbPrintf_Class* pDB)
             return SUCCESS;
         }
         timeval now;
-        gettimeofday(&now, nullptr);
+        GetMonotonicTime(&now);
         if (GetDifftime64(&start, &now) / 1000 > nTimeLimitMs) {
             break;
         }

@@ -5,11 +5,17 @@
 # network namespace), then the soak, and rewrites docs/RELIABILITY.md with
 # what was tried, how often and what came of it.
 #
-#   scripts/reliability.sh                    soak of 10 minutes (about 14 min)
-#   scripts/reliability.sh --soak-minutes 1   about 5 minutes
+#   scripts/reliability.sh                    soak of 10 minutes and an hour
+#                                             of chaos (about 75 min)
+#   scripts/reliability.sh --soak-minutes 1 --chaos-minutes 2
+#                                             about 8 minutes
 #
 # Options:
 #   --soak-minutes N   length of the soak (default 10)
+#   --chaos-minutes N  length of the chaos run (default 60;
+#                      tests/reliability/test_chaos.py)
+#   --only "T ..."     run only these test files (camera_faults control_load
+#                      lifecycle clock_steps resources soak chaos)
 #   --out DIR          logs, result rows and sanitizer reports (default
 #                      run/reliability/)
 #   --report FILE      the report written (default docs/RELIABILITY.md)
@@ -30,16 +36,21 @@
 # Exit status 1 when any test failed (the report is written all the same).
 . "$(dirname "$0")/lib.sh"
 soak=10
+chaos=60
+only="camera_faults control_load lifecycle clock_steps resources soak chaos"
 out=$root/run/reliability
 report=$root/docs/RELIABILITY.md
 limit=1500
 while [ $# -gt 0 ]; do
     case $1 in
         --soak-minutes) soak=$2; shift 2 ;;
+        --chaos-minutes) chaos=$2; shift 2 ;;
+        --only)         only=$2; shift 2 ;;
         --out)          out=$2; shift 2 ;;
         --report)       report=$2; shift 2 ;;
         --timeout)      limit=$2; shift 2 ;;
-        *) echo "usage: $0 [--soak-minutes N] [--out DIR] [--report FILE] [--timeout SECONDS]" >&2
+        *) echo "usage: $0 [--soak-minutes N] [--chaos-minutes N] [--only \"TESTS\"] [--out DIR]" \
+                "[--report FILE] [--timeout SECONDS]" >&2
            exit 2 ;;
     esac
 done
@@ -52,7 +63,7 @@ cmake --build "$build" --target Ostrel ostrel-camsim ostrel-schedsim ostrel-view
 
 # Only what a run writes is removed: --out may name any directory.
 mkdir -p "$out"
-rm -f "$out"/*.log "$out"/*.netns "$out/results.jsonl" "$out/runs.txt"
+rm -f "$out"/*.log "$out"/*.netns "$out/results.jsonl" "$out/runs.txt" "$out/chaos.csv"
 # Sanitizer reports: the daemon points its standard error at /dev/null, so
 # they go to files. The tests' harness moves log_path into each test's own
 # directory and fails the test on a report; reliability.py copies them here.
@@ -66,7 +77,8 @@ export ASAN_OPTIONS="${ASAN_OPTIONS:-halt_on_error=1:detect_leaks=1}:log_path=$r
     OSTREL_SANITIZER_REPORTS="$reports"
 # The test harness (tests/harness/) finds the build's programs.
 export PYTHONPATH="$root/tests" OSTREL_BUILD_DIR="$build" \
-    OSTREL_RELIABILITY_RESULTS="$out/results.jsonl" OSTREL_SOAK_MINUTES="$soak"
+    OSTREL_RELIABILITY_RESULTS="$out/results.jsonl" OSTREL_SOAK_MINUTES="$soak" \
+    OSTREL_CHAOS_MINUTES="$chaos" OSTREL_CHAOS_SAMPLES="$out/chaos.csv"
 : > "$out/results.jsonl"
 : > "$out/runs.txt"
 
@@ -89,10 +101,11 @@ sweep() {
 
 status=0
 start_all=$(date +%s)
-for t in camera_faults control_load lifecycle soak; do
+for t in $only; do
     echo "== $t"
     secs=$limit
     [ "$t" = soak ] && secs=$(awk -v l="$limit" -v m="$soak" 'BEGIN { printf "%d", l + m * 60 }')
+    [ "$t" = chaos ] && secs=$(awk -v l="$limit" -v m="$chaos" 'BEGIN { printf "%d", l + m * 60 }')
     t0=$(date +%s)
     rc=0
     # timeout ends the test file and its process group; the daemons have
@@ -136,7 +149,7 @@ fi
 
 mkdir -p "$(dirname "$report")"
 python3 -B tests/reliability/report.py "$out" "$soak" "$((end_all - start_all))" "$build" \
-    > "$report.tmp"
+    "$chaos" "$report" > "$report.tmp"
 mv "$report.tmp" "$report"
 echo "report: $report (logs in $out)"
 exit $status

@@ -8,9 +8,13 @@
 # lighttpd and apache2 are also the Digest-authenticating cameras (reverse
 # proxies in front of the simulated camera) of tests/e2e/test_camera_digest.py;
 # with apache2, lintian and man-db the package is installed, reviewed and
-# removed again (tests/e2e/test_package.py).
+# removed again (tests/e2e/test_package.py); libfaketime steps the daemon's
+# wall clock in the reliability runs (and util-linux's unshare, mount and
+# prlimit give them a mount namespace with a small tmpfs and a low
+# descriptor limit); python3-matplotlib draws the chaos run's plot.
 install_packages cmake g++ g++-multilib clang libclang-rt-14-dev make ninja-build libgtest-dev \
-    googletest iproute2 nftables python3 util-linux lighttpd apache2 lintian man-db
+    googletest iproute2 nftables python3 util-linux lighttpd apache2 lintian man-db libfaketime \
+    python3-matplotlib
 # chromium is for the browser test of the viewer's browser view; where it
 # cannot be installed that test is skipped with a message.
 install_packages --optional chromium || echo "setup: the browser test will be skipped" >&2

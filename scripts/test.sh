@@ -18,8 +18,10 @@
 #   reliability        build/        every fault, load and life-cycle test
 #   reliability-asan   build-asan/   of tests/reliability/ but the whole
 #                                    camera back-off sequence
-#                                    (OSTREL_RELIABILITY_QUICK=1), and a soak
-#                                    of OSTREL_SOAK_MINUTES (default 1)
+#                                    (OSTREL_RELIABILITY_QUICK=1), a soak
+#                                    of OSTREL_SOAK_MINUTES (default 1) and a
+#                                    chaos run of OSTREL_CHAOS_MINUTES
+#                                    (default 2)
 #
 # Each test file has a limit of 1500 s (the soak its minutes on top). Their
 # logs, result rows and report go to <build>/reliability/ (docs/RELIABILITY.md
@@ -98,7 +100,8 @@ run_reliability() {
     (
         sanitizer_options "$dir/sanitizer/reliability" &&
         OSTREL_RELIABILITY_QUICK=1 OSTREL_BUILD_DIR=$dir \
-            scripts/reliability.sh --soak-minutes "${OSTREL_SOAK_MINUTES:-1}" --timeout 1500 \
+            scripts/reliability.sh --soak-minutes "${OSTREL_SOAK_MINUTES:-1}" \
+            --chaos-minutes "${OSTREL_CHAOS_MINUTES:-2}" --timeout 1500 \
             --out "$dir/reliability" --report "$dir/reliability/RELIABILITY.md"
     )
 }

@@ -256,8 +256,9 @@ int RunViewer(const ViewerConfig& cfg, const std::atomic<bool>& stop, std::FILE*
             std::fprintf(stderr, "viewer: picture %d: %s\n", rep.pictures, all.c_str());
         }
         if (!cfg.quiet)
-            std::fprintf(out, "picture %d seq=%llu bytes=%zu latency_ms=%.3f\n", rep.pictures,
-                         static_cast<unsigned long long>(seq), a.body.size(), latencyMs);
+            std::fprintf(out, "picture %d seq=%llu bytes=%zu latency_ms=%.3f sent_us=%lld\n", rep.pictures,
+                         static_cast<unsigned long long>(seq), a.body.size(), latencyMs,
+                         static_cast<long long>(sentUs));
     }
     rep.seconds = seconds_since(start);
 

@@ -142,3 +142,46 @@ TEST(ResponseSendTest, HeadThenBodyAndNothingAfterAFailure)
 }
 
 }  // namespace
+
+namespace {
+
+// A body that may be overwritten while sent goes out whole only when it
+// stayed whole to the end: once the question says no, nothing more goes
+// out, not even the last byte, so the peer holds fewer bytes than announced.
+TEST(ResponseSendTest, BodyOverwrittenWhileSentIsCutOffBeforeItsEnd)
+{
+    const std::string body(3 * kSendIntactChunk + 10, 'p');
+    struct Row {
+        int intactAnswers;  // answers "whole" this many times, then "changed"
+        int rc;
+        size_t bodyBytes;  // of the body the peer receives
+    } rows[] = {
+        {1000, SUCCESS, body.size()},
+        {0, CHANNEL_NO_DATA, 0},
+        {2, CHANNEL_NO_DATA, static_cast<size_t>(2 * kSendIntactChunk)},
+        {4, CHANNEL_NO_DATA, body.size() - 1},  // all but the last byte
+    };
+    for (const Row& r : rows) {
+        int sv[2];
+        ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, sv));
+        int buf = 1 << 20;
+        setsockopt(sv[0], SOL_SOCKET, SO_SNDBUF, &buf, sizeof buf);
+        setsockopt(sv[1], SOL_SOCKET, SO_RCVBUF, &buf, sizeof buf);
+        int answers = 0;
+        SockExitFlag flag{0};
+        EXPECT_EQ(r.rc, HttpResponse_SendMessage_WhileIntact(sv[0], "HEAD\r\n\r\n", 8, body.data(),
+                                                             static_cast<int>(body.size()), 5000, &flag,
+                                                             [&] { return answers++ < r.intactAnswers; }))
+            << r.intactAnswers;
+        close(sv[0]);
+        std::string wire;
+        char chunk[65536];
+        for (ssize_t n; (n = recv(sv[1], chunk, sizeof chunk, 0)) > 0;) {
+            wire.append(chunk, static_cast<size_t>(n));
+        }
+        close(sv[1]);
+        EXPECT_EQ("HEAD\r\n\r\n" + body.substr(0, r.bodyBytes), wire) << r.intactAnswers;
+    }
+}
+
+}  // namespace

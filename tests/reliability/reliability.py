@@ -22,12 +22,14 @@ import os
 import re
 import shutil
 import socket
+import subprocess
+import tempfile
 import threading
 import time
 import xml.etree.ElementTree as ET
 
 import harness
-from harness import MYIP, CONTROL_PORT, CAMERA_PORT, alive, wait_for  # noqa: F401
+from harness import MYIP, CONTROL_PORT, CAMERA_PORT, FOREIGN_IP, alive, wait_for  # noqa: F401
 
 RESULTS = os.environ.get("OSTREL_RELIABILITY_RESULTS", "")
 # Where a test's sanitizer reports are copied for the run's caller to list
@@ -57,8 +59,104 @@ def _sanitized(path):
 
 SANITIZED = _sanitized(harness.BIN) if harness.BIN else False
 
+
+
+
 LOG_LINE_RE = re.compile(r"^\[\d{4}/\d\d/\d\d \d\d:\d\d:\d\d\]")
 LOG_STAMP_INSIDE_RE = re.compile(r".\[\d{4}/\d\d/\d\d \d\d:\d\d:\d\d\]")
+
+
+LOG_LIMIT = 1048576  # a log generation's size limit
+
+
+def prefill_log(path, size):
+    """Writes whole, stamped log lines up to about size bytes, so that the
+    daemon's log rotates soon after it starts."""
+    line = time.strftime("[%Y/%m/%d %H:%M:%S]") + " prefilled by the test " + "x" * 60 + "\n"
+    with open(path, "w") as f:
+        f.write(line * (size // len(line)))
+
+
+def log_sizes(case, channel=1):
+    return [os.path.getsize(p) if os.path.exists(p) else 0
+            for p in (case.path("log", "Ostrel_%02d_log%d.txt" % (channel, n)) for n in (0, 1))]
+
+
+class FakeClock:
+    """Steps the wall clock of the daemon alone, never the machine's: the
+    daemon runs with Debian's libfaketime preloaded, its monotonic clock
+    left alone (FAKETIME_DONT_FAKE_MONOTONIC), and an offset file that the
+    test rewrites and libfaketime reads on every call (FAKETIME_NO_CACHE).
+    The preload is inherited through the daemon's forks."""
+
+    LIB = "/usr/lib/x86_64-linux-gnu/faketime/libfaketime.so.1"
+
+    _why_not = ()
+
+    @classmethod
+    def why_not(cls):
+        """None when the clock can be stepped, else the reason (asked once:
+        the daemon is run with the preload and must work)."""
+        if cls._why_not == ():
+            cls._why_not = cls._probe()
+        return cls._why_not
+
+    @classmethod
+    def _probe(cls):
+        if not os.path.exists(cls.LIB):
+            return "libfaketime is not installed (scripts/setup.sh installs it): wall-clock steps left out"
+        env = dict(os.environ, LD_PRELOAD=cls.LIB, FAKETIME="+0", FAKETIME_DONT_FAKE_MONOTONIC="1")
+        if SANITIZED:
+            env["ASAN_OPTIONS"] = env.get("ASAN_OPTIONS", "") + ":verify_asan_link_order=0:log_path=stderr"
+        scratch = tempfile.mkdtemp(prefix="ostrel-faketime-")
+        try:
+            p = subprocess.run([harness.BIN, "-GetConfigTemplate"], env=env, capture_output=True, timeout=60,
+                               cwd=scratch)
+        finally:
+            shutil.rmtree(scratch, ignore_errors=True)
+        if b"Sanitizer" in p.stderr or b"runtime does not come first" in p.stderr or not p.stdout:
+            # Only sanitizer builds have a runtime that may refuse it.
+            if not SANITIZED:
+                raise AssertionError("the daemon does not run with libfaketime: %r" % p.stderr[:500])
+            return ("wall-clock steps left out: this sanitizer build does not run with libfaketime "
+                    "preloaded (%s)" % p.stderr.decode("latin-1").strip().splitlines()[:1])
+        return None
+
+    @classmethod
+    def usable(cls):
+        return cls.why_not() is None
+
+    def __init__(self, case):
+        self.case = case
+        self.path = case.path("faketime.offset")
+        self.set(0)
+
+    def set(self, seconds):
+        """Moves the daemon's wall clock to the machine's plus seconds.
+        Written whole and renamed: libfaketime never reads half a file."""
+        tmp = self.path + ".tmp"
+        with open(tmp, "w") as f:
+            f.write("%+d\n" % seconds)
+        os.rename(tmp, self.path)
+
+    def env(self):
+        env = {"LD_PRELOAD": self.LIB, "FAKETIME_DONT_FAKE_MONOTONIC": "1",
+               "FAKETIME_TIMESTAMP_FILE": self.path, "FAKETIME_NO_CACHE": "1"}
+        if SANITIZED:
+            # AddressSanitizer wants its runtime first among the libraries;
+            # libfaketime only wraps time calls, which it does not need.
+            env["ASAN_OPTIONS"] = os.environ.get("ASAN_OPTIONS", "") + ":verify_asan_link_order=0"
+        return env
+
+    def start_forking(self, name="1"):
+        """-StartUp with the faked clock; returns the daemon's pid."""
+        case = self.case
+        out, err = case.run_ostrel("-StartUp", name, env=self.env())
+        case.assertEqual(out, harness.success_answer(CONTROL_PORT), err)
+        pid = int(case.wait_states("NormalOperating", name)["ProcessId"])
+        case.daemon_pids.append(pid)
+        case.wait_pid_file(pid, int(name))
+        return pid
 
 
 def fd_count(pid):

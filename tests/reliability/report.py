@@ -1,5 +1,7 @@
 """Writes docs/RELIABILITY.md (to standard output) from one run of
-scripts/reliability.sh: report.py OUT_DIR SOAK_MINUTES SECONDS BUILD_DIR."""
+scripts/reliability.sh: report.py OUT_DIR SOAK_MINUTES SECONDS BUILD_DIR
+CHAOS_MINUTES REPORT_PATH. The chaos run's plot is drawn beside the report
+(reliability-chaos.png) when its samples are there."""
 
 import json
 import os
@@ -21,6 +23,7 @@ def usage(before, after, unit=""):
 
 def main():
     out, soak, seconds, build = sys.argv[1], sys.argv[2], int(sys.argv[3]), sys.argv[4]
+    chaos, report = sys.argv[5], sys.argv[6]
     with open(os.path.join(out, "results.jsonl")) as f:
         rows = [json.loads(line) for line in f if line.strip()]
     with open(os.path.join(out, "runs.txt")) as f:
@@ -44,13 +47,13 @@ def main():
     p("file must parse as XML, the pid file hold only digits, and the log lines carry whole")
     p("time stamps with no two writes interleaved.")
     p()
-    p("Regenerate with `scripts/reliability.sh [--soak-minutes N]` (default 10); the logs of")
-    p("each test file stay in run/reliability/.")
+    p("Regenerate with `scripts/reliability.sh [--soak-minutes N] [--chaos-minutes N]` (default")
+    p("10 and 60); the logs of each test file stay in run/reliability/.")
     p()
     p("Run of %s UTC on this machine (%s, %d cores, %s), commit %s, %s build, soak of %s min; "
-      "%d s in all." % (time.strftime("%Y-%m-%d %H:%M", time.gmtime()), platform.platform(),
+      "chaos run of %s min; %d s in all." % (time.strftime("%Y-%m-%d %H:%M", time.gmtime()), platform.platform(),
                         os.cpu_count() or 0, platform.python_implementation() + " " +
-                        platform.python_version(), commit or "?", build_type, soak, seconds))
+                        platform.python_version(), commit or "?", build_type, soak, chaos, seconds))
     p()
     p("| Test file | Seconds | Result |")
     p("|---|---:|---|")
@@ -70,6 +73,52 @@ def main():
     p("tally says what the clients saw while it went down (a picture being sent when the stop")
     p("came may end in a close). \"not yet\" is the defined answer ERROR_TRANSLATOR_RECEIVE:")
     p("to a viewer that asks before the next picture has arrived.")
+    chaos_section(out, chaos, report, rows)
+
+
+def chaos_section(out, minutes, report, rows):
+    samples = os.path.join(out, "chaos.csv")
+    if not os.path.exists(samples):
+        return
+    with open(samples) as f:
+        lines = [l.strip().split(",") for l in f][1:]
+    if not lines:
+        return
+    rss = [int(l[1]) for l in lines]
+    fds = [int(l[2]) for l in lines]
+    pps = [float(l[3]) for l in lines]
+    p = print
+    p()
+    p("## Chaos")
+    p()
+    p("One daemon for %s minutes (tests/reliability/test_chaos.py) while the camera simulator" % minutes)
+    p("is restarted every 3 to 25 s with another of its faults or none, the viewer logs in,")
+    p("pulls and logs out, the configuration file changes for real before each notice_update,")
+    p("reset_postterm comes every 2 to 20 s, a second client hammers the control port with")
+    p("valid and malformed requests (now and then one that trickles its body), and the")
+    p("daemon's own wall clock steps by an hour forward and back. Every picture handed out")
+    p("must be one the camera sent, byte for byte, in order and never twice; every answer")
+    p("must come within 40 s; descriptors and memory must stay flat after the warm-up;")
+    p("the log must rotate with every line whole.")
+    p()
+    p("| Sampled every 5 s | min | max | last |")
+    p("|---|---:|---:|---:|")
+    p("| VmRSS kB | %d | %d | %d |" % (min(rss), max(rss), rss[-1]))
+    p("| open descriptors | %d | %d | %d |" % (min(fds), max(fds), fds[-1]))
+    p("| pictures / s to the viewer | %.1f | %.1f | %.1f |" % (min(pps), max(pps), pps[-1]))
+    for r in rows:
+        if r["what"].startswith("chaos"):
+            p()
+            p("%s: %s; %s." % (r["what"], r["outcome"], r["note"]))
+    png = os.path.join(os.path.dirname(os.path.abspath(report)), "reliability-chaos.png")
+    here = os.path.dirname(os.path.abspath(__file__))
+    # matplotlib is Debian's (python3-matplotlib): the system's python3 has
+    # it where the one running this may not.
+    plot = [os.path.join(here, "plot_chaos.py"), samples, png]
+    if any(subprocess.run([py] + plot).returncode == 0 for py in (sys.executable, "/usr/bin/python3")
+           if os.path.exists(py)):
+        p()
+        p("![VmRSS, descriptors and pictures per second over the chaos run](reliability-chaos.png)")
 
 
 main()

@@ -38,7 +38,9 @@ class FakeCamera:
     """A camera that accepts and then misbehaves before any picture:
     "silent" reads the request and never answers, "reset" answers the
     connection with a TCP reset, "no-boundary" sends a multipart head
-    without a boundary, "status" answers 503. Records accept times."""
+    without a boundary, "status" answers 503; or inside the first one:
+    "trickle" sends it a few bytes at a time, far slower than the read limit
+    allows. Records accept times."""
 
     def __init__(self, mode):
         self.mode = mode
@@ -74,6 +76,10 @@ class FakeCamera:
             if self.mode == "silent":
                 self.held.append(conn)  # open, never answered
                 continue
+            if self.mode == "trickle":
+                self.held.append(conn)
+                threading.Thread(target=self._trickle, args=(conn,), daemon=True).start()
+                continue
             conn.settimeout(5)
             try:
                 conn.recv(4096)
@@ -86,6 +92,20 @@ class FakeCamera:
             except OSError:
                 pass
             conn.close()
+
+    @staticmethod
+    def _trickle(conn):
+        """A picture that comes a few bytes every 0.2 s, for two minutes."""
+        try:
+            conn.settimeout(5)
+            conn.recv(4096)
+            conn.sendall(b"HTTP/1.0 200 OK\r\nContent-Type: multipart/x-mixed-replace;boundary=myboundary\r\n\r\n"
+                         b"--myboundary\r\nContent-Type: image/jpeg\r\nContent-Length: 100000\r\n\r\n")
+            for _ in range(600):
+                time.sleep(0.2)
+                conn.sendall(b"\xff" * 8)
+        except OSError:
+            pass
 
     def count(self):
         with self.lock:
