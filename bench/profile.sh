@@ -18,30 +18,25 @@ if [ "${OSTREL_PROFILE_INSIDE:-}" != 1 ]; then
     OSTREL_PROFILE_INSIDE=1 exec tests/sim/ostrel-netns /bin/sh "$root/bench/profile.sh" "$build" "$out"
 fi
 
+# The test harness (tests/harness/) writes the configuration, finds the
+# programs of the build and waits for them.
+export PYTHONPATH="$root/tests" OSTREL_BUILD_DIR="$build"
+harness() { python3 -B -m harness "$@"; }
 work=$out/work
 rm -rf "$work"
-mkdir -p "$work/conf" "$work/log" "$work/mem" "$work/states"
-for kv in translator_tarndatatype=Ostrel encoder_ip=192.0.2.1 encoder_port=9000 \
-          translator_connect_ip=192.0.2.1 translator_connect_port=9 translator_connect_camerano=1 \
-          channel_authentic_switch=0 translator_calarm_rec_postterm=86400; do
-    echo "${kv%%=*}_0001=${kv#*=}"
-done > "$work/conf/Config.txt"
-printf '<Directory.Conf>\n <StatesDir>%s/states</StatesDir>\n</Directory.Conf>\n' "$work" > "$work/Directory.Conf"
-"$root/tests/sim/ostrel-camera-redirect" 192.0.2.1 9000 192.0.2.1 9001
+harness config --comment "profiled channel" --states-dir "$work/states" "$work" \
+    encoder_port=9000 translator_connect_port=9 translator_calarm_rec_postterm=86400
+harness redirect 9000 9001
 
 pids=""
 trap 'for p in $pids; do kill "$p" 2>/dev/null || true; done; wait' EXIT
-"$build/tests/sim/ostrel-camsim" --listen 192.0.2.1:9001 --fps 30 --quiet &
+"$(harness path ostrel-camsim)" --listen 192.0.2.1:9001 --fps 30 --quiet &
 pids="$pids $!"
 (cd "$work" && exec "$build/Ostrel" -StartUp_NonDeamon 1 >/dev/null 2>&1) &
 daemon=$!
 pids="$pids $daemon"
-tries=0
-until ss -Hltn 'sport = :9000' | grep -q 9000; do
-    tries=$((tries + 1)); [ $tries -lt 200 ] || { echo "profile: daemon did not start" >&2; exit 1; }
-    sleep 0.05
-done
-"$build/viewer/ostrel-viewer" --control 192.0.2.1:9000 --bind 192.0.2.1:30000 --seconds 22 --quiet \
+harness wait-listening 192.0.2.1 9000
+"$(harness path ostrel-viewer)" --control 192.0.2.1:9000 --bind 192.0.2.1:30000 --seconds 22 --quiet \
     > "$out/viewer.txt" &
 pids="$pids $!"
 sleep 2

@@ -1,6 +1,8 @@
 #!/usr/bin/env python3
 """Side-by-side relay benchmark. Runs inside the private network namespace
-(scripts/bench.sh starts it there through tests/sim/ostrel-netns).
+(scripts/bench.sh starts it there through tests/sim/ostrel-netns). The daemon,
+the simulated cameras and their clean-up come from the test harness
+(tests/harness/, on PYTHONPATH; OSTREL_BUILD_DIR names the build).
 
 Every relay gets its own simulated camera (tests/sim/ostrel-camsim; one camera
 per relay, since its sequence numbers rise across all its connections) and
@@ -37,12 +39,14 @@ import os
 import re
 import shutil
 import signal
-import socket
 import statistics
 import subprocess
 import sys
 import threading
 import time
+
+import harness
+from harness import files, is_listening, procs, wait_for
 
 ADDR = "192.0.2.1"
 CAM_PATH = "/axis-cgi/mjpg/video.cgi?showlength=1&camera=1"
@@ -70,31 +74,6 @@ class Ports:
 
 
 PORTS = Ports()
-
-
-def listening(port, addr=ADDR):
-    """A socket listening on addr:port (or on every address), read from
-    /proc/net/tcp{,6}: connecting to find out would take the one viewer slot
-    of some relays."""
-    want = "%08X" % int.from_bytes(socket.inet_aton(addr), "little")
-    for table in ("/proc/net/tcp", "/proc/net/tcp6"):
-        with open(table) as f:
-            next(f)
-            for line in f:
-                cols = line.split()
-                host, hport = cols[1].split(":")
-                if cols[3] == "0A" and int(hport, 16) == port and (host == want or set(host) == {"0"}):
-                    return True
-    return False
-
-
-def wait_for(pred, limit, what):
-    end = time.monotonic() + limit
-    while time.monotonic() < end:
-        if pred():
-            return
-        time.sleep(0.02)
-    raise RuntimeError("timed out waiting for " + what)
 
 
 def cpu_seconds(pid):
@@ -205,53 +184,30 @@ class Consumer:
         return [p for p in self.pictures if t0 <= p[0] <= t1]
 
 
-def stop(proc, sig=signal.SIGTERM, limit=10):
-    if proc is None or proc.poll() is not None:
-        return
-    proc.send_signal(sig)
-    try:
-        proc.wait(limit)
-    except subprocess.TimeoutExpired:
-        proc.kill()
-        proc.wait()
-
-
 class Bench:
     def __init__(self, args):
         self.a = args
-        for k in ("source", "build", "work", "out"):
+        for k in ("build", "work", "out"):
             setattr(args, k, os.path.abspath(getattr(args, k)))
         self.build = args.build
-        self.sim = os.path.join(self.build, "tests", "sim")
-        self.viewer = os.path.join(self.build, "viewer", "ostrel-viewer")
         self.work = args.work
-        self.redirect = os.path.join(args.source, "tests", "sim", "ostrel-camera-redirect")
         self.channel = 0
-        self.live = []  # processes of the current run, stopped by cleanup()
+        self.procs = procs.Processes()  # of the current run, stopped by cleanup()
         os.makedirs(self.work, exist_ok=True)
 
     def spawn(self, argv, **kw):
-        proc = subprocess.Popen(argv, **kw)
-        self.live.append(proc)
-        return proc
+        return self.procs.spawn(argv, **kw)
 
     def cleanup(self):
         """Stops every process of the run, also those whose start failed
         half-way (started, but never became ready)."""
-        for proc in self.live:  # all at once: a daemon takes a moment to stop
-            if proc.poll() is None:
-                proc.send_signal(signal.SIGTERM)
-        for proc in reversed(self.live):
-            stop(proc)
-        self.live = []
+        self.procs.stop_all()
 
     # -- parts of a run --------------------------------------------------
     def camera(self, fps, size, quiet_port=None):
         port = quiet_port or PORTS.take()
-        proc = self.spawn([os.path.join(self.sim, "ostrel-camsim"), "--listen",
-                                 "%s:%d" % (ADDR, port), "--fps", str(fps), "--quiet"]
-                                + SIZES[size], stdout=subprocess.DEVNULL)
-        wait_for(lambda: listening(port), 20, "the camera simulator")
+        proc, _, _ = procs.start_camsim(self.procs, "--fps", str(fps), *SIZES[size], addr=ADDR, port=port,
+                                        stdout=subprocess.DEVNULL)
         return proc, port
 
     def start_ostrel(self, cam_port, seconds, channel=None, slot=None, binary=None):
@@ -267,25 +223,19 @@ class Bench:
         ctl = PORTS.take()
         work = os.path.join(self.work, "ostrel-%02d" % slot)
         shutil.rmtree(work, ignore_errors=True)
-        for sub in ("conf", "log", "mem", "states"):
-            os.makedirs(os.path.join(work, sub))
-        sfx = "_%04d" % channel
-        with open(os.path.join(work, "conf", "Config.txt"), "w") as f:
-            f.write("".join("%s%s=%s\n" % (k, sfx, v) for k, v in [
-                ("translator_tarndatatype", "Ostrel"), ("encoder_ip", ADDR),
-                ("encoder_port", ctl), ("translator_connect_ip", ADDR),
-                ("translator_connect_port", 9), ("translator_connect_camerano", 1),
-                ("channel_authentic_switch", 0), ("translator_calarm_rec_postterm", 86400)]))
-        with open(os.path.join(work, "Directory.Conf"), "w") as f:
-            f.write("<Directory.Conf>\n <StatesDir>%s/states</StatesDir>\n</Directory.Conf>\n" % work)
-        subprocess.run([self.redirect, ADDR, str(ctl), ADDR, str(cam_port)], check=True)
-        proc = self.spawn([binary or os.path.join(self.build, "Ostrel"), "-StartUp_NonDeamon", str(channel)],
-                                cwd=work, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        wait_for(lambda: listening(ctl), 20, "the daemon's control port")
+        files.make_workdir(work, ("conf", "log", "mem", "states"))
+        files.write_config(work, channel, comment="a benchmark channel", encoder_ip=ADDR, encoder_port=ctl,
+                           translator_connect_ip=ADDR, translator_connect_port=9,
+                           translator_calarm_rec_postterm=86400)
+        files.write_directory_conf(work, os.path.join(work, "states"))
+        harness.redirect_camera(ctl, cam_port, addr=ADDR, camera_addr=ADDR)
+        proc = procs.start_foreground(self.procs, work, str(channel), port=ctl, binary=binary,
+                                      states=files.states_path(work, str(channel), os.path.join(work, "states")),
+                                      stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         # Each viewer its own first local port; the viewer uses the 10,000
         # ports from there on (so the first must stay at or below 55535) and
         # moves on past busy ones.
-        viewer = [self.viewer, "--control", "%s:%d" % (ADDR, ctl),
+        viewer = [harness.VIEWER, "--control", "%s:%d" % (ADDR, ctl),
                   "--bind", "%s:%d" % (ADDR, 30000 + (slot % 50) * 500), "--seconds", str(seconds),
                   "--idle-ms", "30000"]
         return proc, viewer
@@ -299,7 +249,7 @@ class Bench:
         if kind == "ref":
             proc = self.spawn([os.path.join(self.build, "bench", "ostrel-refrelay"),
                                      "%s:%d" % (ADDR, out), "%s:%d" % (ADDR, cam_port), CAM_PATH])
-            wait_for(lambda: listening(out), 20, "the reference relay")
+            wait_for(lambda: is_listening(ADDR, out), "the reference relay", 20)
             return proc, [sink, "%s:%d" % (ADDR, out), "/", str(seconds)]
         if kind == "ffmpeg":
             # Low-latency input settings; -c copy relays the pictures unchanged.
@@ -309,7 +259,7 @@ class Bench:
                                      "-flush_packets", "1", "-listen", "1",
                                      "http://%s:%d/stream" % (ADDR, out)],
                                     stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-            wait_for(lambda: listening(out), 20, "ffmpeg's HTTP output")
+            wait_for(lambda: is_listening(ADDR, out), "ffmpeg's HTTP output", 20)
             return proc, [sink, "%s:%d" % (ADDR, out), "/stream", str(seconds)]
         if kind == "motion":
             d = os.path.join(self.work, "motion-%d" % out)
@@ -324,7 +274,7 @@ class Bench:
                         % (d, d, cam_url, self.motion_fps, out, self.motion_fps))
             proc = self.spawn(["motion", "-n", "-c", conf], stdout=subprocess.DEVNULL,
                                     stderr=subprocess.DEVNULL)
-            wait_for(lambda: listening(out), 20, "motion's stream port")
+            wait_for(lambda: is_listening(ADDR, out), "motion's stream port", 20)
             return proc, [sink, "%s:%d" % (ADDR, out), "/", str(seconds)]
         raise ValueError(kind)
 
@@ -340,7 +290,7 @@ class Bench:
             relay, argv = self.start_relay(kind, cam_port, warmup + measure + 1)
             cons = Consumer(argv)
             # The window opens once pictures flow and the warm-up has passed.
-            wait_for(lambda: cons.pictures or cons.proc.poll() is not None, 20, "the first picture")
+            wait_for(lambda: cons.pictures or cons.proc.poll() is not None, "the first picture", 20)
             time.sleep(warmup)
             t0, c0, k0 = time.monotonic(), cpu_seconds(relay.pid), cpu_ticks_seconds(relay.pid)
             time.sleep(measure)
@@ -383,15 +333,15 @@ class Bench:
                 ctl = PORTS.take()
                 relay = self.spawn([os.path.join(self.build, "bench", "ostrel-refpreimage"),
                                     "%s:%d" % (ADDR, ctl), "%s:%d" % (ADDR, cam_port), CAM_PATH])
-                wait_for(lambda: listening(ctl), 20, "the reference pre-image server")
+                wait_for(lambda: is_listening(ADDR, ctl), "the reference pre-image server", 20)
                 self.channel = self.channel % 99 + 1
-                viewer = [self.viewer, "--control", "%s:%d" % (ADDR, ctl),
+                viewer = [harness.VIEWER, "--control", "%s:%d" % (ADDR, ctl),
                           "--bind", "%s:%d" % (ADDR, 30000 + (self.channel % 50) * 500),
                           "--seconds", str(seconds), "--idle-ms", "30000"]
             # Wait until every thread has started (the daemon starts its
             # threads after the control port listens).
             want = 2 if kind == "refpre" else 5  # main, figures, 2 control, camera
-            wait_for(lambda: len(os.listdir("/proc/%d/task" % relay.pid)) >= want, 20, "the threads")
+            wait_for(lambda: len(os.listdir("/proc/%d/task" % relay.pid)) >= want, "the threads", 20)
             roles = thread_roles(relay.pid, kind)
             c0 = thread_cpu(relay.pid)
             v = subprocess.run(viewer + ["--quiet"], capture_output=True, text=True, timeout=seconds + 60)
@@ -525,8 +475,8 @@ class Bench:
                 daemons.append(proc)
             for ch in range(1, n + 1):
                 cons.append(Consumer(self._viewer_for(ch, seconds)))
-            wait_for(lambda: all(c.pictures or c.proc.poll() is not None for c in cons), 60,
-                     "pictures on every channel")
+            wait_for(lambda: all(c.pictures or c.proc.poll() is not None for c in cons),
+                     "pictures on every channel", 60)
             time.sleep(self.a.warmup)
             t0 = time.monotonic()
             b0, tb0 = machine_busy_seconds(), time.monotonic()
@@ -567,7 +517,7 @@ class Bench:
         work = os.path.join(self.work, "ostrel-%02d" % ch)
         with open(os.path.join(work, "conf", "Config.txt")) as f:
             ctl = int(re.search(r"encoder_port_\d+=(\d+)", f.read()).group(1))
-        return [self.viewer, "--control", "%s:%d" % (ADDR, ctl),
+        return [harness.VIEWER, "--control", "%s:%d" % (ADDR, ctl),
                 "--bind", "%s:%d" % (ADDR, 30000 + (ch % 50) * 500), "--seconds", str(seconds),
                 "--idle-ms", "30000"]
 
@@ -603,7 +553,6 @@ def median(vals):
 
 def main():
     ap = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
-    ap.add_argument("--source", required=True)
     ap.add_argument("--build", required=True)
     ap.add_argument("--work", required=True)
     ap.add_argument("--out", required=True, help="JSON file of all runs")
@@ -635,7 +584,7 @@ def main():
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(143))
     b = Bench(a)
     data = {"runs": [], "ladders": [], "channels": None, "machine": machine(),
-            "settings": {k: v for k, v in vars(a).items() if k not in ("source", "build", "work", "out")}}
+            "settings": {k: v for k, v in vars(a).items() if k not in ("build", "work", "out")}}
     if a.only_channels:
         n, trials = b.channels()
         data["channels"] = {"max": n, "top": a.channels_max, "trials": [trials[k] for k in sorted(trials)]}

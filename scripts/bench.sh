@@ -39,11 +39,13 @@ configure "$build" -DOSTREL_BENCH=ON >/dev/null
 cmake --build "$build" -j "$jobs" --target Ostrel ostrel-camsim ostrel-viewer ostrel-refrelay \
     ostrel-refpreimage ostrel-mjpegsink ostrel_micro
 mkdir -p "$out"
+# The test harness (tests/harness/) finds the bench build's programs.
+export PYTHONPATH="$root/tests" OSTREL_BUILD_DIR="$build"
 
 if [ $mode = smoke ]; then
     "$build/bench/ostrel_micro" --benchmark_min_time=0.02 --benchmark_out="$out/micro-smoke.json" \
         --benchmark_out_format=json >/dev/null
-    tests/sim/ostrel-netns python3 bench/run_bench.py --source "$root" --build "$build" \
+    tests/sim/ostrel-netns python3 bench/run_bench.py --build "$build" \
         --work "$out/smoke" --out "$out/smoke.json" --repeats 1 --warmup 1 --measure 2 \
         --relays ostrel,ref --sizes 18KB --no-ladder --no-channels --exchange-repeats 1 --exchange-seconds 3
     python3 bench/report.py "$out/smoke.json" --micro "$out/micro-smoke.json"
@@ -54,7 +56,7 @@ fi
     --benchmark_report_aggregates_only=true --benchmark_out="$out/micro.json" \
     --benchmark_out_format=json
 timeout "${BENCH_TIME_LIMIT:-3600}" tests/sim/ostrel-netns python3 bench/run_bench.py \
-    --source "$root" --build "$build" --work "$out/work" --out "$out/results.json" \
+    --build "$build" --work "$out/work" --out "$out/results.json" \
     --repeats "${BENCH_REPEATS:-3}" --measure "${BENCH_SECONDS:-5}"
 python3 bench/report.py "$out/results.json" --micro "$out/micro.json" \
     --doc docs/PERFORMANCE.md --png docs/performance.png

@@ -21,7 +21,11 @@
 . "$(dirname "$0")/lib.sh"
 build=$base
 run=$(abspath "${OSTREL_DEMO_DIR:-run/demo}")
-export OSTREL_BUILD_DIR=$build OSTREL_DEMO_DIR=$run
+export OSTREL_BUILD_DIR=$build OSTREL_DEMO_DIR=$run PYTHONPATH=$root/tests
+
+# The test harness (tests/harness/) writes the configuration, finds the
+# programs of the build, waits for them and stops the daemon.
+harness() { python3 -B -m harness "$@"; }
 
 if [ "${1:-}" != "--inside" ]; then
     if [ "$(id -u)" = 0 ]; then scripts/setup.sh; fi
@@ -32,18 +36,9 @@ if [ "${1:-}" != "--inside" ]; then
     # to other users (the daemon's files are mode 0666).
     rm -rf "$run"
     deploy/bin/ostrel-ctl init "$run" >/dev/null
-    cat > "$run/conf/Config.txt" <<EOF
-# Channel 1: the camera (encoder) address and port are also where the
-# control port listens; eth0 of the namespace is 192.0.2.1.
-translator_tarndatatype_0001=Ostrel
-encoder_ip_0001=192.0.2.1
-encoder_port_0001=8080
-translator_connect_ip_0001=192.0.2.1
-translator_connect_port_0001=9100
-translator_connect_camerano_0001=1
-channel_authentic_switch_0001=0
-translator_calarm_rec_postterm_0001=${DEMO_POSTTERM:-3}
-EOF
+    harness config --comment "Channel 1: the camera (encoder) address and port are also where the
+control port listens; eth0 of the namespace is 192.0.2.1." \
+        "$run" translator_calarm_rec_postterm="${DEMO_POSTTERM:-3}"
     if [ "${DEMO_VIEW_SECONDS:-0}" = 0 ]; then
         exec tests/sim/ostrel-netns /bin/sh "$root/scripts/demo.sh" --inside
     fi
@@ -67,9 +62,10 @@ os.execvp(sys.argv[2], sys.argv[2:])
 fi
 
 # ---- inside the namespace ----------------------------------------------
-bin=$build/Ostrel
-sim=$build/tests/sim
-viewer=$build/viewer/ostrel-viewer
+bin=$(harness path Ostrel)
+camsim=$(harness path ostrel-camsim)
+schedsim=$(harness path ostrel-schedsim)
+viewer=$(harness path ostrel-viewer)
 states=$run/states/1.States
 cd "$run"
 
@@ -81,35 +77,22 @@ cleanup() {
 }
 trap cleanup EXIT INT TERM
 
-# wait_for SECONDS COMMAND...: polls COMMAND until it succeeds.
-wait_for() {
-    limit=$(( $1 * 10 )); shift
-    while ! "$@" 2>/dev/null; do
-        limit=$((limit - 1))
-        [ "$limit" -gt 0 ] || return 1
-        sleep 0.1
-    done
-}
-listening() { ss -Hltn "sport = :$2" | grep -q "$1:$2"; }
-alive() { [ -d "/proc/$1" ] && ! grep -q '^[^ ]* ([^)]*) Z' "/proc/$1/stat"; }
-not_alive() { ! alive "$1"; }
-
 say "network: eth0 $(ip -4 -o addr show eth0 | awk '{print $4}'), the daemon's own camera connection redirected to the simulated camera"
-"$root/tests/sim/ostrel-camera-redirect" 192.0.2.1 8080 192.0.2.1 8081
+harness redirect 8080 8081
 
 # Descriptor 3 (the view's listening socket, if any) is for the view alone.
-"$sim/ostrel-camsim" --listen 192.0.2.1:8081 --fps "${DEMO_FPS:-25}" --quiet --record camera.rec 3>&- &
+"$camsim" --listen 192.0.2.1:8081 --fps "${DEMO_FPS:-25}" --quiet --record camera.rec 3>&- &
 pids="$pids $!"
-"$sim/ostrel-schedsim" --listen 192.0.2.1:80 --quiet --no-stdout --record schedule.rec 3>&- &
+"$schedsim" --listen 192.0.2.1:80 --quiet --no-stdout --record schedule.rec 3>&- &
 pids="$pids $!"
-wait_for 10 listening 192.0.2.1 8081
-wait_for 10 listening 192.0.2.1 80
+harness wait-listening 192.0.2.1 8081
+harness wait-listening 192.0.2.1 80
 echo "camera simulator on 192.0.2.1:8081, schedule server simulator on 192.0.2.1:80"
 
 say "start: $bin -StartUp 1   (the launcher's answer follows)"
 "$bin" -StartUp 1 3>&-
 echo
-wait_for 10 test -s mem/Ostrel_01.pid
+harness wait-file mem/Ostrel_01.pid
 daemon=$(cat mem/Ostrel_01.pid)
 
 say "states file $states"
@@ -146,12 +129,11 @@ say "operator's view: deploy/bin/ostrel-ctl -C $run status"
 
 say "stop: delete the states file; the daemon notices within 5 s"
 rm -f "$states"
-if wait_for 30 not_alive "$daemon"; then
+if harness wait-gone "$daemon" 2>/dev/null; then
     echo "daemon $daemon has stopped"
 else
     echo "daemon $daemon still runs; sending SIGTERM"
-    kill -TERM "$daemon"
-    wait_for 30 not_alive "$daemon"
+    harness stop "$daemon"
 fi
 
 say "log: last lines of $run/log/Ostrel_01_log0.txt (picture-not-yet-there lines left out)"

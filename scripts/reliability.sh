@@ -75,9 +75,8 @@ export ASAN_OPTIONS="${ASAN_OPTIONS:-halt_on_error=1:detect_leaks=1}:log_path=$r
     UBSAN_OPTIONS="${UBSAN_OPTIONS:-halt_on_error=1:print_stacktrace=1}:log_path=$reports/ubsan" \
     TSAN_OPTIONS="${TSAN_OPTIONS:-halt_on_error=1:suppressions=$root/scripts/tsan-suppressions.txt}:log_path=$reports/tsan" \
     OSTREL_SANITIZER_REPORTS="$reports"
-export OSTREL_BIN="$build/Ostrel" OSTREL_CAMSIM="$build/tests/sim/ostrel-camsim" \
-    OSTREL_SCHEDSIM="$build/tests/sim/ostrel-schedsim" OSTREL_TOOLS_DIR="$root/tests/sim" \
-    OSTREL_VIEWER="$build/viewer/ostrel-viewer" \
+# The test harness (tests/harness/) finds the build's programs.
+export PYTHONPATH="$root/tests" OSTREL_BUILD_DIR="$build" \
     OSTREL_RELIABILITY_RESULTS="$out/results.jsonl" OSTREL_SOAK_MINUTES="$soak" \
     OSTREL_CHAOS_MINUTES="$chaos" OSTREL_CHAOS_SAMPLES="$out/chaos.csv"
 : > "$out/results.jsonl"

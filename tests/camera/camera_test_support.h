@@ -7,11 +7,12 @@
 
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <fstream>
 #include <map>
+#include <optional>
 #include <string>
 
+#include "temp_dir.h"
 #include "test_sockets.h"
 
 // The camera tests' own pieces: a camera's stream head, part heads and
@@ -64,18 +65,11 @@ class ConfDirTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        ASSERT_NE(getcwd(m_oldCwd, sizeof m_oldCwd), nullptr);
-        char tmpl[] = "/tmp/ostrel_cameraXXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        m_dir = tmpl;
-        ASSERT_EQ(chdir(m_dir.c_str()), 0);
+        m_scratch.emplace("ostrel_camera", TempDir::Cwd::Enter);
+        m_dir = m_scratch->Path();
         ASSERT_EQ(mkdir("conf", 0777), 0);
     }
-    void TearDown() override
-    {
-        ASSERT_EQ(chdir(m_oldCwd), 0);
-        ASSERT_EQ(system(("rm -rf '" + m_dir + "'").c_str()), 0);
-    }
+    void TearDown() override { m_scratch.reset(); }
     static void WriteChannels(const std::map<int, Keys>& channels)
     {
         std::ofstream out("conf/Config.txt", std::ios::trunc);
@@ -91,8 +85,10 @@ protected:
         }
     }
 
-    char m_oldCwd[4096];
     std::string m_dir;
+
+private:
+    std::optional<TempDir> m_scratch;
 };
 
 #endif

@@ -15,6 +15,7 @@
 #include "common/debug_log.h"
 #include "common/return_codes.h"
 #include "common/test_files.h"
+#include "wait_until.h"
 
 namespace {
 
@@ -39,15 +40,13 @@ protected:
     {
         struct stat a, b;
         ASSERT_EQ(stat(other.c_str(), &b), 0);
-        for (int mode = 0600;; mode ^= 0060) {
-            ASSERT_EQ(chmod(path.c_str(), static_cast<mode_t>(mode)), 0);
-            ASSERT_EQ(stat(path.c_str(), &a), 0);
-            if (a.st_ctim.tv_sec > b.st_ctim.tv_sec ||
-                (a.st_ctim.tv_sec == b.st_ctim.tv_sec && a.st_ctim.tv_nsec > b.st_ctim.tv_nsec)) {
-                return;
-            }
-            usleep(1000);
-        }
+        mode_t mode = 0600;
+        ASSERT_TRUE(WaitUntil([&] {
+            mode ^= 0060;
+            return chmod(path.c_str(), mode) == 0 && stat(path.c_str(), &a) == 0 &&
+                   (a.st_ctim.tv_sec > b.st_ctim.tv_sec ||
+                    (a.st_ctim.tv_sec == b.st_ctim.tv_sec && a.st_ctim.tv_nsec > b.st_ctim.tv_nsec));
+        }));
     }
 };
 

@@ -1,13 +1,12 @@
 #include <gtest/gtest.h>
 
-#include <stdlib.h>
-#include <unistd.h>
 
 #include <fstream>
 #include <string>
 
 #include "common/return_codes.h"
 #include "common/string_buf.h"
+#include "temp_dir.h"
 
 namespace {
 
@@ -78,10 +77,9 @@ TEST(StringBuf, RawBytes)
 
 TEST(StringBuf, FileContents)
 {
-    char path[] = "/tmp/ostrel_sbuf_XXXXXX";
-    int fd = mkstemp(path);
-    ASSERT_GE(fd, 0);
-    close(fd);
+    TempDir dir("ostrel_sbuf");
+    const std::string file = dir.File("ten");
+    const char* path = file.c_str();
     std::ofstream(path) << "0123456789";
 
     StringBuf_Class big(64);

@@ -6,15 +6,14 @@
 // Included as "common/test_files.h" from any test folder.
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
-#include <filesystem>
 #include <fstream>
+#include <optional>
 #include <sstream>
 #include <string>
-#include <system_error>
 
 #include "common/tokens.h"
+#include "temp_dir.h"
 
 namespace test_files {
 
@@ -41,24 +40,22 @@ inline std::string TokenText(const OneToken_Class& t)
                : std::string(reinterpret_cast<const char*>(t.GetPtr()), static_cast<size_t>(t.GetLength()));
 }
 
-// Fixture base: dir_ is a fresh directory under /tmp for each test, removed
-// with everything in it afterwards. A derived SetUp calls ScratchDir::SetUp
-// first.
+// Fixture base: dir_ is a fresh directory (tests/support's TempDir) for each
+// test, removed with everything in it afterwards. A derived SetUp calls
+// ScratchDir::SetUp first.
 class ScratchDir : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        char tmpl[] = "/tmp/ostrel_test_XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir_ = tmpl;
+        scratch_.emplace("ostrel_test");
+        dir_ = scratch_->Path();
     }
-    void TearDown() override
-    {
-        std::error_code ec;
-        std::filesystem::remove_all(dir_, ec);
-    }
+    void TearDown() override { scratch_.reset(); }
 
     std::string dir_;
+
+private:
+    std::optional<TempDir> scratch_;
 };
 
 }  // namespace test_files

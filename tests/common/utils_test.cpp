@@ -15,6 +15,7 @@
 #include "common/return_codes.h"
 #include "common/string_utils.h"
 #include "common/time_utils.h"
+#include "wait_until.h"
 
 namespace {
 
@@ -133,12 +134,13 @@ TEST(Sleep, SignalEndsTheWait)
     });
     // The signal may land before the thread is in select, so keep sending
     // until the sleeper reports back, for at most half the sleep.
-    const auto giveUp = std::chrono::steady_clock::now() + std::chrono::seconds(32);
-    while (!done && std::chrono::steady_clock::now() < giveUp) {
-        pthread_kill(sleeper.native_handle(), SIGUSR1);
-        usleep(2000);
-    }
-    EXPECT_TRUE(done) << "the signal did not end the 64 s sleep";
+    EXPECT_TRUE(WaitUntil(
+        [&] {
+            pthread_kill(sleeper.native_handle(), SIGUSR1);
+            return done.load();
+        },
+        32000))
+        << "the signal did not end the 64 s sleep";
     sleeper.join();
     EXPECT_EQ(rc.load(), SUCCESS);
     sigaction(SIGUSR1, &old, nullptr);

@@ -19,6 +19,7 @@
 #include "control/control_port_pool.h"
 #include "fifo/frame_fifo.h"
 #include "net/process_utils.h"
+#include "temp_dir.h"
 #include "test_sockets.h"
 
 namespace control_test {
@@ -45,9 +46,8 @@ inline void ensure_process_setup()
     done = true;
     ASSERT_EQ(SIGUSER1_Ignores(), SUCCESS);
     ASSERT_EQ(SIGPIPE_Ignores(), SUCCESS);
-    char dir[] = "/tmp/ostrel_control_XXXXXX";
-    ASSERT_NE(mkdtemp(dir), nullptr);
-    ASSERT_EQ(chdir(dir), 0);
+    // The working directory of the whole test program, removed at its exit.
+    static TempDir dir("ostrel_control", TempDir::Cwd::Enter);
     ASSERT_EQ(mkdir("conf", 0777), 0);
     write_config();
     g_channelNum.store(1);

@@ -5,8 +5,8 @@ suite's camera-fault table (tests/reliability/test_camera_faults.py)."""
 import time
 import unittest
 
-from ostrel_e2e import (RelayCase, get_image, login, read_records, setup_namespace,
-                        split_stamp)
+from harness import (RelayCase, get_image, login, read_records, setup_namespace,
+                     split_stamp)
 
 
 def setUpModule():

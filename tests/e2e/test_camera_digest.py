@@ -17,8 +17,8 @@ import subprocess
 import time
 import unittest
 
-from ostrel_e2e import (CAMERA_PORT, MYIP, RelayCase, get_image, is_listening, is_real_root,
-                        login, read_records, setup_namespace, split_stamp, wait_for)
+from harness import (CAMERA_PORT, MYIP, RelayCase, get_image, is_listening, is_real_root,
+                     login, read_records, setup_namespace, split_stamp, wait_for)
 
 LIGHTTPD = shutil.which("lighttpd", path="/usr/sbin:/usr/bin:/sbin")
 APACHE = shutil.which("apache2", path="/usr/sbin:/usr/bin:/sbin")

@@ -10,7 +10,7 @@ import subprocess
 import tempfile
 import unittest
 
-from ostrel_e2e import CONTROL_PORT, RelayCase, is_real_root, launcher_answer, success_answer
+from harness import CONTROL_PORT, RelayCase, is_real_root, launcher_answer, success_answer
 
 CMAKE = os.environ.get("OSTREL_CMAKE", "")
 BUILD_DIR = os.environ.get("OSTREL_BUILD_DIR", "")

@@ -1,9 +1,9 @@
 """Starting and stopping the daemon as a launcher or an operator does: the
-answers of starts, the states and pid files, the thread count, the ways a
-start fails, and the three ways a running daemon is stopped. The answers to
-requests that start nothing are checked byte for byte by the daemon's own
-launcher-answer test."""
+answers to every command line and CGI request, byte for byte, the states and
+pid files, the thread count, the ways a start fails, and the three ways a
+running daemon is stopped."""
 
+import glob
 import os
 import signal
 import socket
@@ -11,8 +11,8 @@ import stat
 import time
 import unittest
 
-from ostrel_e2e import (CONTROL_PORT, MYIP, RelayCase, is_listening, launcher_answer,
-                        setup_namespace, start_failed_answer, success_answer, wait_for)
+from harness import (CONTROL_PORT, MYIP, RelayCase, is_listening, launcher_answer,
+                     setup_namespace, start_failed_answer, success_answer, wait_for)
 
 ALREADY = launcher_answer(b"<Response>\n  <States>Err_AlreadyWorking</States>\n</Response>\n")
 TIMEOUT = start_failed_answer(b"Fork response time out")
@@ -31,7 +31,76 @@ def cgi(method, query=None, length=None):
     return env
 
 
+USAGE = (b"\t-StartUp Name : PP Start (for Debug).\n\t-StartUp_NonDeamon Name : PP Start (for Debug).\n"
+         b"\t-GetConfigTemplate\n")
+TEMPLATE = launcher_answer(b"<L2Config_Template>\n\t<Sample />\n</L2Config_Template>\n")
+
+
+def invalid(comment):
+    return launcher_answer(b"<Response>\n  <States>Err_InvalidArgument</States>\n  <Comment>%s</Comment>\n"
+                           b"</Response>\n" % comment)
+
+
 class LauncherAnswerTest(RelayCase):
+    def test_answers_every_request_that_starts_nothing_exactly(self):
+        get = lambda query: cgi("GET", query)  # noqa: E731
+        post = lambda length: cgi("POST", length=length)  # noqa: E731
+        rows = [
+            # argv after the program name, CGI environment, stdin, stdout, stderr, note
+            ([], {}, b"", USAGE, b"", "no arguments"),
+            (["-StartUp"], {}, b"", USAGE, b"", "name missing"),
+            (["-StartUp", "123"], {}, b"", USAGE, b"Invalid argument\n", "three digits"),
+            (["-StartUp", "5x"], {}, b"", USAGE, b"Invalid argument\n", "digit check before the name check"),
+            (["-StartUp_NonDeamon", "-0"], {}, b"", b"[-0] is illigal name.\n", b"",
+             "name check after the digit check"),
+            (["-GetConfigTemplate", "1"], {}, b"", TEMPLATE, b"", "template from the command line"),
+            (["-Stop", "1"], {}, b"", b"[-Stop] Unkown.\n" + USAGE, b"", "unknown switch"),
+            (["x", "05"], get("Command=GetConfigTemplate"), b"", TEMPLATE, b"", "template from CGI"),
+            (["x", "05"], get("Command=Foo"), b"", invalid(b"Unkown Command 'Foo'"), b"", "unknown command"),
+            (["x", "05"], get("Command=getconfigtemplate"), b"",
+             invalid(b"Unkown Command 'getconfigtemplate'"), b"", "command value compared exactly"),
+            (["x", "05"], get("Command=StartUp&Name=5"), b"", invalid(b"'Name' Length too short"), b"",
+             "short name"),
+            (["x", "05"], get("Command=StartUp&Name=" + "1" * 256), b"", invalid(b"'Name' Length too large"),
+             b"", "long name"),
+            (["x", "05"], get("Command=StartUp"), b"", invalid(b"Not found 'Name' CGI Argument "), b"",
+             "no name"),
+            (["x", "05"], get("Command=StartUp&Name=0-5"), b"", invalid(b"'Name' have invalid charactor"),
+             b"", "name characters"),
+            (["x", "05"], get("Name=05"), b"", invalid(b"Not found 'Command' CGI Argument "), b"",
+             "no command"),
+            (["x", "05"], get("Command=S"), b"", invalid(b"'Command' Length too short"), b"",
+             "short command"),
+            (["x", "05"], get(""), b"", invalid(b"Not found CGI Argument"), b"", "empty query"),
+            (["x", "05"], get("Command=a=b"), b"", invalid(b"CGI Parameter parser error"), b"",
+             "query syntax"),
+            (["x", "05"], cgi("POST"), b"", invalid(b"Not found 'Content-Length' in HTTP Header"), b"",
+             "no length"),
+            (["x", "05"], post(0), b"", invalid(b"Invalid value 'Content-Length':0"), b"", "zero length"),
+            (["x", "05"], post(-3), b"", invalid(b"Invalid value 'Content-Length':-3"), b"",
+             "negative length"),
+            (["x", "05"], post(65536), b"", invalid(b"CGI parametar too large."), b"", "length limit"),
+            (["x", "05"], post(65535), b"", start_failed_answer(b"HTTP Body read faild"), b"",
+             "largest length, empty body"),
+            (["x", "05"], post(27), b"Command=GetConfigTemplate\r\n", TEMPLATE, b"",
+             "body with its line end"),
+            (["x", "05"], post(11), b"Command=GetConfigTemplate", invalid(b"Unkown Command 'Get'"), b"",
+             "only the announced length is read"),
+            (["x", "05"], cgi("HEAD", "Command=Foo"), b"", b"Content-type: text/plain\n\n", b"", "head"),
+            (["x", "05"], cgi("put"), b"", b"[put] Unkown Command.", b"", "unknown method"),
+        ]
+        for args, env, stdin, out, err, note in rows:
+            with self.subTest(note):
+                self.assertEqual(self.run_ostrel(*args, env=env, stdin=stdin, argv0="Ostrel"), (out, err))
+                self.assertEqual(glob.glob(self.path("*States*")), [], "nothing is started")
+
+    def test_unwritable_states_directory_is_reported_to_the_launcher(self):
+        self.write_directory_conf(self.path("none"))
+        out, _ = self.run_ostrel("-StartUp", "1")
+        self.assertEqual(out, start_failed_answer(
+            b"States file does not create. Prease check a permission '%s/'" % self.path("none").encode()))
+        self.assertEqual(self.run_ostrel("-StartUp_NonDeamon", "1")[0], b"")
+
     def test_program_name_ending_in_slash_is_refused(self):
         out, _ = self.run_ostrel("-StartUp", "1", argv0="/usr/bin/")
         self.assertEqual(out, start_failed_answer(b"Illegal file name in arg[0]."))

@@ -19,7 +19,7 @@ import tempfile
 import time
 import unittest
 
-from ostrel_e2e import CONFIG_KEYS, CONTROL_PORT, is_real_root, success_answer, wait_for
+from harness import CONFIG_KEYS, CONTROL_PORT, is_real_root, success_answer, wait_for
 
 CPACK = os.environ.get("OSTREL_CPACK", "")
 BUILD_DIR = os.environ.get("OSTREL_BUILD_DIR", "")

@@ -6,9 +6,9 @@ pre-image protocol, foreign clients and malformed requests."""
 import time
 import unittest
 
-from ostrel_e2e import (CAMERA_PORT, MYIP, OPTION_RE, RelayCase, check_head, established_to,
-                        exchange, get_image, local_epoch_ms, login, logout, parse_answers,
-                        read_records, setup_namespace, split_stamp, wait_for)
+from harness import (CAMERA_PORT, MYIP, OPTION_RE, RelayCase, check_head, established_to,
+                     exchange, get_image, local_epoch_ms, login, logout, parse_answers,
+                     read_records, setup_namespace, split_stamp, wait_for)
 
 
 def setUpModule():

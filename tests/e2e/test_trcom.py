@@ -7,9 +7,9 @@ address changed and stopping the daemon when the channel changed type."""
 import time
 import unittest
 
-from ostrel_e2e import (CAMERA_PORT, CONTROL_PORT, MYIP, OTHER_CAMERA_IP, RelayCase,
-                        check_head, established_to, get_image, login, logout, read_records,
-                        setup_namespace, split_stamp, trcom, wait_for)
+from harness import (CAMERA_PORT, CONTROL_PORT, MYIP, OTHER_CAMERA_IP, RelayCase,
+                     check_head, established_to, get_image, login, logout, read_records,
+                     setup_namespace, split_stamp, trcom, wait_for)
 
 BODY = b"<HTML><BODY><H1>200 OK</H1></BODY></HTML>"
 STOP_REQUEST = (b"GET /cgi-bin/scheduleServer.cgi?p_name=StorageSchedule&p_version=1"

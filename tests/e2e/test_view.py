@@ -23,12 +23,11 @@ import unittest
 import urllib.request
 import zlib
 
-from ostrel_e2e import (BIN, CAMERA_PORT, CONTROL_PORT, FOREIGN_IP, MYIP, OPTION_RE, RelayCase,
-                        is_listening, logout, read_records, setup_namespace, wait_for)
+from harness import (CONTROL_PORT, FOREIGN_IP, MYIP, OPTION_RE, SOURCE_DIR,
+                     VIEWER, RelayCase, is_listening, logout, read_records, setup_namespace, wait_for)
+from harness.paths import BUILD_DIR
 
-VIEWER = os.environ.get("OSTREL_VIEWER", "")
 CHROMIUM = os.environ.get("OSTREL_CHROMIUM", "/usr/bin/chromium")
-SOURCE_DIR = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 VIEW_PORT = 8090
 BOUNDARY = b"--ostrelframe"
 # Where the page puts the picture: left, top, width, height in CSS pixels.
@@ -37,7 +36,7 @@ PICTURE_BOX = (16, 72, 640, 480)
 
 def setUpModule():
     if not VIEWER:
-        raise unittest.SkipTest("OSTREL_VIEWER not set")
+        raise unittest.SkipTest("the viewer is not found in %s" % BUILD_DIR)
     setup_namespace()
 
 
@@ -187,10 +186,7 @@ class ViewCase(RelayCase):
         super().setUp()
         # The generated test pattern (colour bands, a moving square and the
         # frame number), so that a browser has real pictures to show.
-        self.cam_record = self.path("cam.rec")
-        self.spawn([os.environ["OSTREL_CAMSIM"], "--listen", "%s:%d" % (MYIP, CAMERA_PORT),
-                    "--fps", "10", "--quiet", "--record", self.cam_record])
-        wait_for(lambda: is_listening(MYIP, CAMERA_PORT), "the camera simulator")
+        _, self.cam_record = self.start_camsim("--fps", "10", pictures=None)
         self.pid = self.start_forking("1")
 
     def start_view(self, bind=MYIP):
@@ -250,7 +246,7 @@ class BrowserTest(unittest.TestCase):
 
     def test_the_demo_page_shows_the_live_picture(self):
         out_path = os.path.join(self.work, "demo.out")
-        env = dict(os.environ, OSTREL_BUILD_DIR=os.path.dirname(BIN),
+        env = dict(os.environ, OSTREL_BUILD_DIR=BUILD_DIR,
                    OSTREL_DEMO_DIR=os.path.join(self.work, "demo"), DEMO_SECONDS="1",
                    DEMO_VIEW_SECONDS="300", DEMO_VIEW="127.0.0.1:%d" % VIEW_PORT)
         with open(out_path, "wb") as out:

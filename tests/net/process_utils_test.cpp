@@ -17,6 +17,7 @@
 #include "common/debug_log.h"
 #include "common/return_codes.h"
 #include "common/test_files.h"
+#include "wait_until.h"
 
 namespace {
 
@@ -70,9 +71,7 @@ std::pair<int, std::string> RaiseInChild(const std::string& dir, int terminate)
             _exit(40);
         }
         raise(terminate);
-        for (int i = 0; i < 10000 && g_Program_Command.load() != -1; i++) {
-            usleep(1000);
-        }
+        WaitUntil([] { return g_Program_Command.load() == -1; });
         // The handler itself writes nothing: it may have interrupted a
         // thread that holds the log's mutex. The line comes from the thread
         // the signal woke.

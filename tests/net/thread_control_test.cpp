@@ -10,12 +10,12 @@
 
 #include <atomic>
 #include <condition_variable>
-#include <functional>
 #include <mutex>
 #include <vector>
 
 #include "common/return_codes.h"
 #include "net/process_utils.h"
+#include "wait_until.h"
 
 namespace {
 
@@ -109,16 +109,6 @@ public:
     Probe* probe;
 };
 
-// A bounded poll (1 ms steps, 10 s at most) for what the pool does on its
-// own threads.
-void WaitUntil(const std::function<bool()>& cond)
-{
-    for (int i = 0; i < 10000 && !cond(); i++) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    ASSERT_TRUE(cond()) << "not reached within 10 s";
-}
-
 bool Finished(ThreadControlElement* e)
 {
     return e->m_nState.load() == -1;
@@ -158,14 +148,14 @@ TEST_F(ThreadPoolTest, SleepingBaseThreadsAreWokenByTheStopSignal)
         EXPECT_EQ(i, elements.back()->m_nIndex);
         EXPECT_EQ(&pool, elements.back()->m_pOwner);
     }
-    WaitUntil([&] {
+    ASSERT_TRUE(WaitUntil([&] {
         for (auto* e : elements) {
             if (e->m_nState.load() != 1) {
                 return false;
             }
         }
         return true;
-    });
+    }));
     // Their 15-second sleep is far beyond this limit: only the signal can
     // end it in time.
     EXPECT_EQ(SUCCESS, pool.All_ThreadDestruct(10000));
@@ -184,11 +174,11 @@ TEST_F(ThreadPoolTest, ThreadsThatIgnoreTheStopGiveTimeoutAndAreKept)
     // An element of the same pool that has stopped is cleared.
     WorkerElement* worker = new WorkerElement(&probe);
     ASSERT_EQ(SUCCESS, stubborn.ExecThread(worker));
-    WaitUntil([&] { return probe.started.load() == 3 && probe.work.load() > 100; });
+    ASSERT_TRUE(WaitUntil([&] { return probe.started.load() == 3 && probe.work.load() > 100; }));
     EXPECT_EQ(1, probe.sigintBlocked.load()) << "SIGINT must stay with the main thread";
     EXPECT_EQ(1, probe.detached.load());
     ASSERT_EQ(SUCCESS, stubborn.ThreadDestruct(worker->m_nIndex));
-    WaitUntil([&] { return Finished(worker); });
+    ASSERT_TRUE(WaitUntil([&] { return Finished(worker); }));
     EXPECT_EQ(1, probe.stoppedOnCommand.load());
 
     // The stubborn elements cannot finish before their release: no time
@@ -213,7 +203,7 @@ TEST_F(ThreadPoolTest, FinishedElementsAreClearedLazilyAndTheirSlotsReused)
     ThreadControlElement* first = pool.GetElement(0);
     ThreadControlElement* second = pool.GetElement(1);
     probe.Release();
-    WaitUntil([&] { return Finished(first) && Finished(second); });
+    ASSERT_TRUE(WaitUntil([&] { return Finished(first) && Finished(second); }));
     EXPECT_EQ(2, Count(pool)) << "finished but not yet cleared";
     EXPECT_EQ(0, probe.destroyed.load());
 

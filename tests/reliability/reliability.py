@@ -1,8 +1,8 @@
 """Shared pieces of the reliability runs: the daemon under faults and load.
 
-Builds on the end-to-end harness (tests/e2e/ostrel_e2e.py, imported, not
-copied): the same private network namespace, camera redirect, simulators and
-working directory per test. Adds what a long unattended run cares about:
+Builds on the test harness (tests/harness/): the same private network
+namespace, camera redirect, simulators and working directory per test as
+the end-to-end tests. Adds what a long unattended run cares about:
 
 - the daemon's open descriptors (/proc/<pid>/fd) and resident memory
   (/proc/<pid>/status VmRSS) before and after a load, with the "after" value
@@ -23,30 +23,26 @@ import re
 import shutil
 import socket
 import subprocess
-import sys
 import tempfile
 import threading
 import time
 import xml.etree.ElementTree as ET
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "e2e"))
-
-import ostrel_e2e as e2e  # noqa: E402
-from ostrel_e2e import MYIP, CONTROL_PORT, CAMERA_PORT, FOREIGN_IP, wait_for  # noqa: E402,F401
+import harness
+from harness import MYIP, CONTROL_PORT, CAMERA_PORT, FOREIGN_IP, alive, wait_for  # noqa: F401
 
 RESULTS = os.environ.get("OSTREL_RELIABILITY_RESULTS", "")
 # Where a test's sanitizer reports are copied for the run's caller to list
 # (scripts/reliability.sh: <build>/sanitizer/reliability/); the test fails
 # on them in any case.
 SANITIZER_REPORTS = os.environ.get("OSTREL_SANITIZER_REPORTS", "")
-VIEWER = os.environ.get("OSTREL_VIEWER", "")
+VIEWER = harness.VIEWER
 
 # Slack for "returns to its level": a descriptor or two may belong to a
 # connection a control thread is just closing, and the allocator keeps some
 # freed pages resident. Anything beyond this is a leak over a long run.
 FD_SLACK = 2
 RSS_SLACK_KB = 16 * 1024
-
 
 
 def _sanitized(path):
@@ -61,7 +57,7 @@ def _sanitized(path):
     return b"__asan_init" in data or b"__tsan_init" in data
 
 
-SANITIZED = _sanitized(e2e.BIN) if e2e.BIN else False
+SANITIZED = _sanitized(harness.BIN) if harness.BIN else False
 
 
 
@@ -114,7 +110,7 @@ class FakeClock:
             env["ASAN_OPTIONS"] = env.get("ASAN_OPTIONS", "") + ":verify_asan_link_order=0:log_path=stderr"
         scratch = tempfile.mkdtemp(prefix="ostrel-faketime-")
         try:
-            p = subprocess.run([e2e.BIN, "-GetConfigTemplate"], env=env, capture_output=True, timeout=60,
+            p = subprocess.run([harness.BIN, "-GetConfigTemplate"], env=env, capture_output=True, timeout=60,
                                cwd=scratch)
         finally:
             shutil.rmtree(scratch, ignore_errors=True)
@@ -156,7 +152,7 @@ class FakeClock:
         """-StartUp with the faked clock; returns the daemon's pid."""
         case = self.case
         out, err = case.run_ostrel("-StartUp", name, env=self.env())
-        case.assertEqual(out, e2e.success_answer(CONTROL_PORT), err)
+        case.assertEqual(out, harness.success_answer(CONTROL_PORT), err)
         pid = int(case.wait_states("NormalOperating", name)["ProcessId"])
         case.daemon_pids.append(pid)
         case.wait_pid_file(pid, int(name))
@@ -173,14 +169,6 @@ def rss_kb(pid):
             if line.startswith("VmRSS:"):
                 return int(line.split()[1])
     raise AssertionError("no VmRSS for %d" % pid)
-
-
-def alive(pid):
-    try:
-        with open("/proc/%d/stat" % pid) as f:
-            return f.read().split(")")[-1].split()[0] not in ("Z", "X")
-    except FileNotFoundError:
-        return False
 
 
 def record(what, count, outcome, before=None, after=None, note=""):
@@ -246,7 +234,7 @@ def status_of(data):
     return int(m.group(1))
 
 
-class ReliabilityCase(e2e.RelayCase):
+class ReliabilityCase(harness.RelayCase):
     """A relay test that also watches the daemon's resources and files."""
 
     threads = "2"  # the command line start's control-port thread count
@@ -268,16 +256,16 @@ class ReliabilityCase(e2e.RelayCase):
         the first picture relayed; returns the daemon's pid."""
         self.start_camsim("--fps", "50", *cam_args, pictures=pictures, sizes=sizes)
         pid = self.start_forking("1")
-        self.assertEqual(e2e.login().body, b"LOGIN_SUCCESS:1:\r\n")
+        self.assertEqual(harness.login().body, b"LOGIN_SUCCESS:1:\r\n")
         self.wait_picture()
         return pid
 
     def wait_picture(self, limit=60.0):
         """Pulls until a whole picture comes (the viewer's polling)."""
         def one():
-            a = e2e.get_image()
+            a = harness.get_image()
             if a.header("Content-Type") == "image/jpeg":
-                e2e.split_stamp(a.body)
+                harness.split_stamp(a.body)
                 return a
             self.assertEqual(a.body, b"ERROR_TRANSLATOR_RECEIVE:")
             return None
@@ -289,7 +277,7 @@ class ReliabilityCase(e2e.RelayCase):
         deadline = time.monotonic() + limit
         while len(seqs) < n:
             self.assertLess(time.monotonic(), deadline, "only %d of %d pictures" % (len(seqs), n))
-            seq, _, _ = e2e.split_stamp(self.wait_picture().body)
+            seq, _, _ = harness.split_stamp(self.wait_picture().body)
             if seqs:
                 self.assertGreater(seq, seqs[-1])
             seqs.append(seq)
@@ -372,7 +360,7 @@ class ReliabilityCase(e2e.RelayCase):
 def raw_exchange(raw, timeout=40.0, shut_write=False):
     """Sends raw bytes, reads to the close; returns the bytes read (b"" when
     the daemon closed or reset without answering)."""
-    sock = e2e.connect(timeout=timeout)
+    sock = harness.connect(timeout=timeout)
     try:
         try:
             sock.sendall(raw)

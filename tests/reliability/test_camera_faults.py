@@ -11,12 +11,13 @@ import threading
 import time
 import unittest
 
+import harness
 import reliability as r
-from reliability import MYIP, CAMERA_PORT, e2e
+from reliability import MYIP, CAMERA_PORT
 
 
 def setUpModule():
-    e2e.setup_namespace()
+    harness.setup_namespace()
 
 
 REPEATS = 3  # connections in a row that get the fault
@@ -120,7 +121,7 @@ class FakeCamera:
         self.thread.join(10)
         for c in self.held:
             c.close()
-        e2e.wait_for(lambda: not e2e.is_listening(MYIP, CAMERA_PORT), "the fake camera to close")
+        harness.wait_for(lambda: not harness.is_listening(MYIP, CAMERA_PORT), "the fake camera to close")
 
 
 def request_times(record):
@@ -237,29 +238,29 @@ class CameraScriptedStreamTest(r.ReliabilityCase):
         try:
             pid = self.start_forking("1")
             before = self.usage(pid)
-            self.assertEqual(e2e.login().body, b"LOGIN_SUCCESS:1:\r\n")
+            self.assertEqual(harness.login().body, b"LOGIN_SUCCESS:1:\r\n")
             if not streams:
                 # Every connection gets the bad head: no picture may come,
                 # and the daemon must keep trying without harm.
-                e2e.wait_for(lambda: cam.count() >= REPEATS, "%d camera connections" % REPEATS, limit=60.0)
-                self.assertEqual(e2e.get_image().body, b"ERROR_TRANSLATOR_RECEIVE:")
+                harness.wait_for(lambda: cam.count() >= REPEATS, "%d camera connections" % REPEATS, limit=60.0)
+                self.assertEqual(harness.get_image().body, b"ERROR_TRANSLATOR_RECEIVE:")
                 outcome = "survived; no picture taken from a bad head"
             else:
                 # The part head's first line is taken as the boundary line
                 # whatever it says, so some bad parts are read past on the
                 # same connection; others end it and the next connection
                 # gets the next bad part, up to REPEATS.
-                e2e.wait_for(lambda: cam.bad_after, "the bad part sent", limit=90.0)
+                harness.wait_for(lambda: cam.bad_after, "the bad part sent", limit=90.0)
                 deadline = time.monotonic() + 90
                 relayed_bad = 0
                 while True:
-                    a = e2e.get_image()
+                    a = harness.get_image()
                     if a.header("Content-Type") != "image/jpeg":
                         self.assertEqual(a.body, b"ERROR_TRANSLATOR_RECEIVE:")
                         self.assertLess(time.monotonic(), deadline, "no picture after the bad parts")
                         continue
                     try:
-                        seq = e2e.split_stamp(a.body)[0]
+                        seq = harness.split_stamp(a.body)[0]
                     except AssertionError:
                         # A bad part that still reads as a part (its first
                         # line is not checked) is relayed as it came.
@@ -273,7 +274,7 @@ class CameraScriptedStreamTest(r.ReliabilityCase):
                     self.assertLess(time.monotonic(), deadline, "no picture after the bad parts")
                 outcome = "survived; next pictures whole" + (
                     "; the bad part relayed as sent" if relayed_bad else "")
-            self.assertEqual(e2e.logout().body, b"LOGOUT_SUCCESS:1:IMAGE\r\n")
+            self.assertEqual(harness.logout().body, b"LOGOUT_SUCCESS:1:IMAGE\r\n")
             bad = len(cam.bad_after) if streams else cam.count()
             self.finish(pid, "camera: " + note, bad, outcome, before,
                         note="camera connections: %d" % cam.count())
@@ -330,11 +331,11 @@ class CameraStreamFaultTest(r.ReliabilityCase):
         try:
             pid = self.start_forking("1")
             before = self.usage(pid)
-            self.assertEqual(e2e.login().body, b"LOGIN_SUCCESS:1:\r\n")
+            self.assertEqual(harness.login().body, b"LOGIN_SUCCESS:1:\r\n")
             if read_fails is not False:
                 # Every faulty connection is followed by a good one that
                 # is relayed: REPEATS + 1 requests, then good pictures.
-                e2e.wait_for(lambda: len(_t_us(rec)) > REPEATS,
+                harness.wait_for(lambda: len(_t_us(rec)) > REPEATS,
                              "%d camera connections" % (REPEATS + 1), limit=90.0)
             seqs = self.pull(10)
             # The bad part was the fourth: later ones came through.
@@ -359,7 +360,7 @@ class CameraStreamFaultTest(r.ReliabilityCase):
             if read_fails is None:
                 self.assertTrue(all(g >= 0.9 for g in gaps),
                                 "%s: reconnect gaps %s (no back-off after a failed start)" % (fault, gaps))
-            self.assertEqual(e2e.logout().body, b"LOGOUT_SUCCESS:1:IMAGE\r\n")
+            self.assertEqual(harness.logout().body, b"LOGOUT_SUCCESS:1:IMAGE\r\n")
             faults = min(REPEATS, len(times))
             if len(times) == 1:
                 what = "part skipped, same connection"
@@ -384,12 +385,12 @@ class CameraStreamFaultTest(r.ReliabilityCase):
                                    "--fault-at", "3", name="cam-big")
         pid = self.start_forking("1")
         before = self.usage(pid)
-        self.assertEqual(e2e.login().body, b"LOGIN_SUCCESS:1:\r\n")
+        self.assertEqual(harness.login().body, b"LOGIN_SUCCESS:1:\r\n")
 
         def big():
             a = self.wait_picture()
             return len(a.body) == 819199
-        e2e.wait_for(big, "the 819,199-byte picture", limit=60.0)
+        harness.wait_for(big, "the 819,199-byte picture", limit=60.0)
         self.finish(pid, "camera: part of 819,199 bytes", 1, "relayed whole", before)
 
 
@@ -399,11 +400,11 @@ class CameraStartFaultTest(r.ReliabilityCase):
         try:
             pid = self.start_forking("1")
             before = self.usage(pid)
-            self.assertEqual(e2e.login().body, b"LOGIN_SUCCESS:1:\r\n")
-            e2e.wait_for(lambda: cam.count() >= starts, "%d starts against the %s camera" % (starts, mode),
+            self.assertEqual(harness.login().body, b"LOGIN_SUCCESS:1:\r\n")
+            harness.wait_for(lambda: cam.count() >= starts, "%d starts against the %s camera" % (starts, mode),
                          limit=120.0)
             gaps = cam.gaps()[:starts - 1]
-            self.assertEqual(e2e.get_image().body, b"ERROR_TRANSLATOR_RECEIVE:")
+            self.assertEqual(harness.get_image().body, b"ERROR_TRANSLATOR_RECEIVE:")
             cam.close()
             # A good camera comes back: the daemon finds it after its
             # current back-off and relays.

@@ -29,8 +29,9 @@ import threading
 import time
 import unittest
 
+import harness
 import reliability as r
-from reliability import MYIP, CONTROL_PORT, FOREIGN_IP, e2e
+from reliability import MYIP, CONTROL_PORT, FOREIGN_IP
 from test_control_load import malformed
 
 MINUTES = float(os.environ.get("OSTREL_CHAOS_MINUTES", "2"))
@@ -59,7 +60,7 @@ RSS_FLAT_SLACK_KB = 8 * 1024
 
 
 def setUpModule():
-    e2e.setup_namespace()
+    harness.setup_namespace()
 
 
 class Chaos:
@@ -111,7 +112,7 @@ class ChaosTest(r.ReliabilityCase):
         seed = SEED
         print("chaos: seed %d, %g min" % (seed, MINUTES), flush=True)
         chaos = Chaos(self, seed)
-        pics = e2e.make_pictures(self.path("cam-pictures"), 12, seed=seed % 1000)
+        pics = harness.make_pictures(self.path("cam-pictures"), 12, seed=seed % 1000)
         known = set(pics)
         self.start_schedsim()
         clock = r.FakeClock(self) if r.FakeClock.usable() else None
@@ -133,7 +134,7 @@ class ChaosTest(r.ReliabilityCase):
 
         def viewer(rng):
             while not chaos.stop.is_set():
-                a = chaos.timed(e2e.login, "img_login")
+                a = chaos.timed(harness.login, "img_login")
                 if a.body != b"LOGIN_SUCCESS:1:\r\n":
                     raise AssertionError("login answered %r" % a.body)
                 chaos.tally.add("login")
@@ -151,11 +152,11 @@ class ChaosTest(r.ReliabilityCase):
                             raise AssertionError("get_image answered %r" % a.body[:100])
                         chaos.stop.wait(1.0 / FPS)
                         continue
-                    e2e.check_head(a)
+                    harness.check_head(a)
                     if int(a.header("Content-Length")) != len(a.body):
                         raise AssertionError("picture of %d bytes, announced %s"
                                              % (len(a.body), a.header("Content-Length")))
-                    seq, t_us, bare = e2e.split_stamp(a.body)
+                    seq, t_us, bare = harness.split_stamp(a.body)
                     how = as_sent(bare, known, camera["recent"])
                     if how is None:
                         with open(self.path("bad-picture-%d.jpg" % seq), "wb") as f:
@@ -172,12 +173,12 @@ class ChaosTest(r.ReliabilityCase):
                     seen["last"] = key
                     with chaos.lock:
                         chaos.pictures += 1
-                a = chaos.timed(e2e.logout, "img_logout")
+                a = chaos.timed(harness.logout, "img_logout")
                 chaos.tally.add("logout")
                 chaos.sleep(rng, 0, 5)
 
         def trcom_ok(command):
-            a = chaos.timed(lambda: e2e.trcom("p_name=TrCommunicate&p_version=1&command=" + command), command)
+            a = chaos.timed(lambda: harness.trcom("p_name=TrCommunicate&p_version=1&command=" + command), command)
             if a.header("Query_Result") != "1:1":
                 raise AssertionError("%s answered %r" % (command, a.header("Query_Result")))
             chaos.tally.add(command)
@@ -194,11 +195,11 @@ class ChaosTest(r.ReliabilityCase):
 
         def hammer(rng):
             valid = [
-                lambda: e2e.request("/ptippreimg.cgi?get_image=1&img_user_id=1", src=FOREIGN_IP),
-                lambda: e2e.request("/index.html"),
-                lambda: e2e.request("/ptippreimg.cgi?get_image=1&img_user_id=7"),
-                lambda: e2e.request("/trcom.cgi?p_name=TrCommunicate&p_version=1&command=nothing"),
-                lambda: e2e.request("/ptippreimg.cgi?get_image=1&img_user_id=1", method="HEAD",
+                lambda: harness.request("/ptippreimg.cgi?get_image=1&img_user_id=1", src=FOREIGN_IP),
+                lambda: harness.request("/index.html"),
+                lambda: harness.request("/ptippreimg.cgi?get_image=1&img_user_id=7"),
+                lambda: harness.request("/trcom.cgi?p_name=TrCommunicate&p_version=1&command=nothing"),
+                lambda: harness.request("/ptippreimg.cgi?get_image=1&img_user_id=1", method="HEAD",
                                     src=FOREIGN_IP),
             ]
             while not chaos.stop.is_set():
@@ -281,7 +282,7 @@ class ChaosTest(r.ReliabilityCase):
         self.restart_camera(camera, None)
         if clock is not None:
             clock.set(0)
-        self.assertEqual(e2e.login().body, b"LOGIN_SUCCESS:1:\r\n")
+        self.assertEqual(harness.login().body, b"LOGIN_SUCCESS:1:\r\n")
         self.wait_picture()
         r.record("chaos: %g min, seed %d" % (MINUTES, seed), chaos.tally.total() + chaos.pictures,
                  "survived; every picture whole, in order, once; log rotated",
@@ -303,28 +304,28 @@ class ChaosTest(r.ReliabilityCase):
             if len(fault) > 1:
                 args += ["--fault-arg", fault[1]]
             args += ["--fault-connections", str(rng.choice([0, 1, 2, 3]))]
-        self.spawn([e2e.CAMSIM, "--listen", "%s:%d" % (MYIP, r.CAMERA_PORT), "--quiet", "--images",
+        self.spawn([harness.CAMSIM, "--listen", "%s:%d" % (MYIP, r.CAMERA_PORT), "--quiet", "--images",
                     self.path("cam-pictures")] + args)
         camera["proc"] = self.children[-1]
         # The faults of this camera and the one before: pictures of the one
         # before may still be on their way.
         camera["recent"] = camera["recent"][-1:] + [fault]
         print("chaos: %.1f s: camera %s" % (time.monotonic(), " ".join(args)), flush=True)
-        r.wait_for(lambda: e2e.is_listening(MYIP, r.CAMERA_PORT), "the camera simulator")
+        r.wait_for(lambda: harness.is_listening(MYIP, r.CAMERA_PORT), "the camera simulator")
 
 
 def get_image_or_cut():
     """The viewer's get_image: its one answer, or None when the daemon closed
     the connection before the whole picture its head announced."""
-    data = e2e.exchange(b"GET /ptippreimg.cgi?get_image=1&img_user_id=1 HTTP/1.0\r\n\r\n")
+    data = harness.exchange(b"GET /ptippreimg.cgi?get_image=1&img_user_id=1 HTTP/1.0\r\n\r\n")
     end = data.find(b"\r\n\r\n")
     if end >= 0:
-        head = e2e.Answer(*(lambda lines: (lines[0], lines[1:], b""))(
+        head = harness.Answer(*(lambda lines: (lines[0], lines[1:], b""))(
             data[:end].decode("latin-1").split("\r\n")))
         length = head.header("Content-Length")
         if length is not None and len(data) - end - 4 < int(length):
             return None
-    answers = e2e.parse_answers(data)
+    answers = harness.parse_answers(data)
     if len(answers) != 1:
         raise AssertionError("expected one answer, got %r" % answers)
     return answers[0]
@@ -351,7 +352,7 @@ def as_sent(bare, known, recent):
 def trickle_body(chaos):
     """A POST whose body comes a byte a second: the daemon's 15 s read limit
     ends it with its 400 (or a close)."""
-    sock = e2e.connect(timeout=40)
+    sock = harness.connect(timeout=40)
     try:
         sock.sendall(b"POST /trcom.cgi HTTP/1.0\r\nContent-Length: 100\r\n\r\n")
         deadline = time.monotonic() + 30

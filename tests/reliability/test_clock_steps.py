@@ -16,8 +16,8 @@ import socket
 import time
 import unittest
 
+import harness
 import reliability as r
-from reliability import e2e
 from test_camera_faults import FakeCamera
 
 STEPS = [3600, -3600]
@@ -25,7 +25,7 @@ POSTTERM = 8  # seconds
 
 
 def setUpModule():
-    e2e.setup_namespace()
+    harness.setup_namespace()
     why = r.FakeClock.why_not()
     if why:
         raise unittest.SkipTest(why)
@@ -46,7 +46,7 @@ class ClockStepTest(r.ReliabilityCase):
                 self.start_camsim("--fps", "25")
                 clock, pid = self.start(translator_calarm_rec_postterm=str(POSTTERM))
                 t0 = time.monotonic()
-                self.assertEqual(e2e.login().body, b"LOGIN_SUCCESS:1:\r\n")
+                self.assertEqual(harness.login().body, b"LOGIN_SUCCESS:1:\r\n")
                 time.sleep(2)  # into the term, then the step
                 clock.set(step)
                 r.wait_for(lambda: os.path.exists(record) and os.path.getsize(record) > 0,
@@ -56,7 +56,7 @@ class ClockStepTest(r.ReliabilityCase):
                 # tick past it (the camera thread ticks with every picture).
                 self.assertGreaterEqual(took, POSTTERM - 0.5, "stop %.1f s after the login" % took)
                 self.assertLess(took, POSTTERM + 5, "stop %.1f s after the login" % took)
-                requests = e2e.read_records(record)
+                requests = harness.read_records(record)
                 self.assertEqual(len(requests), 1, requests)
                 self.assertIn(b"stop_urgent_storage_wpp_ch", requests[0][1])
                 r.record("clock: wall clock stepped %+d s 2 s into a %d s post-alarm term" % (step, POSTTERM),
@@ -66,7 +66,7 @@ class ClockStepTest(r.ReliabilityCase):
         for step in STEPS:
             with self.row(step):
                 clock, pid = self.start()
-                sock = e2e.connect(timeout=60)
+                sock = harness.connect(timeout=60)
                 t0 = time.monotonic()
                 sock.sendall(b"POST /trcom.cgi HTTP/1.0\r\nContent-Length: 1000\r\n\r\n")
                 sock.settimeout(0.5)
@@ -98,7 +98,7 @@ class ClockStepTest(r.ReliabilityCase):
         for step in STEPS:
             with self.row(step), contextlib.closing(FakeCamera("trickle")) as camera:
                 clock, pid = self.start()
-                self.assertEqual(e2e.login().body, b"LOGIN_SUCCESS:1:\r\n")
+                self.assertEqual(harness.login().body, b"LOGIN_SUCCESS:1:\r\n")
                 r.wait_for(lambda: camera.count() >= 1, "the camera connection")
                 time.sleep(0.5)
                 clock.set(step)

@@ -11,14 +11,15 @@ import struct
 import time
 import unittest
 
+import harness
 import reliability as r
-from reliability import MYIP, CONTROL_PORT, e2e
+from reliability import MYIP, CONTROL_PORT
 
 ROUNDS = 120  # malformed requests of each kind
 
 
 def setUpModule():
-    e2e.setup_namespace()
+    harness.setup_namespace()
 
 
 def malformed(rng):
@@ -134,32 +135,32 @@ class ControlPortLoadTest(r.ReliabilityCase):
                     self.wait_pid_file(pid, 1)
                 else:
                     pid = self.start_forking(name)
-                self.assertEqual(e2e.login().body, b"LOGIN_SUCCESS:1:\r\n")
+                self.assertEqual(harness.login().body, b"LOGIN_SUCCESS:1:\r\n")
                 self.wait_picture()
                 before = self.usage(pid)
                 start_t = time.monotonic()
                 silent = []
                 for _ in range(int(threads)):
-                    s = e2e.connect(timeout=60)
+                    s = harness.connect(timeout=60)
                     if partial:
                         s.sendall(partial)
                     silent.append(s)
                 # Queued behind the silent clients: answered once they are.
-                a, = e2e.parse_answers(e2e.exchange(
+                a, = harness.parse_answers(harness.exchange(
                     b"GET /ptippreimg.cgi?img_logout=1&img_user_id=1 HTTP/1.0\r\n\r\n", timeout=60))
                 waited = time.monotonic() - start_t
                 self.assertEqual(a.body, b"LOGOUT_SUCCESS:1:IMAGE\r\n")
                 self.assertGreaterEqual(waited, 14.0, "the silent clients held no thread")
                 self.assertLess(waited, 15.0 + 15.0)
                 for s in silent:
-                    data = e2e.read_until_close(s, 60)
+                    data = harness.read_until_close(s, 60)
                     s.close()
                     if answer is None:
                         self.assertEqual(data, b"", "a cut-off head got an answer")
                     else:
                         self.assertEqual(r.status_of(data), 400)
                         self.assertTrue(data.endswith(answer), data)
-                self.assertEqual(e2e.login().body, b"LOGIN_SUCCESS:1:\r\n")
+                self.assertEqual(harness.login().body, b"LOGIN_SUCCESS:1:\r\n")
                 self.wait_picture()
                 kind = "half-sent body" if answer else ("half-sent head" if partial else "connection")
                 self.finish(pid, "control: %s silent %s, %s start" % (threads, kind, start), int(threads),
@@ -175,7 +176,7 @@ class ControlPortLoadTest(r.ReliabilityCase):
         results = []
 
         def trickle(i):
-            s = e2e.connect(timeout=60)
+            s = harness.connect(timeout=60)
             start = time.monotonic()
             sent = 0
             try:
@@ -216,7 +217,7 @@ class ControlPortLoadTest(r.ReliabilityCase):
 
         def client(i):
             for k in range(n // 4):
-                a = e2e.request("/no/such/page-%d-%d-%s" % (i, k, "q" * 200))
+                a = harness.request("/no/such/page-%d-%d-%s" % (i, k, "q" * 200))
                 self.assertEqual(a.status, 404)
                 tally.add("404")
         r.run_parallel(4, client)
@@ -238,11 +239,11 @@ class ControlPortLoadTest(r.ReliabilityCase):
         def client(i):
             for _ in range(25):
                 if i % 2:
-                    a = e2e.trcom("p_name=TrCommunicate&p_version=1&command=reset_postterm")
+                    a = harness.trcom("p_name=TrCommunicate&p_version=1&command=reset_postterm")
                     self.assertEqual(a.header("Query_Result"), "1:1")
                     tally.add("trcom")
                 else:
-                    a = e2e.get_image()
+                    a = harness.get_image()
                     self.assertEqual(a.status, 200)
                     tally.add("image" if a.header("Content-Type") == "image/jpeg" else "not yet")
         r.run_parallel(20, client)
@@ -279,15 +280,15 @@ class ControlPortLoadTest(r.ReliabilityCase):
 
         def client(i):
             for _ in range(60):
-                self.assertEqual(e2e.login().body, b"LOGIN_SUCCESS:1:\r\n")
-                a = e2e.get_image()
+                self.assertEqual(harness.login().body, b"LOGIN_SUCCESS:1:\r\n")
+                a = harness.get_image()
                 tally.add("image" if a.header("Content-Type") == "image/jpeg" else "not yet")
-                self.assertEqual(e2e.logout().body, b"LOGOUT_SUCCESS:1:IMAGE\r\n")
+                self.assertEqual(harness.logout().body, b"LOGOUT_SUCCESS:1:IMAGE\r\n")
                 tally.add("logins")
         r.run_parallel(4, client)
         # Logged out: the camera connection is closed again.
         self.settle(pid, (before[0] - 1, before[1]), "the last logout")
-        self.assertEqual(e2e.login().body, b"LOGIN_SUCCESS:1:\r\n")
+        self.assertEqual(harness.login().body, b"LOGIN_SUCCESS:1:\r\n")
         self.pull(3)
         self.finish(pid, "control: login/logout churn, 4 clients while streaming", tally.total(),
                     "survived; stream reopened: " + tally.text(), before)
@@ -302,11 +303,11 @@ class ControlPortLoadTest(r.ReliabilityCase):
         def client(i):
             for _ in range(100):
                 if i % 2:
-                    a = e2e.trcom("p_name=TrCommunicate&p_version=1&command=notice_update")
+                    a = harness.trcom("p_name=TrCommunicate&p_version=1&command=notice_update")
                     self.assertEqual(a.header("Query_Result"), "1:1")
                     tally.add("notice_update")
                 else:
-                    a = e2e.get_image()
+                    a = harness.get_image()
                     tally.add("image" if a.header("Content-Type") == "image/jpeg" else "not yet")
         r.run_parallel(4, client)
         self.pull(3)
@@ -320,9 +321,9 @@ class ControlPortLoadTest(r.ReliabilityCase):
 
         def client(i):
             for _ in range(250):
-                a = e2e.get_image()
+                a = harness.get_image()
                 if a.header("Content-Type") == "image/jpeg":
-                    e2e.split_stamp(a.body)
+                    harness.split_stamp(a.body)
                     self.assertEqual(a.body[:2], b"\xff\xd8")
                     self.assertEqual(a.body[-2:], b"\xff\xd9")
                     tally.add("image")

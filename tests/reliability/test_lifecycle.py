@@ -12,8 +12,8 @@ import threading
 import time
 import unittest
 
+import harness
 import reliability as r
-from reliability import e2e
 
 STOPS = 3          # stops of each kind
 UPDATES = 200      # notice_update requests during the rewrites
@@ -23,7 +23,7 @@ CONFIG_SEM_KEY = 3223110  # the configuration file's System V semaphore
 
 
 def setUpModule():
-    e2e.setup_namespace()
+    harness.setup_namespace()
 
 
 class ConfigSemaphore:
@@ -68,11 +68,11 @@ def connect_no_reading():
         sock = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
         sock.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
         try:
-            sock.bind((e2e.MYIP, port))
+            sock.bind((harness.MYIP, port))
         except OSError:
             sock.close()
             continue
-        sock.connect((e2e.MYIP, e2e.CONTROL_PORT))
+        sock.connect((harness.MYIP, harness.CONTROL_PORT))
         return sock
     raise AssertionError("no free source port")
 
@@ -106,7 +106,7 @@ class ServingClients:
         self.started.wait(30)
         while not self.stop.is_set():
             try:
-                data = e2e.exchange(b"GET /ptippreimg.cgi?get_image=1&img_user_id=1 HTTP/1.0\r\n\r\n")
+                data = harness.exchange(b"GET /ptippreimg.cgi?get_image=1&img_user_id=1 HTTP/1.0\r\n\r\n")
             except ConnectionRefusedError:
                 self.tally.add("refused")
                 return
@@ -117,12 +117,12 @@ class ServingClients:
                 self.tally.add("closed unanswered")
                 continue
             try:
-                a = e2e.parse_answers(data)[0]
+                a = harness.parse_answers(data)[0]
             except AssertionError:
                 self.tally.add("cut by the stop")
                 continue
             if a.header("Content-Type") == "image/jpeg":
-                e2e.split_stamp(a.body)
+                harness.split_stamp(a.body)
                 self.tally.add("image")
             else:
                 self.tally.add("answered")
@@ -139,7 +139,7 @@ class LifecycleTest(r.ReliabilityCase):
         for _ in range(STOPS):
             pid = self.start_streaming()
             clients = ServingClients(4)
-            e2e.wait_for(lambda: clients.tally.counts.get("image", 0) >= 20, "pictures being served")
+            harness.wait_for(lambda: clients.tally.counts.get("image", 0) >= 20, "pictures being served")
             if how == "SIGTERM":
                 os.kill(pid, signal.SIGTERM)
             else:
@@ -174,8 +174,8 @@ class LifecycleTest(r.ReliabilityCase):
         durations = []
         for how in ("SIGTERM", "states file deleted") * 2:
             pid = self.start_streaming(sizes=[700000], pictures=4)
-            stuck = e2e.wait_for(stalled_viewer, "a picture being sent to a stalled viewer")
-            silent = e2e.connect(timeout=60)
+            stuck = harness.wait_for(stalled_viewer, "a picture being sent to a stalled viewer")
+            silent = harness.connect(timeout=60)
             if how == "SIGTERM":
                 os.kill(pid, signal.SIGTERM)
             else:
@@ -202,9 +202,9 @@ class LifecycleTest(r.ReliabilityCase):
         # starts (up to 16 s). A stop during that sleep must still be quick
         # and orderly.
         pid = self.start_forking("1")
-        self.assertEqual(e2e.login().body, b"LOGIN_SUCCESS:1:\r\n")
+        self.assertEqual(harness.login().body, b"LOGIN_SUCCESS:1:\r\n")
         # The fifth failed start is followed by the 16 s sleep.
-        e2e.wait_for(lambda: self.log_text().count("obAXISJPEGMultiPart.Start failed") >= 5,
+        harness.wait_for(lambda: self.log_text().count("obAXISJPEGMultiPart.Start failed") >= 5,
                      "five failed starts", limit=120.0)
         os.kill(pid, signal.SIGTERM)
         start = time.monotonic()
@@ -240,7 +240,7 @@ class LifecycleTest(r.ReliabilityCase):
         writer.start()
         try:
             for _ in range(UPDATES):
-                a = e2e.trcom("p_name=TrCommunicate&p_version=1&command=notice_update")
+                a = harness.trcom("p_name=TrCommunicate&p_version=1&command=notice_update")
                 self.assertEqual(a.header("Query_Result"), "1:1", a)
         finally:
             done.set()
@@ -256,7 +256,7 @@ class LifecycleTest(r.ReliabilityCase):
         for i in range(SECOND_STARTS):
             if i % 2:
                 out, _ = self.run_ostrel("-StartUp", "1")
-                self.assertEqual(out, e2e.launcher_answer(
+                self.assertEqual(out, harness.launcher_answer(
                     b"<Response>\n  <States>Err_AlreadyWorking</States>\n</Response>\n"))
             else:
                 out, _ = self.run_ostrel("-StartUp_NonDeamon", "1")

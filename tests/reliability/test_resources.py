@@ -29,15 +29,16 @@ if os.environ.get("OSTREL_OWN_MOUNTS") != "1" and __name__ == "__main__":
     os.execvp("unshare", ["unshare", "-m", "--propagation", "private", "env", "OSTREL_OWN_MOUNTS=1",
                           sys.executable, "-B"] + sys.argv)
 
+import harness  # noqa: E402
 import reliability as r  # noqa: E402
-from reliability import MYIP, e2e  # noqa: E402
+from reliability import MYIP  # noqa: E402
 
 ACCEPT_LINE = "[Sock_Accept] accept failed (errno 24: Too many open files), out of descriptors"
 RECOVERY_LINE = "[Sock_Accept] accept works again after"
 
 
 def setUpModule():
-    e2e.setup_namespace()
+    harness.setup_namespace()
 
 
 def cpu_seconds(pid):
@@ -79,9 +80,9 @@ class DescriptorTest(r.ReliabilityCase):
             # Nothing more can be opened: every accept fails with EMFILE.
             # Silent clients queue first, then the viewer.
             resource.prlimit(pid, resource.RLIMIT_NOFILE, (lowest_free_fd(pid), limits[1]))
-            queued = [e2e.connect(timeout=60) for _ in range(8)]
+            queued = [harness.connect(timeout=60) for _ in range(8)]
             answers = []
-            viewer = threading.Thread(target=lambda: answers.extend(e2e.parse_answers(e2e.exchange(
+            viewer = threading.Thread(target=lambda: answers.extend(harness.parse_answers(harness.exchange(
                 b"GET /ptippreimg.cgi?get_image=1&img_user_id=1 HTTP/1.0\r\n\r\n", timeout=60))), daemon=True)
             cpu0 = cpu_seconds(pid)
             viewer.start()
@@ -99,7 +100,7 @@ class DescriptorTest(r.ReliabilityCase):
             viewer.join(60)
             self.assertTrue(answers, "the queued viewer was not served")
             self.assertEqual(answers[0].status, 200)
-            a = e2e.get_image()
+            a = harness.get_image()
             served = time.monotonic() - t0
             self.assertEqual(a.status, 200)
             if episode == 1:
@@ -160,7 +161,7 @@ class DiskFullTest(r.ReliabilityCase):
         for i in range(200):
             # Each logs a line; a few fit into the log file's last page,
             # then a line no longer fits whole and none after it.
-            self.assertEqual(e2e.request(probe % (1000 + i)).body, b"ERROR_USER_ID:")
+            self.assertEqual(harness.request(probe % (1000 + i)).body, b"ERROR_USER_ID:")
         self.pull(50)
         written = self.log_text().count(line) - before_full
         self.assertLess(written, 200, "every line written on a full disk?")
@@ -168,7 +169,7 @@ class DiskFullTest(r.ReliabilityCase):
         self.check_files(pid)
         self.assertTrue(self.log_text().endswith("\n"), "a line cut short on a full disk")
         os.remove(filler)
-        self.assertEqual(e2e.request(probe % 999).body, b"ERROR_USER_ID:")
+        self.assertEqual(harness.request(probe % 999).body, b"ERROR_USER_ID:")
         r.wait_for(lambda: self.log_text().count(line) > before_full + written, "the log to resume")
         self.check_files(pid)
         self.pull(10)
@@ -191,7 +192,7 @@ class DiskFullTest(r.ReliabilityCase):
         rows = [
             # what is full, the launcher's answer, log line
             ("states directory", "states", None, None),
-            ("pid file directory", "mem", e2e.success_answer(r.CONTROL_PORT),
+            ("pid file directory", "mem", harness.success_answer(r.CONTROL_PORT),
              "[gg_writePid] fprintf(sFileName mem/Ostrel_01.pid) failed"),
         ]
         for what, full, answer, line in rows:
@@ -201,7 +202,7 @@ class DiskFullTest(r.ReliabilityCase):
                 self.fill(directory)
                 if full == "states":
                     self.write_directory_conf(directory)
-                    answer = e2e.start_failed_answer(
+                    answer = harness.start_failed_answer(
                         b"States file does not create. Prease check a permission '%s/'" % directory.encode())
                 out, err = self.run_ostrel("-StartUp", "1")
                 self.assertEqual(out, answer, err)
@@ -211,7 +212,7 @@ class DiskFullTest(r.ReliabilityCase):
                     # The daemon takes itself down and removes its states file.
                     r.wait_for(lambda: not os.path.exists(self.states_path()), "the states file removed",
                                limit=30)
-                    r.wait_for(lambda: not e2e.is_listening(MYIP, r.CONTROL_PORT), "the daemon gone")
+                    r.wait_for(lambda: not harness.is_listening(MYIP, r.CONTROL_PORT), "the daemon gone")
                 left = sorted(n for n in os.listdir(directory) if n != "filler")
                 self.assertEqual(left, [], "files left on the full file system")
                 r.record("resources: start with the %s full" % what, 1,

@@ -21,22 +21,22 @@ import re
 import subprocess
 import unittest
 
+import harness
 import reliability as r
-from reliability import MYIP, CONTROL_PORT, e2e
+from reliability import MYIP, CONTROL_PORT
 
 MINUTES = float(os.environ.get("OSTREL_SOAK_MINUTES", "1"))
 
 
 def setUpModule():
-    e2e.setup_namespace()
+    harness.setup_namespace()
 
 
 class SoakTest(r.ReliabilityCase):
     def test_stream_and_pull(self):
         # The camera simulator's own generated pictures: real JPEGs, which
         # the viewer decodes far enough to check their structure.
-        self.spawn([e2e.CAMSIM, "--listen", "%s:%d" % (MYIP, r.CAMERA_PORT), "--quiet", "--fps", "25"])
-        r.wait_for(lambda: e2e.is_listening(MYIP, r.CAMERA_PORT), "the camera simulator")
+        self.start_camsim("--fps", "25", pictures=None)
         pid = self.start_forking("1")
         viewer = [r.VIEWER, "--control", "%s:%d" % (MYIP, CONTROL_PORT), "--bind", MYIP + ":40000",
                   "--quiet"]

@@ -13,7 +13,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
 #include <functional>
 #include <map>
@@ -214,9 +213,8 @@ TEST(CamSimTest, StopEndsAStalledConnection)
         ASSERT_GT(n, 0);
         got.append(buf, static_cast<size_t>(n));
     }
-    // The count follows the send; a bounded poll, never a spin.
-    for (int i = 0; i < 10000 && sim.FramesSent() < 1; ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    // The count follows the send.
+    EXPECT_TRUE(WaitUntil([&] { return sim.FramesSent() >= 1; }));
     sim.Stop();
     got += ReadToClose(fd);
     ::close(fd);

@@ -11,8 +11,6 @@
 #include <sys/time.h>
 #include <unistd.h>
 
-#include <chrono>
-
 namespace {
 
 [[noreturn]] void fail(const char* what, const char* ip, int port)
@@ -106,18 +104,6 @@ std::string ReadToClose(int fd, bool* reset)
         }
         out.append(buf, static_cast<size_t>(n));
     }
-}
-
-bool WaitUntil(const std::function<bool()>& pred, int timeoutMs)
-{
-    auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (!pred()) {
-        if (std::chrono::steady_clock::now() >= until) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return true;
 }
 
 FakePeer::FakePeer(const char* ip, int port, Handler handler) : m_handler(std::move(handler))

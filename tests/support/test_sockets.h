@@ -8,6 +8,8 @@
 #include <thread>
 #include <vector>
 
+#include "wait_until.h"  // the tests that wait on sockets use it
+
 // Socket fixtures of the tests: blocking IPv4 TCP on the addresses of the
 // test's network namespace. A call that cannot set up what it promises
 // (socket, bind, listen, connect) prints why and aborts the test program.
@@ -28,9 +30,6 @@ bool SendAll(int fd, const std::string& bytes);
 // Reads until the peer closes, or resets (*reset then true when not null).
 // The descriptor stays open.
 std::string ReadToClose(int fd, bool* reset = nullptr);
-
-// Polls pred every 2 ms until it holds (true) or timeoutMs pass (false).
-bool WaitUntil(const std::function<bool()>& pred, int timeoutMs = 20000);
 
 // A threaded TCP server standing in for a camera or the schedule server:
 // each connection's request head (up to CR LF CR LF) is recorded, then the
