@@ -23,9 +23,9 @@ import urllib.error
 import urllib.parse
 import urllib.request
 
-from ostrel_e2e import (CAMERA_PORT, CONFIG_KEYS, CONTROL_PORT, MYIP, OTHER_CAMERA_IP, TOOLS_DIR,
-                        RelayCase, connect, is_listening, read_until_close, setup_namespace,
-                        wait_for)
+from harness import (CAMERA_PORT, CONFIG_KEYS, CONTROL_PORT, MYIP, OTHER_CAMERA_IP, SIM_DIR,
+                     RelayCase, connect, is_listening, read_until_close, setup_namespace,
+                     wait_for)
 
 PROMETHEUS = os.environ.get("OSTREL_PROMETHEUS", "/usr/bin/prometheus")
 PROMTOOL = os.path.join(os.path.dirname(PROMETHEUS), "promtool")
@@ -42,7 +42,7 @@ STOPPED_IP = "192.0.2.3"  # channel 03's address: configured, never started
 def setUpModule():
     setup_namespace()
     # Channel 02's own camera connections go to its simulated camera.
-    subprocess.run([os.path.join(TOOLS_DIR, "ostrel-camera-redirect"), OTHER_CAMERA_IP,
+    subprocess.run([os.path.join(SIM_DIR, "ostrel-camera-redirect"), OTHER_CAMERA_IP,
                     str(CONTROL_PORT), OTHER_CAMERA_IP, str(CAMERA_PORT)], check=True,
                    env=dict(os.environ, PATH=os.environ.get("PATH", "") + ":/usr/sbin:/sbin"))
 
