@@ -23,7 +23,7 @@ import urllib.error
 import urllib.parse
 import urllib.request
 
-from harness import (CAMERA_PORT, CONFIG_KEYS, CONTROL_PORT, MYIP, OTHER_CAMERA_IP, SIM_DIR,
+from harness import (CAMSIM, CAMERA_PORT, CONFIG_KEYS, CONTROL_PORT, MYIP, OTHER_CAMERA_IP, SIM_DIR,
                      RelayCase, connect, is_listening, read_until_close, setup_namespace,
                      wait_for)
 
@@ -80,9 +80,9 @@ class FleetCase(RelayCase):
         self.assertTrue(answer.endswith(b"LOGIN_SUCCESS:1:\r\n"), answer)
 
     def start_cameras(self):
-        self.cam1 = self.spawn([os.environ["OSTREL_CAMSIM"], "--listen",
+        self.cam1 = self.spawn([CAMSIM, "--listen",
                                 "%s:%d" % (MYIP, CAMERA_PORT), "--fps", "10", "--quiet"])
-        self.spawn([os.environ["OSTREL_CAMSIM"], "--listen",
+        self.spawn([CAMSIM, "--listen",
                     "%s:%d" % (OTHER_CAMERA_IP, CAMERA_PORT), "--auth", "root:right", "--quiet"])
         for addr in (MYIP, OTHER_CAMERA_IP):
             wait_for(lambda: is_listening(addr, CAMERA_PORT), "the camera on %s" % addr)
