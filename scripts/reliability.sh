@@ -119,7 +119,9 @@ for t in $only; do
     if [ "$rc" = 124 ] || [ "$rc" = 137 ]; then
         summary="stopped after the limit of $secs s"
     elif [ -z "$summary" ]; then
+        # No unittest summary: the file ran no test at all, or died.
         summary="did not finish (exit $rc)"
+        rc=1
     fi
     sweep "$out/$t.netns" >> "$out/$t.log" || {
         [ "$rc" != 0 ] || summary="$summary; left processes running"

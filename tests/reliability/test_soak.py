@@ -86,3 +86,7 @@ def lagging_viewer_gaps(output, fps=25):
             "connection (%s)" % (len(lagging) + len(elsewhere) + len(unexplained), len(lagging),
                                  "; ".join(lagging) or "-", len(elsewhere), "; ".join(elsewhere) or "-"))
     return text, unexplained
+
+
+if __name__ == "__main__":
+    unittest.main()
