@@ -85,7 +85,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     const int capacity = fuzz::Capacity(sel);
     switch (sel & 3) {
     case 0: ParsePartHead(data, size); break;
-    case 1: fuzz::Same(ReadStream(data, size, capacity, {}, false), ReadStream(data, size, capacity, {}, true)); break;
+    case 1: {
+        // The direct read into a ring slot refuses a part that the peer's close cut short, where the buffered
+        // read keeps what came; up to that part both read the same.
+        const std::string buffered = ReadStream(data, size, capacity, {}, false);
+        std::string direct = ReadStream(data, size, capacity, {}, true);
+        if (direct != buffered) {
+            // Leave out the direct read's last line, its failure on the cut part.
+            const size_t last = direct.size() >= 2 ? direct.rfind('\n', direct.size() - 2) : std::string::npos;
+            direct.resize(last == std::string::npos ? 0 : last + 1);
+            FUZZ_CHECK(buffered.compare(0, direct.size(), direct) == 0);
+        }
+        break;
+    }
     default:
         fuzz::SameWholeAndSplit(
             data, size, [&](const std::vector<size_t>& cuts) { return ReadStream(data, size, capacity, cuts, false); });
