@@ -23,14 +23,13 @@ import urllib.error
 import urllib.parse
 import urllib.request
 
-from harness import (CAMSIM, CAMERA_PORT, CONFIG_KEYS, CONTROL_PORT, MYIP, OTHER_CAMERA_IP, SIM_DIR,
-                     RelayCase, connect, is_listening, read_until_close, setup_namespace,
-                     wait_for)
+from harness import (CAMSIM, CAMERA_PORT, CONFIG_KEYS, CONTROL_PORT, MYIP, OTHER_CAMERA_IP,
+                     SOURCE_DIR, RelayCase, connect, is_listening, read_until_close, redirect_camera,
+                     setup_namespace, wait_for)
 
 PROMETHEUS = os.environ.get("OSTREL_PROMETHEUS", "/usr/bin/prometheus")
 PROMTOOL = os.path.join(os.path.dirname(PROMETHEUS), "promtool")
 CHROMIUM = os.environ.get("OSTREL_CHROMIUM", "/usr/bin/chromium")
-SOURCE_DIR = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 FLEET = os.path.join(SOURCE_DIR, "deploy", "bin", "ostrel-fleet")
 CTL = os.path.join(SOURCE_DIR, "deploy", "bin", "ostrel-ctl")
 ALERTS = os.path.join(SOURCE_DIR, "deploy", "prometheus", "ostrel-alerts.yml")
@@ -42,9 +41,7 @@ STOPPED_IP = "192.0.2.3"  # channel 03's address: configured, never started
 def setUpModule():
     setup_namespace()
     # Channel 02's own camera connections go to its simulated camera.
-    subprocess.run([os.path.join(SIM_DIR, "ostrel-camera-redirect"), OTHER_CAMERA_IP,
-                    str(CONTROL_PORT), OTHER_CAMERA_IP, str(CAMERA_PORT)], check=True,
-                   env=dict(os.environ, PATH=os.environ.get("PATH", "") + ":/usr/sbin:/sbin"))
+    redirect_camera(addr=OTHER_CAMERA_IP, camera_addr=OTHER_CAMERA_IP)
 
 
 def http(addr, path, timeout=20.0):
