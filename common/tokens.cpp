@@ -7,6 +7,7 @@
 #include <new>
 
 #include "common/debug_log.h"
+#include "common/ptr_arr.h"
 #include "common/return_codes.h"
 #include "common/string_buf.h"
 
@@ -238,15 +239,9 @@ int append_entry(T*** arr, int* count, int* capacity, T* item, DbPrintf_Class* p
         TimePrint(pDB, 1, "[%s] array not allocated ::%d\n", who, MEM_MAP_ERROR);
         return MEM_MAP_ERROR;
     }
-    if (*count == *capacity) {
-        T** grown = static_cast<T**>(realloc(*arr, sizeof(T*) * static_cast<size_t>(*capacity + kArrStep)));
-        if (grown == nullptr) {
-            TimePrint(pDB, 1, "[%s] realloc failed ::%d\n", who, MALLOC_ERROR);
-            return MALLOC_ERROR;
-        }
-        memset(grown + *capacity, 0, sizeof(T*) * kArrStep);
-        *arr = grown;
-        *capacity += kArrStep;
+    if (PtrArr_MakeRoom(arr, *count, capacity, kArrStep) != SUCCESS) {
+        TimePrint(pDB, 1, "[%s] realloc failed ::%d\n", who, MALLOC_ERROR);
+        return MALLOC_ERROR;
     }
     (*arr)[(*count)++] = item;
     return SUCCESS;
