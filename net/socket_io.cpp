@@ -172,6 +172,23 @@ int get_inet_name(int fd, bool peer, in_addr* addr, unsigned short* port)
     return SUCCESS;
 }
 
+// Whether a receive (or read) that returned r with errno err delivered:
+// then *got (when given) holds the count. A result that is not negative is
+// a success whatever errno holds: errno is only meaningful after a failure,
+// and a signal handler or a sanitizer's interceptor may leave a stale value
+// behind a success. A reset peer is treated like one that closed in order
+// (a count of 0).
+bool recv_done(ssize_t r, int err, int* got)
+{
+    if (r < 0 && err != ECONNRESET) {
+        return false;
+    }
+    if (got != nullptr) {
+        *got = r >= 0 ? static_cast<int>(r) : 0;
+    }
+    return true;
+}
+
 }  // namespace
 
 bool Sock_ExitRequested(const SockExitFlag* exitFlag)
@@ -352,20 +369,7 @@ int Sock_Recv_OneBlock(int fd, void* buf, int len, int* got, int timeout_ms, int
         r = recv(fd, buf, static_cast<size_t>(len < 0 ? 0 : len), flags);
         err = errno;
     }
-    // A result that is not negative is a successful receive whatever errno
-    // holds: errno is only meaningful after a failure, and a signal handler
-    // or a sanitizer's interceptor may leave a stale value behind a success.
-    if (r >= 0) {
-        if (got != nullptr) {
-            *got = static_cast<int>(r);
-        }
-        return SUCCESS;
-    }
-    if (err == ECONNRESET) {
-        // A reset peer is treated like one that closed in order.
-        if (got != nullptr) {
-            *got = 0;
-        }
+    if (recv_done(r, err, got)) {
         return SUCCESS;
     }
     if (err == EINTR) {
@@ -468,19 +472,7 @@ int Sock_Read_OneBlock(int fd, void* buf, int len, int* got, int timeout_ms, DbP
     }
     errno = 0;
     const ssize_t r = read(fd, buf, static_cast<size_t>(len < 0 ? 0 : len));
-    if (r >= 0) {
-        if (got != nullptr) {
-            *got = static_cast<int>(r);
-        }
-        return SUCCESS;
-    }
-    if (errno == ECONNRESET) {
-        if (got != nullptr) {
-            *got = 0;
-        }
-        return SUCCESS;
-    }
-    return SOCK_READ_FAIL;
+    return recv_done(r, errno, got) ? SUCCESS : SOCK_READ_FAIL;
 }
 
 // ---- Sending -----------------------------------------------------------------
