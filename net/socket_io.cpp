@@ -189,6 +189,31 @@ bool recv_done(ssize_t r, int err, int* got)
     return true;
 }
 
+// Runs one-block transfers (step(done so far, &count)) until len bytes have
+// gone or a step moves none (the peer closed); then *done is the total. A
+// failing step's code is returned as it is, a time-out with *done set first
+// when timeoutKeepsCount.
+template <typename Step> int repeat_blocks(int len, int* done, bool timeoutKeepsCount, Step&& step)
+{
+    int total = 0;
+    while (total < len) {
+        int n = 0;
+        const int rc = step(total, &n);
+        if (rc == SOCK_TIMEOUT && timeoutKeepsCount) {
+            *done = total;
+        }
+        if (rc != SUCCESS) {
+            return rc;
+        }
+        if (n == 0) {
+            break;
+        }
+        total += n;
+    }
+    *done = total;
+    return SUCCESS;
+}
+
 }  // namespace
 
 bool Sock_ExitRequested(const SockExitFlag* exitFlag)
@@ -445,24 +470,10 @@ int Sock_Read(int fd, void* buf, int len, int* got, DbPrintf_Class* /*pDB*/)
         return DEBUG_WARNING;
     }
     char* p = static_cast<char*>(buf);
-    int total = 0;
-    while (total < len) {
-        int n = 0;
-        const int rc = Sock_Recv_OneBlock(fd, p + total, len - total, &n, kSimplePassMs, SOCK_FIXED_FLAGS);
-        if (rc == SOCK_TIMEOUT) {
-            *got = total;
-            return SOCK_TIMEOUT;
-        }
-        if (rc != SUCCESS) {
-            return rc;
-        }
-        if (n == 0) {
-            break;
-        }
-        total += n;
-    }
-    *got = total;
-    return SUCCESS;
+    // A time-out reports what was read before it.
+    return repeat_blocks(len, got, true, [fd, p, len](int total, int* n) {
+        return Sock_Recv_OneBlock(fd, p + total, len - total, n, kSimplePassMs, SOCK_FIXED_FLAGS);
+    });
 }
 
 int Sock_Read_OneBlock(int fd, void* buf, int len, int* got, int timeout_ms, DbPrintf_Class* /*pDB*/)
@@ -559,20 +570,9 @@ int Sock_Write(int fd, const void* buf, int len, int* sent, DbPrintf_Class* /*pD
         return DEBUG_WARNING;
     }
     const char* p = static_cast<const char*>(buf);
-    int total = 0;
-    while (total < len) {
-        int n = 0;
-        const int rc = Sock_Send_OneBlock(fd, p + total, len - total, &n, kSimplePassMs, SOCK_FIXED_FLAGS);
-        if (rc != SUCCESS) {
-            return rc;
-        }
-        if (n == 0) {
-            break;
-        }
-        total += n;
-    }
-    *sent = total;
-    return SUCCESS;
+    return repeat_blocks(len, sent, false, [fd, p, len](int total, int* n) {
+        return Sock_Send_OneBlock(fd, p + total, len - total, n, kSimplePassMs, SOCK_FIXED_FLAGS);
+    });
 }
 
 int Sock_Write_OneBlock(int fd, const void* buf, int len, int* sent, int timeout_ms, DbPrintf_Class* /*pDB*/)
