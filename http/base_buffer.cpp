@@ -144,6 +144,20 @@ int HTTPBaseBuffer_Class::HeadReadFailed(int rc)
     return HTTP_HEADER_READ_FAILD;
 }
 
+int HTTPBaseBuffer_Class::HeadReadFailed(const char* who, int fd, int rc, DbPrintf_Class* pDB)
+{
+    TimePrint(pDB, 1, "[%s] HttpRead_Header(sockfd %d) failed ::%d\n", who, fd, rc);
+    return HeadReadFailed(rc);
+}
+
+int HTTPBaseBuffer_Class::HeadParseFailed(const char* who, const char* step, int rc, int status, const char* text,
+                                          DbPrintf_Class* pDB)
+{
+    TimePrint(pDB, 1, "[%s] %s failed ::%d\n", who, step, rc);
+    SetFailure(status, text);
+    return HTTP_INVALID_SYNTAX;
+}
+
 int HTTPBaseBuffer_Class::BodyReadFailed(int rc)
 {
     SetFailure(rc == SOCK_TIMEOUT ? 408 : 400, "HTTP body read faild.");

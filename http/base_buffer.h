@@ -3,6 +3,7 @@
 
 #include <sys/time.h>
 
+#include "common/return_codes.h"
 #include "http/byte_source.h"
 #include "net/socket_io.h"
 
@@ -153,6 +154,30 @@ protected:
     // report it: SOCK_TIMEOUT stays (status 408); anything else becomes
     // HTTP_HEADER_READ_FAILD (413 when the head did not fit, else 400).
     int HeadReadFailed(int rc);
+    // The same, logged first as "[who] HttpRead_Header(sockfd %d) failed ::%d".
+    int HeadReadFailed(const char* who, int fd, int rc, DbPrintf_Class* pDB);
+    // A failed head parse: logged as "[who] step failed ::%d", the parser's
+    // status and text taken over (SetFailure); HTTP_INVALID_SYNTAX.
+    int HeadParseFailed(const char* who, const char* step, int rc, int status, const char* text, DbPrintf_Class* pDB);
+    // How HttpRead (and the multipart HttpReadFirst) begin: PrepareNextMessage,
+    // the head read, then parser->Parsing over the head, each failure as
+    // above. errorText is the parser's text to report (the request parser
+    // keeps its own apart from the shared scanner's). SUCCESS.
+    template <typename Parser>
+    int ReadParsedHead(int fd, int timeout_ms, SockExitFlag* exitFlag, Parser* parser, const char* errorText,
+                       const char* who, DbPrintf_Class* pDB)
+    {
+        PrepareNextMessage(pDB);
+        int rc = HttpRead_Header(fd, timeout_ms, exitFlag, pDB);
+        if (rc != SUCCESS) {
+            return HeadReadFailed(who, fd, rc, pDB);
+        }
+        rc = parser->Parsing(m_pBuffer + m_nHeaderStart, m_nHeaderLength, pDB);
+        if (rc != SUCCESS) {
+            return HeadParseFailed(who, "Parser.Parsing", rc, parser->m_nStatus, errorText, pDB);
+        }
+        return SUCCESS;
+    }
     // A failed body read: HTTP_BODY_READ_FAILD, status 408 for SOCK_TIMEOUT
     // (HttpRead_Body never passes one through, so 400 in practice).
     int BodyReadFailed(int rc);

@@ -12,16 +12,16 @@ using byte_class::letter;
 // digits and letters.
 constexpr bool token(int c)
 {
-    return c == '!' || in(c, '#', '\'') || c == '*' || c == '+' || c == '-' || c == '.' || c == '^' ||
-           c == '_' || c == '|' || c == '~' || digit(c) || letter(c);
+    return c == '!' || in(c, '#', '\'') || c == '*' || c == '+' || c == '-' || c == '.' || c == '^' || c == '_' ||
+           c == '|' || c == '~' || digit(c) || letter(c);
 }
 
 // Request-target characters: # % & + - . / : = ? @ _, digits and letters.
 // No percent-decoding is ever done.
 constexpr bool uri(int c)
 {
-    return c == '#' || c == '%' || c == '&' || c == '+' || in(c, '-', ':') || c == '=' || in(c, '?', 'Z') ||
-           c == '_' || in(c, 'a', 'z');
+    return c == '#' || c == '%' || c == '&' || c == '+' || in(c, '-', ':') || c == '=' || in(c, '?', 'Z') || c == '_' ||
+           in(c, 'a', 'z');
 }
 
 }  // namespace

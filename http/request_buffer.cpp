@@ -16,21 +16,12 @@ int HTTPRequestBuffer_Class::ClearBuf(DbPrintf_Class* pDB)
 
 int HTTPRequestBuffer_Class::HttpRead(int fd, int timeout_ms, SockExitFlag* exitFlag, DbPrintf_Class* pDB)
 {
-    PrepareNextMessage(pDB);
-
-    int rc = HttpRead_Header(fd, timeout_ms, exitFlag, pDB);
+    // Only the request parser's own text is reported: a fault inside the
+    // header lines reaches the client with its status and an empty text.
+    const int rc = ReadParsedHead(fd, timeout_ms, exitFlag, &Parser, Parser.m_strRequestError,
+                                  "HTTPRequestBuffer_Class::HttpRead()", pDB);
     if (rc != SUCCESS) {
-        TimePrint(pDB, 1, "[HTTPRequestBuffer_Class::HttpRead()] HttpRead_Header(sockfd %d) failed ::%d\n", fd, rc);
-        return HeadReadFailed(rc);
-    }
-
-    rc = Parser.Parsing(m_pBuffer + m_nHeaderStart, m_nHeaderLength, pDB);
-    if (rc != SUCCESS) {
-        TimePrint(pDB, 1, "[HTTPRequestBuffer_Class::HttpRead()] Parser.Parsing failed ::%d\n", rc);
-        // Only the request parser's own text is reported: a fault inside the
-        // header lines reaches the client with its status and an empty text.
-        SetFailure(Parser.m_nStatus, Parser.m_strRequestError);
-        return HTTP_INVALID_SYNTAX;
+        return rc;
     }
 
     switch (Parser.Flag_Num) {

@@ -15,19 +15,10 @@ int HTTPResponseBuffer_Class::ClearBuf(DbPrintf_Class* pDB)
 
 int HTTPResponseBuffer_Class::HttpRead(int fd, int timeout_ms, SockExitFlag* exitFlag, DbPrintf_Class* pDB)
 {
-    PrepareNextMessage(pDB);
-
-    int rc = HttpRead_Header(fd, timeout_ms, exitFlag, pDB);
+    int rc = ReadParsedHead(fd, timeout_ms, exitFlag, &Parser, Parser.m_strError,
+                            "HTTPResponseBuffer_Class::HttpRead()", pDB);
     if (rc != SUCCESS) {
-        TimePrint(pDB, 1, "[HTTPResponseBuffer_Class::HttpRead()] HttpRead_Header(sockfd %d) failed ::%d\n", fd, rc);
-        return HeadReadFailed(rc);
-    }
-
-    rc = Parser.Parsing(m_pBuffer + m_nHeaderStart, m_nHeaderLength, pDB);
-    if (rc != SUCCESS) {
-        TimePrint(pDB, 1, "[HTTPResponseBuffer_Class::HttpRead()] Parser.Parsing failed ::%d\n", rc);
-        SetFailure(Parser.m_nStatus, Parser.m_strError);
-        return HTTP_INVALID_SYNTAX;
+        return rc;
     }
 
     rc = CheckContentLength(Parser.m_HeaderLines, m_nCapacity - m_nBodyStart);
