@@ -6,7 +6,10 @@
 namespace {
 
 // '.', '0'..'9', 'A'..'Z', '_', 'a'..'z'.
-constexpr bool ppd_name(int c) { return c == '.' || c == '_' || byte_class::digit(c) || byte_class::letter(c); }
+constexpr bool ppd_name(int c)
+{
+    return c == '.' || c == '_' || byte_class::digit(c) || byte_class::letter(c);
+}
 
 }  // namespace
 

@@ -149,7 +149,7 @@ protected:
     char m_strAuth[AUTH_LINE_SIZE];
     char m_strUser[AUTH_LINE_SIZE];
     char m_strPassword[AUTH_LINE_SIZE];
-    int m_nDigest = 0;  // 1: answer m_Digest instead of sending Basic
+    int m_nDigest = 0;                // 1: answer m_Digest instead of sending Basic
     DigestChallenge m_Digest;
     unsigned long m_ulDigestCount = 0;  // requests sent with m_Digest's nonce
     char m_strDigestAuth[DIGEST_LINE_SIZE];

@@ -87,7 +87,8 @@ int CClient_HTTP_MultiPart::Get()
         TimePrint(m_pDB, m_nLogLevel,
                   "[CClient_HTTP_MultiPart::Get()] Digest challenge (realm \"%s\" algorithm %s%s%s): answering on a "
                   "new connection\n",
-                  ch.realm, DigestAlgorithmName(ch.algorithm), ch.hasQop ? " qop auth" : "", ch.stale ? " stale" : "");
+                  ch.realm, DigestAlgorithmName(ch.algorithm), ch.hasQop ? " qop auth" : "",
+                  ch.stale ? " stale" : "");
     }
 }
 

@@ -103,7 +103,8 @@ int read_value(Cursor* c, char* out, int outMax, int* length, char* reason)
                 ch = c->peek();
             }
             if ((ch < 0x20 && ch != '\t') || ch == 0x7f) {
-                snprintf(reason, AUTH_REASON_SIZE, "[Offset %d]:control character 0x%02x in quoted string", c->pos, ch);
+                snprintf(reason, AUTH_REASON_SIZE, "[Offset %d]:control character 0x%02x in quoted string", c->pos,
+                         ch);
                 return HTTP_INVALID_SYNTAX;
             }
             if (out != nullptr && n < outMax) {
@@ -370,7 +371,8 @@ int AuthParseChallenges(const char* value, int len, AuthChallenges* set, char* r
             return HTTP_INVALID_SYNTAX;
         }
         if (set->count >= AUTH_MAX_CHALLENGES) {
-            snprintf(reason, AUTH_REASON_SIZE, "[Offset %d]:more than %d challenges", schemeStart, AUTH_MAX_CHALLENGES);
+            snprintf(reason, AUTH_REASON_SIZE, "[Offset %d]:more than %d challenges", schemeStart,
+                     AUTH_MAX_CHALLENGES);
             return OVER_PARAM;
         }
         DigestChallenge* ch = &set->items[set->count];
@@ -400,8 +402,8 @@ int AuthParseHeaderLines(const StaticArr_NameValToken_Class& lines, AuthChalleng
         if (line == nullptr || line->m_Name.Compare("WWW-Authenticate:") != SUCCESS || line->m_Val.GetLength() < 1) {
             continue;
         }
-        const int rc = AuthParseChallenges(reinterpret_cast<const char*>(line->m_Val.GetPtr()), line->m_Val.GetLength(),
-                                           set, reason);
+        const int rc = AuthParseChallenges(reinterpret_cast<const char*>(line->m_Val.GetPtr()),
+                                           line->m_Val.GetLength(), set, reason);
         if (rc != SUCCESS) {
             return rc;
         }
@@ -480,8 +482,8 @@ int DigestBuildAuthorization(const DigestChallenge& ch, const char* user, const 
     const std::string name = ch.userhash ? hash_hex(alg, std::string(user) + ":" + ch.realm) : std::string(user);
 
     // The order of RFC 7616's examples.
-    std::string text =
-        "Digest username=" + quoted(name.c_str()) + ", realm=" + quoted(ch.realm) + ", uri=" + quoted(uri);
+    std::string text = "Digest username=" + quoted(name.c_str()) + ", realm=" + quoted(ch.realm) +
+                       ", uri=" + quoted(uri);
     if (ch.algorithmNamed) {
         text += std::string(", algorithm=") + DigestAlgorithmName(alg);
     }

@@ -29,7 +29,8 @@ uint32_t rotr(uint32_t x, int n)
 // in bits as 8 bytes (little-endian for MD5, big-endian for SHA-256). The
 // message is walked in 64-byte blocks; the last one or two blocks are built
 // in a scratch area so the caller's data are never copied whole.
-template <typename Block> void walk_blocks(const uint8_t* data, size_t len, bool bigEndianLength, Block&& block)
+template <typename Block>
+void walk_blocks(const uint8_t* data, size_t len, bool bigEndianLength, Block&& block)
 {
     size_t done = 0;
     for (; len - done >= 64; done += 64) {
@@ -55,9 +56,10 @@ template <typename Block> void walk_blocks(const uint8_t* data, size_t len, bool
 }
 
 // Per-round shift amounts and sines of RFC 1321, section 3.4.
-const int kMd5Shift[64] = {7,  12, 17, 22, 7,  12, 17, 22, 7,  12, 17, 22, 7,  12, 17, 22, 5,  9,  14, 20, 5,  9,
-                           14, 20, 5,  9,  14, 20, 5,  9,  14, 20, 4,  11, 16, 23, 4,  11, 16, 23, 4,  11, 16, 23,
-                           4,  11, 16, 23, 6,  10, 15, 21, 6,  10, 15, 21, 6,  10, 15, 21, 6,  10, 15, 21};
+const int kMd5Shift[64] = {7, 12, 17, 22, 7, 12, 17, 22, 7, 12, 17, 22, 7, 12, 17, 22,
+                           5, 9,  14, 20, 5, 9,  14, 20, 5, 9,  14, 20, 5, 9,  14, 20,
+                           4, 11, 16, 23, 4, 11, 16, 23, 4, 11, 16, 23, 4, 11, 16, 23,
+                           6, 10, 15, 21, 6, 10, 15, 21, 6, 10, 15, 21, 6, 10, 15, 21};
 const uint32_t kMd5Sine[64] = {
     0xd76aa478, 0xe8c7b756, 0x242070db, 0xc1bdceee, 0xf57c0faf, 0x4787c62a, 0xa8304613, 0xfd469501,
     0x698098d8, 0x8b44f7af, 0xffff5bb1, 0x895cd7be, 0x6b901122, 0xfd987193, 0xa679438e, 0x49b40821,
@@ -142,8 +144,7 @@ void Sha256Hex(const void* data, size_t len, char (&out)[SHA256_HEX_SIZE])
         }
         uint32_t a = h[0], b = h[1], c = h[2], d = h[3], e = h[4], f = h[5], g = h[6], hh = h[7];
         for (int i = 0; i < 64; ++i) {
-            const uint32_t t1 =
-                hh + (rotr(e, 6) ^ rotr(e, 11) ^ rotr(e, 25)) + ((e & f) ^ (~e & g)) + kSha256K[i] + w[i];
+            const uint32_t t1 = hh + (rotr(e, 6) ^ rotr(e, 11) ^ rotr(e, 25)) + ((e & f) ^ (~e & g)) + kSha256K[i] + w[i];
             const uint32_t t2 = (rotr(a, 2) ^ rotr(a, 13) ^ rotr(a, 22)) + ((a & b) ^ (a & c) ^ (b & c));
             hh = g;
             g = f;
