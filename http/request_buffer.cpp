@@ -45,17 +45,9 @@ int HTTPRequestBuffer_Class::HttpRead(int fd, int timeout_ms, SockExitFlag* exit
 int HTTPRequestBuffer_Class::ReadPostParams(int fd, int timeout_ms, SockExitFlag* exitFlag, DbPrintf_Class* pDB)
 {
     const StaticArr_NameValToken_Class& headers = Parser.m_HeaderLines;
-    int rc = CheckContentLength(headers, m_nCapacity - m_nBodyStart);
+    int rc = ReadCountedBody(fd, timeout_ms, exitFlag, headers, "HTTPRequestBuffer_Class::HttpRead()", pDB);
     if (rc != SUCCESS) {
-        TimePrint(pDB, 1, "[HTTPRequestBuffer_Class::HttpRead()] %s ::%d\n", m_strError, rc);
         return rc;
-    }
-    rc = HttpRead_Body(fd, m_nContentLength, timeout_ms, exitFlag, pDB);
-    if (rc != SUCCESS) {
-        TimePrint(pDB, 1,
-                  "[HTTPRequestBuffer_Class::HttpRead()] HttpRead_Body(sockfd %d,ContentLength %d) failed ::%d\n", fd,
-                  m_nContentLength, rc);
-        return BodyReadFailed(rc);
     }
 
     const unsigned char* body = m_pBuffer + m_nBodyStart;
