@@ -2,6 +2,7 @@
 
 #include <stdlib.h>
 
+#include "common/ptr_arr.h"
 #include "common/return_codes.h"
 #include "xml/xml_element.h"
 
