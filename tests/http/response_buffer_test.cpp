@@ -130,6 +130,7 @@ void ExpectHeadReadFails(int size, const std::vector<std::string>& pieces, int c
 {
     Buffer buf;
     ASSERT_EQ(SUCCESS, buf.Init(size));
+    EXPECT_EQ(NOT_INITIALIZE, buf.Is_KeepAlive()) << "no verdict before a read";
     FeedInPieces(buf, pieces, false, [&](int fd) { EXPECT_EQ(code, buf.HttpRead(fd, kTimeoutMs, nullptr)); });
     EXPECT_EQ(status, buf.m_nStatus);
     EXPECT_STREQ("HTTP header read faild.", buf.m_strError);
