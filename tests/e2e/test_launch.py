@@ -91,10 +91,10 @@ class LauncherAnswerTest(RelayCase):
         none = self.path("none").encode()
         rows = [
             # set-up, program name, answer to -StartUp, to -StartUp_NonDeamon
-            (lambda: self.write_directory_conf(self.path("none")), None, start_failed_answer(
-                b"States file does not create. Prease check a permission '%s/'" % none), b""),
             (lambda: None, "/usr/bin/", start_failed_answer(b"Illegal file name in arg[0]."), None),
             (stale_states_file, None, ALREADY_ANSWER, b"1 was alredy started.\n"),
+            (lambda: self.write_directory_conf(self.path("none")), None, start_failed_answer(
+                b"States file does not create. Prease check a permission '%s/'" % none), b""),
         ]
         for setup, argv0, forking, foreground in rows:
             with self.subTest(forking):

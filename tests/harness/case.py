@@ -1,5 +1,6 @@
 """RelayCase: the unittest fixture of the end-to-end and reliability tests."""
 
+import contextlib
 import os
 import shutil
 import signal
@@ -145,6 +146,16 @@ class RelayCase(unittest.TestCase):
         pid = self.start_forking("1")
         login()
         return pid, pictures, record
+
+    @contextlib.contextmanager
+    def row(self, msg=None, **params):
+        """One row of a table test: a subTest after which whatever the row
+        started is stopped, so that the next row finds the ports free."""
+        with self.subTest(msg, **params):
+            try:
+                yield
+            finally:
+                self.procs.stop_all()
 
     def stop_daemons(self):
         """Stops every daemon the test started (between the rows of a

@@ -170,7 +170,7 @@ class ChaosTest(r.ReliabilityCase):
                     seen["last"] = key
                     with chaos.lock:
                         chaos.pictures += 1
-                a = chaos.timed(harness.logout, "img_logout")
+                chaos.timed(harness.logout, "img_logout")
                 chaos.tally.add("logout")
                 chaos.sleep(rng, 0, 5)
 
@@ -231,24 +231,19 @@ class ChaosTest(r.ReliabilityCase):
         def sampler(_rng):
             # Each sample is written at once, so that a run that fails (or
             # is stopped) still leaves its figures.
-            out = open(SAMPLES, "w") if SAMPLES else None
-            if out:
+            with open(SAMPLES or os.devnull, "w") as out:
                 out.write("seconds,rss_kb,fds,pictures_per_second\n")
-            last_pictures = 0
-            t0 = time.monotonic()
-            while not chaos.stop.wait(SAMPLE_EVERY):
-                with chaos.lock:
-                    n = chaos.pictures
-                samples.append((time.monotonic() - t0, r.rss_kb(pid), r.fd_count(pid),
-                                (n - last_pictures) / SAMPLE_EVERY))
-                if out:
+                last_pictures, t0 = 0, time.monotonic()
+                while not chaos.stop.wait(SAMPLE_EVERY):
+                    with chaos.lock:
+                        n = chaos.pictures
+                    samples.append((time.monotonic() - t0, r.rss_kb(pid), r.fd_count(pid),
+                                    (n - last_pictures) / SAMPLE_EVERY))
                     out.write("%.1f,%d,%d,%.2f\n" % samples[-1])
                     out.flush()
-                last_pictures = n
-                if not r.alive(pid):
-                    raise AssertionError("the daemon ended")
-            if out:
-                out.close()
+                    last_pictures = n
+                    if not r.alive(pid):
+                        raise AssertionError("the daemon ended")
 
         actors = [chaos.actor("camera", camera_actor), chaos.actor("viewer", viewer),
                   chaos.actor("config", config_actor), chaos.actor("reset_postterm", postterm_actor),

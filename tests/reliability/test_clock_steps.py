@@ -37,7 +37,7 @@ class ClockStepTest(r.ReliabilityCase):
 
     def test_post_alarm_term_ends_on_time(self):
         for i, step in enumerate(STEPS):
-            with self.row(step):
+            with self.row(step=step):
                 record = self.start_schedsim(name="sched%d" % i)
                 self.start_camsim("--fps", "25", name="cam%d" % i)
                 clock, _ = self.start(translator_calarm_rec_postterm=str(POSTTERM))
@@ -58,7 +58,7 @@ class ClockStepTest(r.ReliabilityCase):
 
     def test_trickled_body_ends_after_the_read_limit(self):
         for step in STEPS:
-            with self.row(step):
+            with self.row(step=step):
                 clock, _ = self.start()
                 data, took = r.trickle_body(at=(2, lambda: clock.set(step)))
                 self.assertEqual(r.status_of(data), 400, data[:200])
@@ -68,7 +68,7 @@ class ClockStepTest(r.ReliabilityCase):
 
     def test_trickled_picture_ends_after_the_read_limit(self):
         for step in STEPS:
-            with self.row(step), contextlib.closing(FakeCamera(trickle)) as camera:
+            with self.row(step=step), contextlib.closing(FakeCamera(trickle)) as camera:
                 clock, _ = self.start()
                 harness.login()
                 r.wait_for(lambda: camera.count() >= 1, "the camera connection")
@@ -79,15 +79,6 @@ class ClockStepTest(r.ReliabilityCase):
                 self.assertTrue(1.8 <= gap < 6, "reconnected after %.2f s" % gap)
                 r.record("clock: wall clock stepped %+d s while a camera picture trickles in" % step, 1,
                          "reconnected after %.2f s" % gap)
-
-    @contextlib.contextmanager
-    def row(self, step):
-        """A row of the table; the next one starts afresh."""
-        with self.subTest(step=step):
-            try:
-                yield
-            finally:
-                self.procs.stop_all()
 
 
 if __name__ == "__main__":

@@ -115,14 +115,23 @@ class ServingClients:
         self.stop.set()
 
 
-def stop(pid, how, states_path):
-    if how == "SIGTERM":
-        os.kill(pid, signal.SIGTERM)
-    else:
-        os.unlink(states_path)
-
-
 class LifecycleTest(r.ReliabilityCase):
+    def stop(self, pid, how):
+        """Stops the daemon by SIGTERM or by deleting its states file; the
+        seconds it took. Afterwards the states file is gone, the pid file
+        whole and the log ends on a whole line."""
+        if how == "SIGTERM":
+            os.kill(pid, signal.SIGTERM)
+        else:
+            os.unlink(self.states_path())
+        t0 = time.monotonic()
+        self.wait_gone(pid)
+        took = time.monotonic() - t0
+        self.daemon_pids.remove(pid)
+        self.assertIsNone(self.read_states())
+        self.check_files(states_expected=False, stopped=True)
+        return took
+
     def test_stop_while_serving(self):
         for how in ("SIGTERM", "states file deleted"):
             with self.subTest(how):
@@ -131,17 +140,11 @@ class LifecycleTest(r.ReliabilityCase):
                     pid = self.start_streaming()
                     clients = ServingClients(4)
                     harness.wait_for(lambda: clients.tally["image"] >= 20, "pictures being served")
-                    stop(pid, how, self.states_path())
-                    self.wait_gone(pid)
-                    self.daemon_pids.remove(pid)
+                    self.stop(pid, how)
                     clients.join()
                     tally.add("stopped")
                     for k, v in clients.tally.items():
                         tally.add(k, v)
-                    # Clean shutdown: the states file is gone, the pid file
-                    # stays whole, the log ends on a whole line.
-                    self.assertIsNone(self.read_states())
-                    self.check_files(states_expected=False, stopped=True)
                     self.procs.stop_all()
                 r.record("life cycle: %s while pictures are served" % how, STOPS,
                          "stopped cleanly; files whole; viewers: " + tally.text())
@@ -150,29 +153,19 @@ class LifecycleTest(r.ReliabilityCase):
         # Both control threads blocked: one reading a silent client, one
         # sending a big picture to a viewer that does not read. A stop must
         # interrupt them (well before the 15 s read limit) and must not free
-        # the frame memory under the send.
-        tally = r.Tally()
+        # the frame memory under the send (5 s main-loop poll for the
+        # deleted file, 2 s per pool).
         durations = []
         for how in ("SIGTERM", "states file deleted") * 2:
             pid = self.start_streaming(sizes=[700000], pictures=4)
-            stuck = harness.wait_for(stalled_viewer, "a picture being sent to a stalled viewer")
-            silent = harness.connect(timeout=60)
-            stop(pid, how, self.states_path())
-            start = time.monotonic()
-            self.wait_gone(pid)
-            took = time.monotonic() - start
-            self.daemon_pids.remove(pid)
-            # 5 s main-loop poll for the deleted file, 2 s per pool.
+            with harness.wait_for(stalled_viewer, "a picture being sent to a stalled viewer"), \
+                    harness.connect(timeout=60):
+                took = self.stop(pid, how)
             self.assertLess(took, 14.0, "%s took %.1f s: a blocked thread was not interrupted" % (how, took))
-            silent.close()
-            stuck.close()
-            self.check_files(states_expected=False, stopped=True)
             self.procs.stop_all()
-            tally.add(how)
             durations.append("%.1f" % took)
         r.record("life cycle: stop while a thread reads a silent client and one sends to a stalled viewer",
-                 tally.total(), "stopped cleanly: " + tally.text(),
-                 note="stopped after %s s" % "/".join(durations))
+                 len(durations), "stopped cleanly", note="stopped after %s s" % "/".join(durations))
 
     def test_stop_during_camera_back_off(self):
         # No camera at all: the camera thread sleeps ever longer between
@@ -182,14 +175,9 @@ class LifecycleTest(r.ReliabilityCase):
         harness.login()
         # The fifth failed start is followed by the 16 s sleep.
         harness.wait_for(lambda: self.log_text().count("obAXISJPEGMultiPart.Start failed") >= 5,
-                     "five failed starts", limit=120.0)
-        os.kill(pid, signal.SIGTERM)
-        start = time.monotonic()
-        self.wait_gone(pid)
-        took = time.monotonic() - start
-        self.daemon_pids.remove(pid)
+                         "five failed starts", limit=120.0)
+        took = self.stop(pid, "SIGTERM")
         self.assertLess(took, 14.0, "the stop waited %.1f s for the back-off" % took)
-        self.check_files(states_expected=False, stopped=True)
         r.record("life cycle: SIGTERM while the camera thread backs off 16 s", 1,
                  "stopped cleanly", note="stopped after %.1f s" % took)
 
