@@ -4,6 +4,7 @@ must keep running, reconnect at once after a failed read, back off
 (1, 2, 4, 8, 16, 16 s) only after failed starts, and hand the viewer the next
 good pictures whole."""
 
+import contextlib
 import os
 import random
 import re
@@ -91,6 +92,8 @@ class FakeCamera:
             return [b - a for a, b in zip(self.accepts, self.accepts[1:])]
 
     def close(self):
+        if self.listener.fileno() < 0:
+            return
         self.listener.shutdown(socket.SHUT_RDWR)
         self.listener.close()
         self.thread.join(10)
@@ -186,56 +189,51 @@ class CameraScriptedStreamTest(r.ReliabilityCase):
              "boundary of 5,000 bytes"),
         ]
         for bad, head, note in rows:
-            with self.subTest(note):
-                self.run_scripted(bad, note, head)
+            with self.row(note), contextlib.closing(FakeCamera(scripted(bad, head or STREAM_HEAD))) as cam:
+                self.run_scripted(cam, bad, note)
 
-    def run_scripted(self, bad, note, head):
-        cam = FakeCamera(scripted(bad, head or STREAM_HEAD))
-        try:
-            pid = self.start_forking("1")
-            before = self.usage(pid)
-            harness.login()
-            if note in BAD_HEADS:
-                # Every connection gets the bad head: no picture may come,
-                # and the daemon must keep trying without harm.
-                harness.wait_for(lambda: cam.count() >= REPEATS, "%d camera connections" % REPEATS, limit=60.0)
-                self.assertEqual(harness.get_image().body, b"ERROR_TRANSLATOR_RECEIVE:")
-                outcome, bad_count = "survived; no picture taken from a bad head", cam.count()
-            else:
-                # The part head's first line is taken as the boundary line
-                # whatever it says, so some bad parts are read past on the
-                # same connection; others end it and the next connection
-                # gets the next bad part, up to REPEATS.
-                harness.wait_for(lambda: cam.bad_after, "the bad part sent", limit=90.0)
-                relayed_bad = 0
+    def run_scripted(self, cam, bad, note):
+        pid = self.start_forking("1")
+        before = self.usage(pid)
+        harness.login()
+        if note in BAD_HEADS:
+            # Every connection gets the bad head: no picture may come,
+            # and the daemon must keep trying without harm.
+            harness.wait_for(lambda: cam.count() >= REPEATS, "%d camera connections" % REPEATS, limit=60.0)
+            self.assertEqual(harness.get_image().body, b"ERROR_TRANSLATOR_RECEIVE:")
+            outcome, bad_count = "survived; no picture taken from a bad head", cam.count()
+        else:
+            # The part head's first line is taken as the boundary line
+            # whatever it says, so some bad parts are read past on the
+            # same connection; others end it and the next connection
+            # gets the next bad part, up to REPEATS.
+            harness.wait_for(lambda: cam.bad_after, "the bad part sent", limit=90.0)
+            relayed_bad = 0
 
-                def past_the_bad_parts():
-                    nonlocal relayed_bad
-                    a = harness.get_image()
-                    if a.header("Content-Type") != "image/jpeg":
-                        self.assertEqual(a.body, b"ERROR_TRANSLATOR_RECEIVE:")
-                        return False
-                    try:
-                        seq = harness.split_stamp(a.body)[0]
-                    except AssertionError:
-                        # A bad part that still reads as a part (its first
-                        # line is not checked) is relayed as it came.
-                        self.assertIn(a.body, bad)
-                        relayed_bad += 1
-                        return False
-                    with cam.lock:
-                        bad_seqs, connections = list(cam.bad_after), len(cam.accepts)
-                    return seq > bad_seqs[-1] and (len(bad_seqs) == REPEATS or connections == len(bad_seqs))
-                harness.wait_for(past_the_bad_parts, "a picture after the bad parts", limit=90.0, interval=0)
-                outcome = "survived; next pictures whole" + (
-                    "; the bad part relayed as sent" if relayed_bad else "")
-                bad_count = len(cam.bad_after)
-            harness.logout()
-            self.finish(pid, "camera: " + note, bad_count, outcome, before,
-                        note="camera connections: %d" % cam.count())
-        finally:
-            self.stop_daemons()
-            cam.close()
+            def past_the_bad_parts():
+                nonlocal relayed_bad
+                a = harness.get_image()
+                if a.header("Content-Type") != "image/jpeg":
+                    self.assertEqual(a.body, b"ERROR_TRANSLATOR_RECEIVE:")
+                    return False
+                try:
+                    seq = harness.split_stamp(a.body)[0]
+                except AssertionError:
+                    # A bad part that still reads as a part (its first
+                    # line is not checked) is relayed as it came.
+                    self.assertIn(a.body, bad)
+                    relayed_bad += 1
+                    return False
+                with cam.lock:
+                    bad_seqs, connections = list(cam.bad_after), len(cam.accepts)
+                return seq > bad_seqs[-1] and (len(bad_seqs) == REPEATS or connections == len(bad_seqs))
+            harness.wait_for(past_the_bad_parts, "a picture after the bad parts", limit=90.0, interval=0)
+            outcome = "survived; next pictures whole" + (
+                "; the bad part relayed as sent" if relayed_bad else "")
+            bad_count = len(cam.bad_after)
+        harness.logout()
+        self.finish(pid, "camera: " + note, bad_count, outcome, before,
+                    note="camera connections: %d" % cam.count())
 
 
 class CameraStreamFaultTest(r.ReliabilityCase):
@@ -268,58 +266,52 @@ class CameraStreamFaultTest(r.ReliabilityCase):
             ("hang", ["--fault-arg", "1900"], True, "camera silent 1900 bytes into a part"),
         ]
         for fault, extra, read_fails, note in rows:
-            with self.subTest(fault, note=note):
+            with self.row(fault, note=note):
                 self.run_fault(fault, extra, read_fails, note)
 
     def run_fault(self, fault, extra, read_fails, note):
         name = "cam-%s%s" % (fault, "".join(extra).replace("--fault-arg", "").replace("--fault-at", "at"))
         _, rec = self.start_camsim("--fps", "25", "--fault", fault, "--fault-at", "4",
                                    "--fault-connections", str(REPEATS), *extra, name=name)
-        camsim = self.children[-1]
-        try:
-            pid = self.start_forking("1")
-            before = self.usage(pid)
-            harness.login()
-            if read_fails is not False:
-                # Every faulty connection is followed by a good one that
-                # is relayed: REPEATS + 1 requests, then good pictures.
-                harness.wait_for(lambda: len(request_times(rec)) > REPEATS,
-                                 "%d camera connections" % (REPEATS + 1), limit=90.0)
-            seqs = self.pull(10)
-            # The bad part was the fourth: later ones came through.
-            self.assertGreater(seqs[-1], 4)
-            times = request_times(rec)[:REPEATS + 1]
-            gaps = [b - a for a, b in zip(times, times[1:])]
-            silent_camera = fault in ("stall", "hang")
-            if silent_camera:
-                # The pictures before the silence, then the 2 s read limit,
-                # then a new connection at once (no back-off on top).
-                what = "reconnected after the read limit"
-                self.assertTrue(all(1.8 <= g < 2.0 + 4.0 for g in gaps), "reconnect gaps %s" % gaps)
-            elif read_fails:
-                what = "reconnected at once"
-                self.assertTrue(all(g < IMMEDIATE for g in gaps), "reconnect gaps %s (a back-off)" % gaps)
-            elif read_fails is None:
-                what = "reconnected after back-off"
-                self.assertTrue(all(g >= 0.9 for g in gaps), "reconnect gaps %s (no back-off)" % gaps)
-            else:
-                what = "part skipped, same connection"
-                self.assertEqual(len(times), 1)
-            if fault == "hang":
-                # The camera numbers its parts across connections: the parts
-                # cut by the silence (the fourth of each faulty connection)
-                # are never relayed, the pictures already taken are.
-                cut = {4 * k for k in range(1, REPEATS + 1)}
-                self.assertFalse(cut & set(seqs), "a cut part was relayed: %s" % seqs)
-            harness.logout()
-            self.finish(pid, "camera: " + note, min(REPEATS, len(times)),
-                        "survived; %s; next pictures whole" % what, before, note="%s%d pictures after" % (
-                            "reconnect gaps %s s; " % "/".join("%.2f" % g for g in gaps) if gaps else "",
-                            len(seqs)))
-        finally:
-            self.stop_daemons()
-            camsim.terminate()
-            camsim.wait(10)
+        pid = self.start_forking("1")
+        before = self.usage(pid)
+        harness.login()
+        if read_fails is not False:
+            # Every faulty connection is followed by a good one that
+            # is relayed: REPEATS + 1 requests, then good pictures.
+            harness.wait_for(lambda: len(request_times(rec)) > REPEATS,
+                             "%d camera connections" % (REPEATS + 1), limit=90.0)
+        seqs = self.pull(10)
+        # The bad part was the fourth: later ones came through.
+        self.assertGreater(seqs[-1], 4)
+        times = request_times(rec)[:REPEATS + 1]
+        gaps = [b - a for a, b in zip(times, times[1:])]
+        silent_camera = fault in ("stall", "hang")
+        if silent_camera:
+            # The pictures before the silence, then the 2 s read limit,
+            # then a new connection at once (no back-off on top).
+            what = "reconnected after the read limit"
+            self.assertTrue(all(1.8 <= g < 2.0 + 4.0 for g in gaps), "reconnect gaps %s" % gaps)
+        elif read_fails:
+            what = "reconnected at once"
+            self.assertTrue(all(g < IMMEDIATE for g in gaps), "reconnect gaps %s (a back-off)" % gaps)
+        elif read_fails is None:
+            what = "reconnected after back-off"
+            self.assertTrue(all(g >= 0.9 for g in gaps), "reconnect gaps %s (no back-off)" % gaps)
+        else:
+            what = "part skipped, same connection"
+            self.assertEqual(len(times), 1)
+        if fault == "hang":
+            # The camera numbers its parts across connections: the parts
+            # cut by the silence (the fourth of each faulty connection)
+            # are never relayed, the pictures already taken are.
+            cut = {4 * k for k in range(1, REPEATS + 1)}
+            self.assertFalse(cut & set(seqs), "a cut part was relayed: %s" % seqs)
+        harness.logout()
+        self.finish(pid, "camera: " + note, min(REPEATS, len(times)),
+                    "survived; %s; next pictures whole" % what, before, note="%s%d pictures after" % (
+                        "reconnect gaps %s s; " % "/".join("%.2f" % g for g in gaps) if gaps else "",
+                        len(seqs)))
 
     def test_largest_picture_is_relayed_whole(self):
         # One byte below the part limit is still a picture.
@@ -345,31 +337,25 @@ class CameraStartFaultTest(r.ReliabilityCase):
              "multipart head with no boundary", 3, None),
         ]
         for i, (serve, note, starts, steps) in enumerate(rows):
-            with self.subTest(note):
+            with self.row(note), contextlib.closing(FakeCamera(serve)) as cam:
                 if QUICK and starts > 3:
                     self.skipTest("the whole back-off sequence is left out of the quick run")
-                cam = FakeCamera(serve)
-                try:
-                    pid = self.start_forking("1")
-                    before = self.usage(pid)
-                    harness.login()
-                    harness.wait_for(lambda: cam.count() >= starts, "%d starts" % starts, limit=120.0)
-                    gaps = cam.gaps()[:starts - 1]
-                    self.assertEqual(harness.get_image().body, b"ERROR_TRANSLATOR_RECEIVE:")
-                    # Sleeps are never short, but a busy machine may make them long.
-                    for got, want in zip(gaps, steps or ()):
-                        self.assertTrue(want * 0.9 <= got < want + 5, gaps)
-                    cam.close()
-                    # A good camera comes back: the daemon finds it after
-                    # its current back-off and relays.
-                    self.start_camsim("--fps", "25", name="cam-good-%d" % i)
-                    self.pull(5, limit=120.0)
-                    self.finish(pid, "camera: " + note, starts, "survived; backed off; pictures after recovery",
-                                before, note="start gaps %s s" % "/".join("%.1f" % g for g in gaps))
-                finally:
-                    if cam.listener.fileno() >= 0:
-                        cam.close()
-                    self.procs.stop_all()
+                pid = self.start_forking("1")
+                before = self.usage(pid)
+                harness.login()
+                harness.wait_for(lambda: cam.count() >= starts, "%d starts" % starts, limit=120.0)
+                gaps = cam.gaps()[:starts - 1]
+                self.assertEqual(harness.get_image().body, b"ERROR_TRANSLATOR_RECEIVE:")
+                # Sleeps are never short, but a busy machine may make them long.
+                for got, want in zip(gaps, steps or ()):
+                    self.assertTrue(want * 0.9 <= got < want + 5, gaps)
+                cam.close()
+                # A good camera comes back: the daemon finds it after
+                # its current back-off and relays.
+                self.start_camsim("--fps", "25", name="cam-good-%d" % i)
+                self.pull(5, limit=120.0)
+                self.finish(pid, "camera: " + note, starts, "survived; backed off; pictures after recovery",
+                            before, note="start gaps %s s" % "/".join("%.1f" % g for g in gaps))
 
 
 if __name__ == "__main__":
