@@ -106,8 +106,20 @@ class LauncherAnswerTest(RelayCase):
 
 
 class DaemonLifeTest(RelayCase):
+    def setUp(self):
+        super().setUp()
+        # The files' mode is set explicitly, not left to the mask (the
+        # forking start clears it, the foreground one not).
+        old_mask = os.umask(0o022)
+        self.addCleanup(os.umask, old_mask)
+
+    def assert_files_mode_0666(self):
+        for parts in (("mem", "Ostrel_01.pid"), ("log", "Ostrel_01_log0.txt"), ("tmp.1.States",)):
+            self.assertEqual(stat.S_IMODE(os.stat(self.path(*parts)).st_mode), 0o666, parts)
+
     def test_forking_start_publishes_its_state_and_stops_on_sigterm(self):
         pid = self.start_forking("1")
+        self.assert_files_mode_0666()
         states = self.read_states("1")
         self.assertEqual(states["PPD_Type"], "Ostrel")
         self.assertEqual(states["PPD_Name"], "1")
@@ -136,37 +148,12 @@ class DaemonLifeTest(RelayCase):
         self.assertIn("-StartUp 1 \n", log)
         self.assertIn("] End\n", log)
 
-    def test_both_starts_write_every_file_with_mode_0666(self):
-        # Under the usual mask 022 too: the mode is set explicitly, not left
-        # to the mask (the forking start clears it, the foreground one not).
-        files = (("pid file", ("mem", "Ostrel_01.pid")), ("log", ("log", "Ostrel_01_log0.txt")),
-                 ("states file", ("tmp.1.States",)))
-        old_mask = os.umask(0o022)
-        try:
-            for how in ("forking", "foreground"):
-                for _, parts in files[:2]:
-                    if os.path.exists(self.path(*parts)):
-                        os.unlink(self.path(*parts))
-                if how == "forking":
-                    pid = self.start_forking("1")
-                else:
-                    proc = self.start_foreground("1")
-                for what, parts in files:
-                    with self.subTest(start=how, file=what):
-                        self.assertEqual(stat.S_IMODE(os.stat(self.path(*parts)).st_mode), 0o666)
-                if how == "forking":
-                    self.stop_daemon(pid)
-                else:
-                    proc.send_signal(signal.SIGTERM)
-                    proc.communicate(timeout=30)
-        finally:
-            os.umask(old_mask)
-
     def test_foreground_start_stops_on_sigint_and_when_its_states_file_is_deleted(self):
         for how in ("SIGINT", "states file deleted"):
             with self.subTest(how):
                 proc = self.start_foreground("1")
                 self.assertEqual(int(self.read_states("1")["ProcessId"]), proc.pid)
+                self.assert_files_mode_0666()
                 if how == "SIGINT":
                     proc.send_signal(signal.SIGINT)
                 else:

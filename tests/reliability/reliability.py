@@ -18,6 +18,7 @@ Every run is bounded: each wait has a deadline and each load a count.
 """
 
 import collections
+import itertools
 import json
 import os
 import re
@@ -100,7 +101,7 @@ class FakeClock:
             return cls._why_not
         scratch = tempfile.mkdtemp(prefix="ostrel-faketime-")
         try:
-            env = dict(os.environ, FAKETIME="+0", **cls.env(None))
+            env = dict(os.environ, FAKETIME="+0", **cls.env())
             env["ASAN_OPTIONS"] = env.get("ASAN_OPTIONS", "") + ":log_path=stderr"
             p = subprocess.run([harness.BIN, "-GetConfigTemplate"], env=env, capture_output=True, timeout=60,
                                cwd=scratch)
@@ -125,7 +126,9 @@ class FakeClock:
             f.write("%+d\n" % seconds)
         os.rename(self.path + ".tmp", self.path)
 
-    def env(self):
+    def env(self=None):
+        """The daemon's environment for the clock (without an offset file
+        when called on the class)."""
         env = {"LD_PRELOAD": FakeClock.LIB, "FAKETIME_DONT_FAKE_MONOTONIC": "1"}
         if self is not None:
             env.update(FAKETIME_TIMESTAMP_FILE=self.path, FAKETIME_NO_CACHE="1")
@@ -212,30 +215,40 @@ def raw_exchange(raw, timeout=40.0, shut_write=False):
         return b"".join(chunks)
 
 
-def trickle_body(length=1000, every=0.5, limit=60.0, at=None):
-    """A POST whose body comes a byte every `every` s until the daemon
-    answers or closes: (bytes read, seconds taken). at=(seconds, fn) calls
-    fn once that far into the trickle."""
+def trickle(head, pieces, every=0.5, limit=60.0, at=None):
+    """Sends head, then the pieces one every `every` s until the daemon
+    answers or closes: (bytes read, seconds taken; None for the bytes when
+    the pieces ran out first). at=(seconds, fn) calls fn once that far in."""
     with harness.connect(timeout=limit) as sock:
         t0 = time.monotonic()
-        sock.sendall(b"POST /trcom.cgi HTTP/1.0\r\nContent-Length: %d\r\n\r\n" % length)
+        sock.sendall(head)
         sock.settimeout(every)
         data = b""
-        while time.monotonic() - t0 < limit:
+        for piece in pieces:
+            if time.monotonic() - t0 > limit:
+                break
             if at and time.monotonic() - t0 > at[0]:
                 at[1]()
                 at = None
             try:
-                sock.send(b"a")
+                sock.send(piece)
                 chunk = sock.recv(65536)
             except socket.timeout:
                 continue
             except OSError:
-                break
+                return data, time.monotonic() - t0
             if not chunk:
-                break
+                return data, time.monotonic() - t0
             data += chunk
-        return data, time.monotonic() - t0
+        return None, time.monotonic() - t0
+
+
+def trickle_body(length=1000, every=0.5, limit=60.0, at=None):
+    """A POST whose body comes a byte every `every` s: (bytes read when
+    the daemon answered or closed, seconds taken)."""
+    data, took = trickle(b"POST /trcom.cgi HTTP/1.0\r\nContent-Length: %d\r\n\r\n" % length,
+                         itertools.repeat(b"a"), every, limit, at)
+    return data or b"", took
 
 
 class ReliabilityCase(harness.RelayCase):
