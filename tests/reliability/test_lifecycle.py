@@ -71,48 +71,31 @@ def stalled_viewer():
     return None
 
 
-class ServingClients:
-    """Viewers pulling pictures until the daemon goes away; counts what they
-    got. A stop may cut a picture being sent: that ends in a close."""
-
-    def __init__(self, n):
-        self.tally = r.Tally()
-        self.stop = threading.Event()
-        self.started = threading.Barrier(n + 1)
-        self.threads = [threading.Thread(target=self._run) for _ in range(n)]
-        for t in self.threads:
-            t.start()
-        self.started.wait(30)
-
-    def _run(self):
-        self.started.wait(30)
-        while not self.stop.is_set():
-            try:
-                data = harness.exchange(r.IMAGE_REQUEST)
-            except ConnectionRefusedError:
-                self.tally.add("refused")
-                return
-            except OSError:
-                self.tally.add("reset")
-                continue
-            if not data:
-                self.tally.add("closed unanswered")
-                continue
-            try:
-                a = harness.parse_answers(data)[0]
-            except AssertionError:
-                self.tally.add("cut by the stop")
-                continue
-            if a.header("Content-Type") == "image/jpeg":
-                harness.split_stamp(a.body)
-                self.tally.add("image")
-            else:
-                self.tally.add("answered")
-
-    def join(self):
-        for t in self.threads:
-            t.join(120)
-        self.stop.set()
+def pull_until_gone(tally, done):
+    """A viewer pulling pictures until the daemon goes away (or done is
+    set), counting what it got. A stop may cut a picture being sent: that
+    ends in a close."""
+    while not done.is_set():
+        try:
+            data = harness.exchange(r.IMAGE_REQUEST)
+        except ConnectionRefusedError:
+            tally.add("refused")
+            return
+        except OSError:
+            tally.add("reset")
+            continue
+        try:
+            a = harness.parse_answers(data)[0] if data else None
+        except AssertionError:
+            tally.add("cut by the stop")
+            continue
+        if a is None:
+            tally.add("closed unanswered")
+        elif a.header("Content-Type") == "image/jpeg":
+            harness.split_stamp(a.body)
+            tally.add("image")
+        else:
+            tally.add("answered")
 
 
 class LifecycleTest(r.ReliabilityCase):
@@ -138,13 +121,16 @@ class LifecycleTest(r.ReliabilityCase):
                 tally = r.Tally()
                 for _ in range(STOPS):
                     pid = self.start_streaming()
-                    clients = ServingClients(4)
-                    harness.wait_for(lambda: clients.tally["image"] >= 20, "pictures being served")
+                    seen, done = r.Tally(), threading.Event()
+                    clients = threading.Thread(target=r.run_parallel,
+                                               args=(4, lambda i: pull_until_gone(seen, done)))
+                    clients.start()
+                    harness.wait_for(lambda: seen["image"] >= 20, "pictures being served")
                     self.stop(pid, how)
-                    clients.join()
+                    clients.join(120)
+                    done.set()
+                    tally.update(seen)
                     tally.add("stopped")
-                    for k, v in clients.tally.items():
-                        tally.add(k, v)
                     self.procs.stop_all()
                 r.record("life cycle: %s while pictures are served" % how, STOPS,
                          "stopped cleanly; files whole; viewers: " + tally.text())
