@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "tests/sim/camsim.h"
-#include "tests/sim/sim_main.h"
+#include "tests/sim/sim_common.h"
 #include "viewer/tool_options.h"
 
 namespace {
@@ -15,7 +15,7 @@ constexpr char kTool[] = "ostrel-camsim";
 const char kUsage[] = "Usage: ostrel-camsim --listen ADDR[:PORT] [options]\n"
                       "\n"
                       "Simulated Axis camera: answers\n"
-                      "  GET /axis-cgi/mjpg/video.cgi?showlength=1&camera=N\n"
+                      "  GET /axis-cgi/mjpg/video.cgi?showlength=1&camera=N  (N 1..4; others get 404)\n"
                       "with a multipart/x-mixed-replace stream of JPEG pictures, one part each.\n"
                       "Every picture carries a comment segment \"ostrel-stamp seq=S t_us=T\":\n"
                       "a sequence number rising across all connections and the send time in\n"
@@ -25,13 +25,11 @@ const char kUsage[] = "Usage: ostrel-camsim --listen ADDR[:PORT] [options]\n"
                       "  --fps N                pictures per second per connection (default 10;\n"
                       "                         0 = as fast as the connection takes them)\n"
                       "  --frames N             pictures per connection, then close (0 = endless)\n"
-                      "  --size WxH             generated picture size (default 640x480)\n"
+                      "  --size WxH             generated picture size (default 640x480; 25 pictures in turn)\n"
                       "  --quality Q            JPEG quality 1..100 (default 40: about 18 KB at 640x480)\n"
                       "  --detail D             texture 0..255 that enlarges pictures (default 0;\n"
                       "                         1920x1080 with quality 85 and detail 20 is about 400 KB)\n"
-                      "  --distinct N           number of different generated pictures (default 25)\n"
                       "  --images DIR           send the *.jpg/*.jpeg files of DIR in name order instead\n"
-                      "  --cameras N            camera numbers 1..N exist (default 4); others get 404\n"
                       "  --auth USER:PASSWORD   require Basic authorisation (standard Base64); 401 otherwise\n"
                       "  --auth-digest ALG[,auth]\n"
                       "                         ask for Digest instead of Basic (with --auth): ALG is MD5,\n"
@@ -39,14 +37,12 @@ const char kUsage[] = "Usage: ostrel-camsim --listen ADDR[:PORT] [options]\n"
                       "                         (the -sess forms need it), without it RFC 2069's form\n"
                       "  --nonce-uses N         a Digest nonce serves N authorised requests; the next one\n"
                       "                         gets 401 with stale=true and a new nonce (default 0 = for ever)\n"
-                      "  --boundary TEXT        multipart boundary (default myboundary)\n"
                       "  --fault KIND           inject a fault (below)\n"
                       "  --fault-at N           the part number the fault hits (default 1)\n"
                       "  --fault-arg N          number used by some faults\n"
                       "  --fault-connections N  only connections 1..N get the fault (default 0 = all)\n"
                       "  --record FILE          append every raw request to FILE, one record each:\n"
                       "                         \"#REQUEST n peer=A:P t_us=T bytes=L\\n\" L bytes \"\\n\"\n"
-                      "  --record-stdout        also write the records to standard output\n"
                       "  --quiet                no connection log on standard error\n"
                       "  --help                 this text\n"
                       "\n"
@@ -88,9 +84,7 @@ int main(int argc, char** argv)
          }},
         {"quality", true, IntegerOption(1, 100, &cfg.quality)},
         {"detail", true, IntegerOption(0, 255, &cfg.detail)},
-        {"distinct", true, IntegerOption(1, 10000, &cfg.distinct)},
         {"images", true, TextOption(&cfg.imageDir)},
-        {"cameras", true, IntegerOption(1, 9999, &cfg.cameras)},
         {"auth", true,
          [&](const std::string& a) {
              const size_t colon = a.find(':');
@@ -112,17 +106,11 @@ int main(int argc, char** argv)
                     !(sess && qop.empty());
          }},
         {"nonce-uses", true, IntegerOption(0, 1LL << 62, &cfg.nonceUses)},
-        {"boundary", true,
-         [&](const std::string& a) {
-             cfg.boundary = a;
-             return !a.empty() && a.find_first_of("\r\n") == std::string::npos;
-         }},
         {"fault", true, [&](const std::string& a) { return ParseCamFault(a, &cfg.fault); }},
         {"fault-at", true, IntegerOption(1, 1LL << 62, &cfg.faultAt)},
         {"fault-arg", true, [&](const std::string& a) { return cfg.faultArgSet = ParseInteger(a, &cfg.faultArg); }},
         {"fault-connections", true, IntegerOption(0, 1 << 30, &cfg.faultConnections)},
         {"record", true, TextOption(&cfg.recordPath)},
-        {"record-stdout", false, FlagOption(&cfg.recordStdout)},
         {"quiet", false, FlagOption(&cfg.quiet)},
     };
     const int end = ParseToolOptions(kTool, kUsage, argc, argv, table);

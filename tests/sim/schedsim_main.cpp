@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "tests/sim/schedsim.h"
-#include "tests/sim/sim_main.h"
+#include "tests/sim/sim_common.h"
 #include "viewer/tool_options.h"
 
 namespace {
