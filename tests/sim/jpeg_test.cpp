@@ -84,37 +84,25 @@ bool parse(const std::vector<uint8_t>& j, ScanInfo* s)
     return false;
 }
 
+// Reads the entropy-coded bits MSB first; -1 past the end.
 class BitReader {
 public:
     explicit BitReader(const std::vector<uint8_t>& d) : d_(d) {}
-    int bit()
-    {
-        if (pos_ >= d_.size() * 8)
-            return -1;
-        const int b = (d_[pos_ / 8] >> (7 - pos_ % 8)) & 1;
-        ++pos_;
-        return b;
-    }
     int bits(int n)
     {
         int v = 0;
-        for (int i = 0; i < n; ++i) {
-            const int b = bit();
-            if (b < 0)
+        for (int i = 0; i < n; ++i, ++pos_) {
+            if (pos_ >= d_.size() * 8)
                 return -1;
-            v = (v << 1) | b;
+            v = (v << 1) | ((d_[pos_ / 8] >> (7 - pos_ % 8)) & 1);
         }
         return v;
     }
     int symbol(const Huffman& h)
     {
-        int code = 0;
-        for (int l = 1; l <= 16; ++l) {
-            const int b = bit();
-            if (b < 0)
-                return -1;
+        for (int l = 1, code = 0, b; l <= 16 && (b = bits(1)) >= 0; ++l) {
             code = (code << 1) | b;
-            auto it = h.codes.find({l, code});
+            const auto it = h.codes.find({l, code});
             if (it != h.codes.end())
                 return it->second;
         }
