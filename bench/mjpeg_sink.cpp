@@ -7,8 +7,6 @@
 // simulator's stamp (CLOCK_REALTIME, same machine).
 //
 //   ostrel-mjpegsink ADDR:PORT PATH SECONDS
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <sys/socket.h>
 #include <time.h>
 #include <unistd.h>
@@ -19,7 +17,7 @@
 #include <cstring>
 #include <string>
 
-#include "bench/part_reader.h"
+#include "bench/ref_io.h"
 
 namespace {
 
@@ -54,11 +52,7 @@ int main(int argc, char** argv)
         std::fprintf(stderr, "usage: %s ADDR:PORT PATH SECONDS\n", argv[0]);
         return 2;
     }
-    std::string hp(argv[1]);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_port = htons(static_cast<uint16_t>(std::atoi(hp.substr(hp.find(':') + 1).c_str())));
-    inet_pton(AF_INET, hp.substr(0, hp.find(':')).c_str(), &a.sin_addr);
+    const sockaddr_in a = RefAddress(argv[1]);
     double seconds = std::atof(argv[3]);
 
     // The relay may still be starting (motion answers only once it has a
@@ -67,14 +61,14 @@ int main(int argc, char** argv)
     std::string req = std::string("GET ") + argv[2] + " HTTP/1.0\r\nHost: " + argv[1] + "\r\n\r\n";
     int64_t giveUp = now_us(CLOCK_MONOTONIC) + 20000000;
     for (;;) {
-        in.fd = socket(AF_INET, SOCK_STREAM, 0);
+        in.fd = Tcp_Connect(&a, nullptr, 5000);
         timeval tv{15, 0};  // a stalled relay ends the run
-        setsockopt(in.fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-        if (connect(in.fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0 &&
+        if (in.fd >= 0 && setsockopt(in.fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv) == 0 &&
             send(in.fd, req.data(), req.size(), 0) == static_cast<ssize_t>(req.size()) && in.skip_head()) {
             break;
         }
-        close(in.fd);
+        if (in.fd >= 0)
+            close(in.fd);
         in.pos = in.end = 0;
         if (now_us(CLOCK_MONOTONIC) > giveUp) {
             std::fprintf(stderr, "mjpegsink: no stream from %s\n", argv[1]);

@@ -16,8 +16,6 @@
 // "ref-camera" and "ref-control" so that their CPU time can be read apart.
 //
 //   ostrel-refpreimage LISTEN_ADDR:PORT CAMERA_ADDR:PORT CAMERA_PATH
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <pthread.h>
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -36,7 +34,7 @@
 #include <vector>
 
 #include "bench/part_reader.h"
-#include "bench/send_all.h"
+#include "bench/ref_io.h"
 
 namespace {
 
@@ -57,34 +55,15 @@ struct Ring {
 
 Ring g_ring;
 
-sockaddr_in parse_addr(const char* text)
-{
-    std::string s(text);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_port = htons(static_cast<uint16_t>(std::atoi(s.substr(s.find(':') + 1).c_str())));
-    inet_pton(AF_INET, s.substr(0, s.find(':')).c_str(), &a.sin_addr);
-    return a;
-}
-
-void camera(sockaddr_in ca, std::string path)
+void camera(const char* camera, std::string path)
 {
     {
         std::unique_lock<std::mutex> lk(g_ring.mu);
         g_ring.loggedIn.wait(lk, [] { return g_ring.login; });
     }
-    PartReader cam{socket(AF_INET, SOCK_STREAM, 0)};
-    if (connect(cam.fd, reinterpret_cast<sockaddr*>(&ca), sizeof ca) != 0) {
-        std::perror("refpreimage: camera");
+    PartReader cam{-1};
+    if (!RefOpenStream("refpreimage", camera, "GET " + path + " HTTP/1.0\r\nUser-Agent: Tarnmoor\r\n\r\n", &cam))
         std::exit(1);
-    }
-    std::string get = "GET " + path + " HTTP/1.0\r\nUser-Agent: Tarnmoor\r\n\r\n", line;
-    if (send(cam.fd, get.data(), get.size(), 0) != static_cast<ssize_t>(get.size()))
-        std::exit(1);
-    do {
-        if (!cam.line(&line))
-            std::exit(1);
-    } while (!line.empty());
     for (long long no = 0;; ++no) {
         size_t length = 0;
         if (!cam.part_head(&length) || length == 0 || length > kSlotBytes || !cam.fill(length))
@@ -197,19 +176,13 @@ int main(int argc, char** argv)
     // Both threads are named before the port listens: a listening port
     // tells the benchmark that the threads can be told apart.
     pthread_setname_np(pthread_self(), "ref-control");
-    std::thread cam(camera, parse_addr(argv[2]), std::string(argv[3]));
+    std::thread cam(camera, argv[2], std::string(argv[3]));
     pthread_setname_np(cam.native_handle(), "ref-camera");
     cam.detach();
-    sockaddr_in la = parse_addr(argv[1]);
-    int ls = socket(AF_INET, SOCK_STREAM, 0), one = 1;
-    setsockopt(ls, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-    if (bind(ls, reinterpret_cast<sockaddr*>(&la), sizeof la) != 0 || listen(ls, 16) != 0) {
-        std::perror("refpreimage: listen");
-        return 2;
-    }
+    const int ls = RefListen("refpreimage", argv[1], 16);
     long long next = 0;
     for (;;) {
-        int fd = accept(ls, nullptr, nullptr);
+        int fd = Tcp_Accept(ls, -1, nullptr);
         if (fd < 0)
             continue;
         serve(fd, &next);

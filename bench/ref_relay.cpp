@@ -6,8 +6,6 @@
 // closes.
 //
 //   ostrel-refrelay LISTEN_ADDR:PORT CAMERA_ADDR:PORT CAMERA_PATH
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
 #include <unistd.h>
@@ -19,19 +17,9 @@
 #include <vector>
 
 #include "bench/part_reader.h"
-#include "bench/send_all.h"
+#include "bench/ref_io.h"
 
 namespace {
-
-sockaddr_in parse_addr(const char* text)
-{
-    std::string s(text);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_port = htons(static_cast<uint16_t>(std::atoi(s.substr(s.find(':') + 1).c_str())));
-    inet_pton(AF_INET, s.substr(0, s.find(':')).c_str(), &a.sin_addr);
-    return a;
-}
 
 bool send_all(int fd, const iovec* iov, int n)
 {
@@ -47,14 +35,8 @@ int main(int argc, char** argv)
         std::fprintf(stderr, "usage: %s LISTEN_ADDR:PORT CAMERA_ADDR:PORT CAMERA_PATH\n", argv[0]);
         return 2;
     }
-    sockaddr_in la = parse_addr(argv[1]), ca = parse_addr(argv[2]);
-    int ls = socket(AF_INET, SOCK_STREAM, 0), one = 1;
-    setsockopt(ls, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-    if (bind(ls, reinterpret_cast<sockaddr*>(&la), sizeof la) != 0 || listen(ls, 4) != 0) {
-        std::perror("refrelay: listen");
-        return 2;
-    }
-    int viewer = accept(ls, nullptr, nullptr);
+    const int ls = RefListen("refrelay", argv[1], 4);
+    int viewer = Tcp_Accept(ls, -1, nullptr);
     char req[4096];
     if (viewer < 0 || recv(viewer, req, sizeof req, 0) <= 0)
         return 1;  // its request is not read further
@@ -63,18 +45,9 @@ int main(int argc, char** argv)
     if (!send_all(viewer, &hv, 1))
         return 1;
 
-    PartReader cam{socket(AF_INET, SOCK_STREAM, 0)};
-    if (connect(cam.fd, reinterpret_cast<sockaddr*>(&ca), sizeof ca) != 0) {
-        std::perror("refrelay: camera");
+    PartReader cam{-1};
+    if (!RefOpenStream("refrelay", argv[2], std::string("GET ") + argv[3] + " HTTP/1.0\r\n\r\n", &cam))
         return 1;
-    }
-    std::string get = std::string("GET ") + argv[3] + " HTTP/1.0\r\n\r\n", line;
-    if (send(cam.fd, get.data(), get.size(), 0) != static_cast<ssize_t>(get.size()))
-        return 1;
-    do {  // the camera's response head
-        if (!cam.line(&line))
-            return 1;
-    } while (!line.empty());
     for (;;) {
         size_t length = 0;
         if (!cam.part_head(&length))

@@ -121,12 +121,45 @@ inline void Same(const std::string& a, const std::string& b)
     FUZZ_CHECK(a == b);
 }
 
-// read(cuts) with the input fed whole and again cut in up to three pieces
-// where its own bytes say: where the cuts fall must not change the result.
-// A reader meets each piece in a receive of its own.
-template <class Read> void SameWholeAndSplit(const uint8_t* data, size_t size, Read read)
+// read(data, size, capacity, cuts) with the input fed whole and again cut
+// in up to three pieces where its own bytes say: where the cuts fall must
+// not change the result. A reader meets each piece in a receive of its own.
+template <class Read> void SameWholeAndSplit(const uint8_t* data, size_t size, int capacity, Read read)
 {
-    Same(read(std::vector<size_t>{}), read(Cuts(data, size, 3)));
+    Same(read(data, size, capacity, std::vector<size_t>{}), read(data, size, capacity, Cuts(data, size, 3)));
+}
+
+// The entry of the HTTP targets: inputs of up to 64 KiB after the selector
+// byte, which run(sel, data, size, capacity) gets with the buffer size its
+// bits 2-3 choose. Always 0, as libFuzzer wants.
+template <class Run> int RunHttpTarget(const uint8_t* data, size_t size, Run run)
+{
+    uint8_t sel = 0;
+    if (TakeSelector(&data, &size, 65536, &sel)) {
+        run(sel, data, size, Capacity(sel));
+    }
+    return 0;
+}
+
+// Parses a copy of the input with parser.parse (the copy ends where the
+// input does, so that an over-read is caught), checks what the head parse
+// leaves (CheckHead) and returns parse's code.
+template <class Parser, class Parse> int ParseCopy(const uint8_t* data, size_t size, Parser* parser, Parse parse)
+{
+    std::vector<unsigned char> buf(data, data + size);
+    const int rc = (parser->*parse)(buf.data(), static_cast<int>(buf.size()), nullptr);
+    CheckHead(*parser, buf.data(), buf.size());
+    return rc;
+}
+
+// After every read of a reader (b): its counters stay inside the buffer (a
+// body cut short by the peer ends past the bytes that arrived, never past
+// the buffer), and the log line of the read: code, status, error text.
+template <class Buffer> std::string ReadOutcome(const Buffer& b, int rc)
+{
+    FUZZ_CHECK(b.m_nFilled >= 0 && b.m_nFilled <= b.m_nCapacity);
+    FUZZ_CHECK(b.m_nConsumed >= 0 && b.m_nConsumed <= b.m_nCapacity);
+    return std::to_string(rc) + " " + std::to_string(b.m_nStatus) + " " + b.m_strError + "\n";
 }
 
 // Reads messages with a Buffer's HttpRead (the request and response readers)
@@ -147,10 +180,7 @@ std::string ReadMessages(const uint8_t* data, size_t size, int capacity, const s
     std::string log;
     for (int n = 0; n < 16; n++) {
         int rc = b.HttpRead(-1, 5000, &exitFlag);
-        FUZZ_CHECK(b.m_nFilled >= 0 && b.m_nFilled <= b.m_nCapacity);
-        // A body cut short by the peer ends past the bytes that arrived.
-        FUZZ_CHECK(b.m_nConsumed >= 0 && b.m_nConsumed <= b.m_nCapacity);
-        log += std::to_string(rc) + " " + std::to_string(b.m_nStatus) + " " + b.m_strError + "\n";
+        log += ReadOutcome(b, rc);
         if (rc == SUCCESS) {
             FUZZ_CHECK(b.m_nBodyStart + b.m_nBodyLength <= b.m_nCapacity);
         }

@@ -22,11 +22,8 @@ using fuzz::CheckHead;
 
 void ParsePartHead(const uint8_t* data, size_t size)
 {
-    std::vector<unsigned char> buf(data, data + size);
     HTTPMultiPartResponseParser_Class parser;
-    int rc = parser.ParsingMulti(buf.data(), static_cast<int>(buf.size()));
-    CheckHead(parser, buf.data(), buf.size());
-    if (rc != SUCCESS) {
+    if (fuzz::ParseCopy(data, size, &parser, &HTTPMultiPartResponseParser_Class::ParsingMulti) != SUCCESS) {
         FUZZ_CHECK(parser.m_nStatus == 400 || parser.m_nStatus == 413);
     }
 }
@@ -41,7 +38,7 @@ std::string ReadStream(const uint8_t* data, size_t size, int capacity, const std
     mp.SetByteSource(&feed);
     SockExitFlag exitFlag{0};
     int rc = mp.HttpReadFirst(-1, 5000, &exitFlag);
-    std::string log = std::to_string(rc) + " " + std::to_string(mp.m_nStatus) + " " + mp.m_strError + "\n";
+    std::string log = fuzz::ReadOutcome(mp, rc);
     if (rc == SUCCESS) {
         FUZZ_CHECK(mp.m_nBoundaryLength >= 1 &&
                    mp.m_nBoundaryLength <= HTTPMultiPartResponseBuffer_Class::BOUNDARY_SIZE);
@@ -52,10 +49,7 @@ std::string ReadStream(const uint8_t* data, size_t size, int capacity, const std
         int got = -1;
         rc = direct ? mp.HttpReadMultiInto(-1, 5000, &exitFlag, dst.data(), capacity, &got)
                     : mp.HttpReadMulti(-1, 5000, &exitFlag);
-        FUZZ_CHECK(mp.m_nFilled >= 0 && mp.m_nFilled <= mp.m_nCapacity);
-        // A body cut short by the peer ends past the bytes that arrived.
-        FUZZ_CHECK(mp.m_nConsumed >= 0 && mp.m_nConsumed <= mp.m_nCapacity);
-        log += std::to_string(rc) + " " + std::to_string(mp.m_nStatus) + " " + mp.m_strError + "\n";
+        log += fuzz::ReadOutcome(mp, rc);
         if (rc != SUCCESS) {
             break;
         }
@@ -74,34 +68,32 @@ std::string ReadStream(const uint8_t* data, size_t size, int capacity, const std
     return log;
 }
 
+std::string ReadBuffered(const uint8_t* data, size_t size, int capacity, const std::vector<size_t>& cuts)
+{
+    return ReadStream(data, size, capacity, cuts, false);
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    uint8_t sel = 0;
-    if (!fuzz::TakeSelector(&data, &size, 65536, &sel)) {
-        return 0;
-    }
-    const int capacity = fuzz::Capacity(sel);
-    switch (sel & 3) {
-    case 0: ParsePartHead(data, size); break;
-    case 1: {
-        // The direct read into a ring slot refuses a part that the peer's close cut short, where the buffered
-        // read keeps what came; up to that part both read the same.
-        const std::string buffered = ReadStream(data, size, capacity, {}, false);
-        std::string direct = ReadStream(data, size, capacity, {}, true);
-        if (direct != buffered) {
-            // Leave out the direct read's last line, its failure on the cut part.
-            const size_t last = direct.size() >= 2 ? direct.rfind('\n', direct.size() - 2) : std::string::npos;
-            direct.resize(last == std::string::npos ? 0 : last + 1);
-            FUZZ_CHECK(buffered.compare(0, direct.size(), direct) == 0);
+    return fuzz::RunHttpTarget(data, size, [](uint8_t sel, const uint8_t* data, size_t size, int capacity) {
+        switch (sel & 3) {
+        case 0: ParsePartHead(data, size); break;
+        case 1: {
+            // The direct read into a ring slot refuses a part that the peer's close cut short, where the
+            // buffered read keeps what came; up to that part both read the same.
+            const std::string buffered = ReadStream(data, size, capacity, {}, false);
+            std::string direct = ReadStream(data, size, capacity, {}, true);
+            if (direct != buffered) {
+                // Leave out the direct read's last line, its failure on the cut part.
+                const size_t last = direct.size() >= 2 ? direct.rfind('\n', direct.size() - 2) : std::string::npos;
+                direct.resize(last == std::string::npos ? 0 : last + 1);
+                FUZZ_CHECK(buffered.compare(0, direct.size(), direct) == 0);
+            }
+            break;
         }
-        break;
-    }
-    default:
-        fuzz::SameWholeAndSplit(
-            data, size, [&](const std::vector<size_t>& cuts) { return ReadStream(data, size, capacity, cuts, false); });
-        break;
-    }
-    return 0;
+        default: fuzz::SameWholeAndSplit(data, size, capacity, ReadBuffered); break;
+        }
+    });
 }

@@ -152,23 +152,16 @@ void CompareParamCarriers(const uint8_t* data, size_t size, int before)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    uint8_t sel = 0;
-    if (!fuzz::TakeSelector(&data, &size, 65536, &sel)) {
-        return 0;
-    }
-    const int capacity = fuzz::Capacity(sel);
-    if (sel & 0x10) {
-        CompareParamCarriers(data, size, sel >> 5);
-        return 0;
-    }
-    switch (sel & 3) {
-    case 0: ParseHead(data, size); break;
-    case 1: ParseParams(data, size); break;
-    case 2: ReadAll(data, size, capacity, {}); break;
-    default:
-        fuzz::SameWholeAndSplit(data, size,
-                                [&](const std::vector<size_t>& cuts) { return ReadAll(data, size, capacity, cuts); });
-        break;
-    }
-    return 0;
+    return fuzz::RunHttpTarget(data, size, [](uint8_t sel, const uint8_t* data, size_t size, int capacity) {
+        if (sel & 0x10) {
+            CompareParamCarriers(data, size, sel >> 5);
+            return;
+        }
+        switch (sel & 3) {
+        case 0: ParseHead(data, size); break;
+        case 1: ParseParams(data, size); break;
+        case 2: ReadAll(data, size, capacity, {}); break;
+        default: fuzz::SameWholeAndSplit(data, size, capacity, ReadAll); break;
+        }
+    });
 }

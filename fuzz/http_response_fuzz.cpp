@@ -25,10 +25,8 @@ using fuzz::CheckHead;
 
 void ParseHead(const uint8_t* data, size_t size)
 {
-    std::vector<unsigned char> buf(data, data + size);
     HTTPResponseParser_Class parser;
-    int rc = parser.Parsing(buf.data(), static_cast<int>(buf.size()));
-    CheckHead(parser, buf.data(), buf.size());
+    const int rc = fuzz::ParseCopy(data, size, &parser, &HTTPResponseParser_Class::Parsing);
     if (rc == SUCCESS) {
         FUZZ_CHECK(parser.m_nStatus == 0 && parser.m_nStatusCode == 200 && parser.m_strError[0] == '\0');
     } else {
@@ -89,19 +87,12 @@ void CompareHeaderLines(const uint8_t* data, size_t size)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    uint8_t sel = 0;
-    if (!fuzz::TakeSelector(&data, &size, 65536, &sel)) {
-        return 0;
-    }
-    const int capacity = fuzz::Capacity(sel);
-    switch (sel & 3) {
-    case 0: ParseHead(data, size); break;
-    case 1: ReadAll(data, size, capacity, {}); break;
-    case 3: CompareHeaderLines(data, size); break;
-    default:
-        fuzz::SameWholeAndSplit(data, size,
-                                [&](const std::vector<size_t>& cuts) { return ReadAll(data, size, capacity, cuts); });
-        break;
-    }
-    return 0;
+    return fuzz::RunHttpTarget(data, size, [](uint8_t sel, const uint8_t* data, size_t size, int capacity) {
+        switch (sel & 3) {
+        case 0: ParseHead(data, size); break;
+        case 1: ReadAll(data, size, capacity, {}); break;
+        case 3: CompareHeaderLines(data, size); break;
+        default: fuzz::SameWholeAndSplit(data, size, capacity, ReadAll); break;
+        }
+    });
 }

@@ -44,21 +44,8 @@ control port listens; eth0 of the namespace is 192.0.2.1." \
     fi
     view=${DEMO_VIEW:-127.0.0.1:8090}
     # Listen on this host, then enter the namespace with the socket as fd 3.
-    exec python3 -c '
-import os, socket, sys
-host, _, port = sys.argv[1].rpartition(":")
-s = socket.socket()
-s.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-try:
-    s.bind((host, int(port)))
-except (OSError, ValueError) as e:
-    sys.exit("demo: cannot listen on %s for the view: %s (set DEMO_VIEW)" % (sys.argv[1], e))
-s.listen(64)
-if s.fileno() != 3:
-    os.dup2(s.fileno(), 3)
-os.set_inheritable(3, True)
-os.execvp(sys.argv[2], sys.argv[2:])
-' "$view" tests/sim/ostrel-netns /bin/sh "$root/scripts/demo.sh" --inside
+    # (A view address that cannot be had: set DEMO_VIEW.)
+    exec python3 -B -m harness listen-exec "$view" tests/sim/ostrel-netns /bin/sh "$root/scripts/demo.sh" --inside
 fi
 
 # ---- inside the namespace ----------------------------------------------

@@ -97,3 +97,16 @@ install_packages() {
         return 1
     fi
 }
+
+# show_reports DIR TITLE: prints every sanitizer report file under DIR after
+# the line "== TITLE" and leaves their list in $found; succeeds when there
+# was one, so that the caller fails its run.
+show_reports() {
+    found=$(find "$1" -type f | sort)
+    [ -n "$found" ] || return 1
+    echo "== $2"
+    for f in $found; do
+        echo "-- $f"
+        cat "$f"
+    done
+}

@@ -144,13 +144,7 @@ for t in $only; do
 done
 end_all=$(date +%s)
 
-found=$(find "$reports" -type f | sort)
-if [ -n "$found" ]; then
-    echo "== sanitizer reports"
-    for f in $found; do
-        echo "-- $f"
-        cat "$f"
-    done
+if show_reports "$reports" "sanitizer reports"; then
     printf 'sanitizer\t0\t%s report files in %s\n' "$(echo "$found" | wc -l)" "$reports" \
         >> "$out/runs.txt"
     status=1

@@ -76,13 +76,7 @@ run_build() {
         sanitizer_options "$logs" &&
         ctest --output-on-failure -j "$jobs" --timeout 600
     ) || rc=1
-    reports=$(find "$logs" -type f | sort)
-    if [ -n "$reports" ]; then
-        echo "== $name build: sanitizer reports"
-        for f in $reports; do
-            echo "-- $f"
-            cat "$f"
-        done
+    if show_reports "$logs" "$name build: sanitizer reports"; then
         rc=1
     fi
     return $rc

@@ -4,16 +4,15 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
-#include <fcntl.h>
-#include <linux/sockios.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <thread>
 #include <time.h>
 #include <unistd.h>
+
+#include "net/tcp_endpoint.h"
 
 namespace otools {
 
@@ -51,14 +50,6 @@ IoResult wait_fd(int fd, short events, int64_t deadlineMs, const std::atomic<boo
         if (n < 0 && errno != EINTR)
             return IoResult::kError;
     }
-}
-
-bool fill_sockaddr(const std::string& host, int port, sockaddr_in* sa)
-{
-    std::memset(sa, 0, sizeof *sa);
-    sa->sin_family = AF_INET;
-    sa->sin_port = htons(static_cast<uint16_t>(port));
-    return ::inet_pton(AF_INET, host.c_str(), &sa->sin_addr) == 1;
 }
 
 }  // namespace
@@ -112,100 +103,51 @@ std::string FormatPeer(uint32_t addrNetworkOrder, uint16_t portHostOrder)
 int ListenTcp(const std::string& host, int port, std::string* err)
 {
     sockaddr_in sa;
-    if (!fill_sockaddr(host, port, &sa)) {
+    if (!Tcp_Address(host.c_str(), port, &sa)) {
         *err = "bad listen address " + host;
         return -1;
     }
-    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) {
-        *err = std::string("socket() failed: ") + std::strerror(errno);
-        return -1;
-    }
-    const int one = 1;
-    ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-    if (::bind(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa) != 0 || ::listen(fd, 64) != 0) {
-        *err = "bind/listen on " + host + ":" + std::to_string(port) + " failed: " + std::strerror(errno);
-        ::close(fd);
-        return -1;
-    }
+    const int fd = Tcp_Listen(&sa, 64);
+    if (fd < 0)
+        *err = "listen on " + host + ":" + std::to_string(port) + " failed: " + std::strerror(errno);
     return fd;
 }
 
 int BoundPort(int fd)
 {
-    sockaddr_in sa;
-    socklen_t len = sizeof sa;
-    if (::getsockname(fd, reinterpret_cast<sockaddr*>(&sa), &len) != 0)
-        return -1;
-    return ntohs(sa.sin_port);
+    return Tcp_BoundPort(fd);
 }
 
 int AcceptOrStop(int listenFd, const std::atomic<bool>& stop, std::string* peer)
 {
-    for (;;) {
-        if (stop.load(std::memory_order_relaxed))
-            return -1;
-        pollfd p{listenFd, POLLIN, 0};
-        const int n = ::poll(&p, 1, kPollStepMs);
-        if (n <= 0)
-            continue;
+    while (!stop.load(std::memory_order_relaxed)) {
         sockaddr_in sa;
-        socklen_t len = sizeof sa;
-        const int fd = ::accept4(listenFd, reinterpret_cast<sockaddr*>(&sa), &len, SOCK_CLOEXEC);
-        if (fd < 0) {
-            // The peer may have gone between poll and accept; EMFILE and the like
-            // are not fatal for a simulator either: wait and try again.
-            if (errno != EINTR && errno != ECONNABORTED && errno != EAGAIN)
-                ::poll(nullptr, 0, 10);
+        const int fd = Tcp_Accept(listenFd, kPollStepMs, &sa);
+        if (fd < 0)
             continue;
-        }
         if (peer)
             *peer = FormatPeer(sa.sin_addr.s_addr, ntohs(sa.sin_port));
         return fd;
     }
+    return -1;
 }
 
 int ConnectTcp(const std::string& host, int port, const std::string& bindAddr, int timeoutMs, std::string* err,
                int bindPort)
 {
-    sockaddr_in sa;
-    if (!fill_sockaddr(host, port, &sa)) {
+    sockaddr_in sa, local;
+    if (!Tcp_Address(host.c_str(), port, &sa)) {
         *err = "bad address " + host;
         return -1;
     }
-    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (fd < 0) {
-        *err = std::string("socket() failed: ") + std::strerror(errno);
+    if (!bindAddr.empty() && !Tcp_Address(bindAddr.c_str(), bindPort, &local)) {
+        *err = "bad bind address " + bindAddr;
         return -1;
     }
-    if (!bindAddr.empty()) {
-        sockaddr_in local;
-        if (!fill_sockaddr(bindAddr, bindPort, &local) ||
-            ::bind(fd, reinterpret_cast<sockaddr*>(&local), sizeof local) != 0) {
-            *err = "bind to " + bindAddr + " failed: " + std::strerror(errno);
-            ::close(fd);
-            return -1;
-        }
-    }
-    if (::connect(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa) != 0 && errno != EINPROGRESS) {
-        *err = "connect to " + host + ":" + std::to_string(port) + " failed: " + std::strerror(errno);
-        ::close(fd);
-        return -1;
-    }
-    pollfd p{fd, POLLOUT, 0};
-    int n;
-    do {
-        n = ::poll(&p, 1, timeoutMs);
-    } while (n < 0 && errno == EINTR);
-    int soerr = 0;
-    socklen_t len = sizeof soerr;
-    if (n <= 0 || ::getsockopt(fd, SOL_SOCKET, SO_ERROR, &soerr, &len) != 0 || soerr != 0) {
+    const int fd = Tcp_Connect(&sa, bindAddr.empty() ? nullptr : &local, timeoutMs);
+    if (fd < 0)
         *err = "connect to " + host + ":" + std::to_string(port) +
-               " failed: " + (n == 0 ? "timed out" : std::strerror(soerr ? soerr : errno));
-        ::close(fd);
-        return -1;
-    }
-    ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) & ~O_NONBLOCK);
+               " failed: " + (errno == ETIMEDOUT ? "timed out" : std::strerror(errno));
     return fd;
 }
 
@@ -364,8 +306,7 @@ bool FlushSendQueue(int fd, int timeoutMs, const std::atomic<bool>& stop)
     ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
     for (;;) {
-        int unacked = 0;
-        if (::ioctl(fd, SIOCOUTQ, &unacked) != 0 || unacked == 0)
+        if (Tcp_UnackedBytes(fd) <= 0)
             return true;
         if (stop.load(std::memory_order_relaxed) || std::chrono::steady_clock::now() >= deadline)
             return false;

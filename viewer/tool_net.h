@@ -1,9 +1,10 @@
 #ifndef OSTREL_TOOLS_TOOL_NET_H
 #define OSTREL_TOOLS_TOOL_NET_H
 
-// Socket helpers of the simulator tools. They are deliberately separate from
-// the daemon's own socket code so that the tools check the daemon
-// independently. IPv4 only; every wait is bounded and also ends when the
+// Socket helpers of the viewer and the simulators. Their socket set-up is
+// net/tcp_endpoint.h, which the daemon does not use; the reading and
+// sending are their own, apart from the daemon's, so that the tools check
+// the daemon independently. IPv4 only; every wait is bounded and also ends when the
 // given stop flag becomes true (checked at least every 100 ms).
 //
 // All functions are thread-safe; descriptors belong to the caller.

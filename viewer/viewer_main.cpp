@@ -4,9 +4,10 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <getopt.h>
+#include <functional>
 #include <string>
 #include <sys/socket.h>
+#include <vector>
 
 #include "viewer/tool_net.h"
 #include "viewer/tool_options.h"
@@ -64,127 +65,67 @@ const char kUsage[] =
 
 int main(int argc, char** argv)
 {
-    enum {
-        kControl = 1,
-        kBind,
-        kSeconds,
-        kCount,
-        kSave,
-        kNoLogout,
-        kTimeout,
-        kIdle,
-        kQuiet,
-        kTrcom,
-        kQuery,
-        kServe,
-        kServeFd,
-        kStates,
-        kHelp
-    };
-    static const option kOptions[] = {{"control", required_argument, nullptr, kControl},
-                                      {"bind", required_argument, nullptr, kBind},
-                                      {"seconds", required_argument, nullptr, kSeconds},
-                                      {"count", required_argument, nullptr, kCount},
-                                      {"save", required_argument, nullptr, kSave},
-                                      {"no-logout", no_argument, nullptr, kNoLogout},
-                                      {"timeout-ms", required_argument, nullptr, kTimeout},
-                                      {"idle-ms", required_argument, nullptr, kIdle},
-                                      {"quiet", no_argument, nullptr, kQuiet},
-                                      {"trcom", required_argument, nullptr, kTrcom},
-                                      {"query", required_argument, nullptr, kQuery},
-                                      {"serve", required_argument, nullptr, kServe},
-                                      {"serve-fd", required_argument, nullptr, kServeFd},
-                                      {"states", required_argument, nullptr, kStates},
-                                      {"help", no_argument, nullptr, kHelp},
-                                      {nullptr, 0, nullptr, 0}};
-    otools::ViewerConfig cfg;
-    otools::ViewServerConfig view;
+    using namespace otools;
+    ViewerConfig cfg;
+    ViewServerConfig view;
     bool haveControl = false, command = false, serve = false;
-    int c;
-    while ((c = getopt_long(argc, argv, "", kOptions, nullptr)) != -1) {
-        const std::string arg = optarg ? optarg : "";
-        switch (c) {
-        case kControl:
-            if (!otools::ParseHostPort(arg, -1, &cfg.host, &cfg.port) || cfg.port <= 0)
-                return otools::UsageError(kTool, "bad --control " + arg + " (ADDR:PORT)");
-            haveControl = true;
-            break;
-        case kBind: {
-            std::string host;
-            int port = 0;
-            if (!otools::ParseHostPort(arg, 0, &host, &port) || port > 55535)
-                return otools::UsageError(kTool, "bad --bind " + arg);
-            cfg.bindAddr = host;
-            cfg.bindPort = port;
-            break;
-        }
-        case kSeconds: {
-            char* end = nullptr;
-            cfg.seconds = std::strtod(optarg, &end);
-            if (*end || !(cfg.seconds > 0))
-                return otools::UsageError(kTool, "bad --seconds " + arg);
-            break;
-        }
-        case kCount:
-            if (!otools::ParseIntegerIn(optarg, 1, 1 << 30, &cfg.count))
-                return otools::UsageError(kTool, "bad --count " + arg);
-            break;
-        case kSave: cfg.savePath = arg; break;
-        case kNoLogout: cfg.logout = false; break;
-        case kTimeout:
-            if (!otools::ParseIntegerIn(optarg, 1, 3600000, &cfg.requestTimeoutMs))
-                return otools::UsageError(kTool, "bad --timeout-ms " + arg);
-            break;
-        case kIdle:
-            if (!otools::ParseIntegerIn(optarg, 1, 3600000, &cfg.idleLimitMs))
-                return otools::UsageError(kTool, "bad --idle-ms " + arg);
-            break;
-        case kQuiet: cfg.quiet = true; break;
-        case kTrcom:
-            if (arg.find_first_of(" \r\n&?") != std::string::npos)
-                return otools::UsageError(kTool, "bad --trcom");
-            cfg.trcomCommand = arg;
-            command = true;
-            break;
-        case kQuery:
-            if (arg.find_first_of(" \r\n") != std::string::npos)
-                return otools::UsageError(kTool, "bad --query");
-            cfg.trcomQuery = arg;
-            command = true;
-            break;
-        case kServe:
-            if (!otools::ParseHostPort(arg, -1, &view.serveHost, &view.servePort) || view.servePort < 0)
-                return otools::UsageError(kTool, "bad --serve " + arg + " (ADDR:PORT)");
-            serve = true;
-            break;
-        case kServeFd:
-            if (!otools::ParseIntegerIn(optarg, 0, 1 << 20, &view.serveFd))
-                return otools::UsageError(kTool, "bad --serve-fd " + arg);
-            serve = true;
-            break;
-        case kStates: view.statesPath = arg; break;
-        case kHelp: std::fputs(kUsage, stdout); return 0;
-        default: return otools::UsageError(kTool, "unknown option");
-        }
-    }
-    if (optind < argc)
-        return otools::UsageError(kTool, std::string("unexpected argument ") + argv[optind]);
+    const auto flag = [](bool* set, std::function<bool(const std::string&)> take) {
+        return [=](const std::string& a) { return take(a) && (*set = true); };
+    };
+    const std::vector<ToolOption> table = {
+        {"control", true,
+         [&](const std::string& a) {
+             return haveControl = ParseHostPort(a, -1, &cfg.host, &cfg.port) && cfg.port > 0;
+         },
+         " (ADDR:PORT)"},
+        {"bind", true,
+         [&](const std::string& a) {
+             return ParseHostPort(a, 0, &cfg.bindAddr, &cfg.bindPort) && cfg.bindPort <= 55535;
+         }},
+        {"seconds", true, NumberOption(1e-9, 1e12, &cfg.seconds)},
+        {"count", true, IntegerOption(1, 1 << 30, &cfg.count)},
+        {"save", true, TextOption(&cfg.savePath)},
+        {"no-logout", false, FlagOption(&cfg.logout, false)},
+        {"timeout-ms", true, IntegerOption(1, 3600000, &cfg.requestTimeoutMs)},
+        {"idle-ms", true, IntegerOption(1, 3600000, &cfg.idleLimitMs)},
+        {"quiet", false, FlagOption(&cfg.quiet)},
+        {"trcom", true,
+         flag(&command, [&](const std::string& a) {
+             cfg.trcomCommand = a;
+             return a.find_first_of(" \r\n&?") == std::string::npos;
+         })},
+        {"query", true,
+         flag(&command, [&](const std::string& a) {
+             cfg.trcomQuery = a;
+             return a.find_first_of(" \r\n") == std::string::npos;
+         })},
+        {"serve", true,
+         flag(&serve, [&](const std::string& a) {
+             return ParseHostPort(a, -1, &view.serveHost, &view.servePort) && view.servePort >= 0;
+         }),
+         " (ADDR:PORT)"},
+        {"serve-fd", true, flag(&serve, IntegerOption(0, 1 << 20, &view.serveFd))},
+        {"states", true, TextOption(&view.statesPath)},
+    };
+    const int end = ParseToolOptions(kTool, kUsage, argc, argv, table);
+    if (end >= 0)
+        return end;
     if (!haveControl)
-        return otools::UsageError(kTool, "--control is required");
+        return UsageError(kTool, "--control is required");
     if (serve && command)
-        return otools::UsageError(kTool, "--serve and --trcom/--query exclude each other");
+        return UsageError(kTool, "--serve and --trcom/--query exclude each other");
     if (!serve && !view.statesPath.empty())
-        return otools::UsageError(kTool, "--states goes with --serve");
+        return UsageError(kTool, "--states goes with --serve");
     int listening = 0;
     socklen_t len = sizeof listening;
     if (view.serveFd >= 0 &&
         (::getsockopt(view.serveFd, SOL_SOCKET, SO_ACCEPTCONN, &listening, &len) != 0 || !listening))
-        return otools::UsageError(kTool, "descriptor " + std::to_string(view.serveFd) + " is not a listening socket");
+        return UsageError(kTool, "descriptor " + std::to_string(view.serveFd) + " is not a listening socket");
 
-    otools::InstallStopSignals();
+    InstallStopSignals();
     if (serve) {
         view.control = cfg;
-        otools::ViewServer server;
+        ViewServer server;
         std::string err;
         if (!server.Start(view, stdout, &err)) {
             std::fprintf(stderr, "ostrel-viewer: %s\n", err.c_str());
@@ -199,15 +140,15 @@ int main(int argc, char** argv)
         std::fflush(stdout);
         const auto end =
             std::chrono::steady_clock::now() + std::chrono::milliseconds(static_cast<long long>(cfg.seconds * 1000));
-        while (!otools::g_stopRequested.load() && (cfg.seconds == 0 || std::chrono::steady_clock::now() < end))
-            otools::SleepUntil(std::chrono::steady_clock::now() + std::chrono::milliseconds(100),
-                               otools::g_stopRequested);
+        while (!g_stopRequested.load() && (cfg.seconds == 0 || std::chrono::steady_clock::now() < end))
+            SleepUntil(std::chrono::steady_clock::now() + std::chrono::milliseconds(100),
+                               g_stopRequested);
         server.Stop();
         return 0;
     }
     if (cfg.seconds == 0 && cfg.count == 0)
         cfg.seconds = 10;
     if (command)
-        return otools::RunTrcom(cfg, otools::g_stopRequested, stdout);
-    return otools::RunViewer(cfg, otools::g_stopRequested, stdout, nullptr);
+        return RunTrcom(cfg, g_stopRequested, stdout);
+    return RunViewer(cfg, g_stopRequested, stdout, nullptr);
 }

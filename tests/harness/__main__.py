@@ -14,6 +14,10 @@
   python3 -m harness wait-file PATH          until PATH exists and is not empty
   python3 -m harness wait-gone PID [--limit SECONDS]
   python3 -m harness stop PID                SIGTERM, then until it has ended
+  python3 -m harness listen-exec ADDR:PORT COMMAND [ARG...]
+                                             listens on ADDR:PORT (of this
+                                             host's network) and runs COMMAND
+                                             with the socket as descriptor 3
 
 Exit status 1 (with the reason on standard error) when a wait gives up.
 """
@@ -21,6 +25,7 @@ Exit status 1 (with the reason on standard error) when a wait gives up.
 import argparse
 import os
 import signal
+import socket
 import sys
 
 from . import files, paths, procs, wait, wire
@@ -51,6 +56,9 @@ def main(argv):
     p.add_argument("--limit", type=float, default=wait.STOP_LIMIT)
     p = sub.add_parser("stop")
     p.add_argument("pid", type=int)
+    p = sub.add_parser("listen-exec")
+    p.add_argument("addr")
+    p.add_argument("command", nargs=argparse.REMAINDER)
     a = ap.parse_args(argv)
 
     if a.cmd == "path":
@@ -76,6 +84,26 @@ def main(argv):
         wait.wait_gone(a.pid, a.limit)
     elif a.cmd == "stop":
         procs.stop_daemon(a.pid, signal.SIGTERM)
+    elif a.cmd == "listen-exec":
+        listen_exec(a.addr, a.command)
+
+
+def listen_exec(addr, command):
+    """Replaces this process with command, holding a socket listening on addr
+    as descriptor 3: the socket is made here, on this host's network, so that
+    a command that enters a network namespace still serves this host."""
+    host, _, port = addr.rpartition(":")
+    s = socket.socket()
+    s.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+    try:
+        s.bind((host, int(port)))
+    except (OSError, ValueError) as e:
+        sys.exit("harness: cannot listen on %s: %s" % (addr, e))
+    s.listen(64)
+    if s.fileno() != 3:
+        os.dup2(s.fileno(), 3)
+    os.set_inheritable(3, True)
+    os.execvp(command[0], command)
 
 
 if __name__ == "__main__":

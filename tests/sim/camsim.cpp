@@ -8,10 +8,12 @@
 #include <fstream>
 #include <iterator>
 #include <sys/socket.h>
+#include <strings.h>
 #include <unistd.h>
 
 #include "http/message_digest.h"
 #include "tests/sim/jpeg_encoder.h"
+#include "tests/sim/sim_common.h"
 #include "viewer/jpeg_stamp.h"
 #include "viewer/tool_http.h"
 #include "viewer/tool_net.h"
@@ -45,41 +47,20 @@ constexpr FaultName kFaultNames[] = {
 // How long a fault waits for the bytes before it to be acknowledged.
 constexpr int kFlushTimeoutMs = 5000;
 
-const char* reason_of(int status)
-{
-    switch (status) {
-    case 400: return "Bad Request";
-    case 401: return "Unauthorized";
-    case 403: return "Forbidden";
-    case 404: return "Not Found";
-    case 405: return "Method Not Allowed";
-    case 500: return "Internal Server Error";
-    case 503: return "Service Unavailable";
-    default: return "Error";
-    }
-}
-
 // A complete error answer with a short text body, as the camera's web
 // server gives for requests it does not stream.
 std::string error_response(int status, const std::string& extraHeaders)
 {
-    const std::string body = std::to_string(status) + " " + reason_of(status) + "\r\n";
-    return "HTTP/1.0 " + std::to_string(status) + " " + reason_of(status) + "\r\nContent-Type: text/plain\r\n" +
+    const std::string body = std::to_string(status) + " " + ReasonPhrase(status) + "\r\n";
+    return "HTTP/1.0 " + std::to_string(status) + " " + ReasonPhrase(status) + "\r\nContent-Type: text/plain\r\n" +
            extraHeaders + "Content-Length: " + std::to_string(body.size()) + "\r\nConnection: close\r\n\r\n" + body;
 }
 
 bool has_jpeg_suffix(const std::string& name)
 {
-    auto ends = [&](const char* s) {
-        const size_t n = std::char_traits<char>::length(s);
-        if (name.size() < n)
-            return false;
-        for (size_t i = 0; i < n; ++i)
-            if (std::tolower(static_cast<unsigned char>(name[name.size() - n + i])) != s[i])
-                return false;
-        return true;
-    };
-    return ends(".jpg") || ends(".jpeg");
+    const size_t dot = name.rfind('.');
+    return dot != std::string::npos &&
+           (strcasecmp(name.c_str() + dot, ".jpg") == 0 || strcasecmp(name.c_str() + dot, ".jpeg") == 0);
 }
 
 // Keeps the connection open without sending, until the peer closes it or
@@ -334,12 +315,7 @@ void CamSim::serve(int fd, const std::string& peer, int connNo)
         status = cfg_.faultArgSet ? static_cast<int>(cfg_.faultArg) : 503;
     }
     if (status != 0) {
-        const std::string resp = error_response(status, extra);
-        SendAll(fd, resp.data(), resp.size(), cfg_.sendTimeoutMs, stop_);
-        ::shutdown(fd, SHUT_WR);
-        std::string sink;
-        ReadUntilClose(fd, 1 << 16, 2000, stop_, &sink);
-        ::close(fd);
+        AnswerAndClose(fd, error_response(status, extra), cfg_.sendTimeoutMs, stop_);
         return;
     }
     if (faulty && cfg_.fault == CamFault::kGarbageHead) {

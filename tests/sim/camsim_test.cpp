@@ -35,7 +35,6 @@ int connect_local(int port)
 {
     return ConnectTo("127.0.0.1", port, nullptr, 10);
 }
-
 std::string fetch(int port, const std::string& request, bool* reset = nullptr)
 {
     const int fd = connect_local(port);
@@ -138,6 +137,14 @@ CamSimConfig local_config()
 // connection, a back-off after a failed start, the largest part relayed whole.
 TEST(CamSimTest, FaultsHitTheChosenPart)
 {
+    const auto cut_in_half = [](bool wantReset) {
+        return [wantReset](const Stream& st, bool reset) {
+            EXPECT_EQ(reset, wantReset);
+            ASSERT_EQ(st.parts.size(), 3u);
+            EXPECT_FALSE(st.parts[2].complete);
+            EXPECT_EQ(st.parts[2].data.size(), std::stoul(st.parts[2].headers.at("Content-Length")) / 2);
+        };
+    };
     struct Row {
         CamFault fault;
         long long arg;
@@ -147,20 +154,8 @@ TEST(CamSimTest, FaultsHitTheChosenPart)
     } rows[] = {
         // Both cuts deliver exactly half of the third part's data before the
         // close or the reset (a reset must not throw queued bytes away).
-        {CamFault::kTruncate, 0, false, "third part shorter than announced",
-         [](const Stream& st, bool reset) {
-             EXPECT_FALSE(reset);
-             ASSERT_EQ(st.parts.size(), 3u);
-             EXPECT_FALSE(st.parts[2].complete);
-             EXPECT_EQ(st.parts[2].data.size(), std::stoul(st.parts[2].headers.at("Content-Length")) / 2);
-         }},
-        {CamFault::kReset, 0, false, "third part cut by a reset",
-         [](const Stream& st, bool reset) {
-             EXPECT_TRUE(reset);
-             ASSERT_EQ(st.parts.size(), 3u);
-             EXPECT_FALSE(st.parts[2].complete);
-             EXPECT_EQ(st.parts[2].data.size(), std::stoul(st.parts[2].headers.at("Content-Length")) / 2);
-         }},
+        {CamFault::kTruncate, 0, false, "third part shorter than announced", cut_in_half(false)},
+        {CamFault::kReset, 0, false, "third part cut by a reset", cut_in_half(true)},
         {CamFault::kWrongLength, -100, true, "third part announces 100 bytes too few",
          [](const Stream& st, bool) {
              ASSERT_GE(st.parts.size(), 3u);

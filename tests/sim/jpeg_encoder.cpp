@@ -4,7 +4,9 @@
 #include <array>
 #include <cmath>
 #include <cstring>
+#include <initializer_list>
 #include <string>
+#include <utility>
 
 namespace otools {
 namespace {
@@ -26,10 +28,10 @@ constexpr int kChromaQuant[64] = {17, 18, 24, 47, 99, 99, 99, 99, 18, 21, 26, 66
                                   99, 99, 99, 99, 99, 99, 99, 99, 99, 99, 99, 99, 99, 99, 99, 99};
 
 // Example Huffman tables: 16 code-length counts, then the symbols.
+// Both DC tables code the categories 0..11.
 constexpr uint8_t kDcLumaBits[16] = {0, 1, 5, 1, 1, 1, 1, 1, 1, 0, 0, 0, 0, 0, 0, 0};
-constexpr uint8_t kDcLumaVals[12] = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11};
 constexpr uint8_t kDcChromaBits[16] = {0, 3, 1, 1, 1, 1, 1, 1, 1, 1, 1, 0, 0, 0, 0, 0};
-constexpr uint8_t kDcChromaVals[12] = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11};
+constexpr uint8_t kDcVals[12] = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11};
 constexpr uint8_t kAcLumaBits[16] = {0, 2, 1, 3, 3, 2, 4, 3, 5, 5, 4, 4, 0, 0, 1, 0x7d};
 constexpr uint8_t kAcLumaVals[162] = {
     0x01, 0x02, 0x03, 0x00, 0x04, 0x11, 0x05, 0x12, 0x21, 0x31, 0x41, 0x06, 0x13, 0x51, 0x61, 0x07, 0x22, 0x71,
@@ -219,159 +221,109 @@ void encode_block(const float* samples, Component* comp, BitWriter* bw)
         bw->put((*comp->ac)[0x00].code, (*comp->ac)[0x00].length);  // EOB
 }
 
-void put16(std::vector<uint8_t>* out, int v)
+// A marker segment: FF, the marker, its length and the bytes.
+void put_segment(std::vector<uint8_t>* out, uint8_t marker, std::initializer_list<std::vector<uint8_t>> parts)
 {
-    out->push_back(static_cast<uint8_t>(v >> 8));
-    out->push_back(static_cast<uint8_t>(v));
+    size_t n = 2;
+    for (const auto& p : parts)
+        n += p.size();
+    out->insert(out->end(), {0xFF, marker, static_cast<uint8_t>(n >> 8), static_cast<uint8_t>(n)});
+    for (const auto& p : parts)
+        out->insert(out->end(), p.begin(), p.end());
 }
 
-void put_dht(std::vector<uint8_t>* out, int cls_id, const uint8_t* bits, const uint8_t* vals)
+std::vector<uint8_t> huffman_spec(uint8_t clsId, const uint8_t* bits, const uint8_t* vals)
 {
+    std::vector<uint8_t> v{clsId};
+    v.insert(v.end(), bits, bits + 16);
     int n = 0;
     for (int i = 0; i < 16; ++i)
         n += bits[i];
-    out->push_back(0xFF);
-    out->push_back(0xC4);
-    put16(out, 2 + 1 + 16 + n);
-    out->push_back(static_cast<uint8_t>(cls_id));
-    out->insert(out->end(), bits, bits + 16);
-    out->insert(out->end(), vals, vals + n);
+    v.insert(v.end(), vals, vals + n);
+    return v;
+}
+
+std::vector<uint8_t> quant_spec(uint8_t id, const int* base, int quality)
+{
+    uint8_t natural[64];
+    scale_quant(base, quality, natural);
+    std::vector<uint8_t> v{id};
+    for (int i = 0; i < 64; ++i)
+        v.push_back(natural[kZigzag[i]]);
+    return v;
+}
+
+std::vector<uint8_t> be16(int v)
+{
+    return {static_cast<uint8_t>(v >> 8), static_cast<uint8_t>(v)};
 }
 
 }  // namespace
 
-std::vector<uint8_t> EncodeJpeg(const uint8_t* pixels, int width, int height, JpegColour colour, int quality)
+std::vector<uint8_t> EncodeJpeg(const uint8_t* rgb, int width, int height, int quality)
 {
     std::vector<uint8_t> out;
-    if (!pixels || width < 1 || height < 1 || width > 65535 || height > 65535)
+    if (!rgb || width < 1 || height < 1 || width > 65535 || height > 65535)
         return out;
-    const bool grey = colour == JpegColour::kGrey;
-    const int ncomp = grey ? 1 : 3;
-
-    uint8_t qluma_nat[64], qchroma_nat[64], qluma[64], qchroma[64];
-    scale_quant(kLumaQuant, quality, qluma_nat);
-    scale_quant(kChromaQuant, quality, qchroma_nat);
-    for (int i = 0; i < 64; ++i) {
-        qluma[i] = qluma_nat[kZigzag[i]];
-        qchroma[i] = qchroma_nat[kZigzag[i]];
-    }
-
     out.reserve(static_cast<size_t>(width) * height / 4 + 1024);
-    const uint8_t head[] = {0xFF, 0xD8,                                     // SOI
-                            0xFF, 0xE0, 0x00, 0x10, 'J', 'F', 'I', 'F', 0,  // APP0
-                            1,    1,    0,    0,    1,   0,   1,   0,   0};
-    out.insert(out.end(), head, head + sizeof head);
+    out.insert(out.end(), {0xFF, 0xD8});  // SOI
+    put_segment(&out, 0xE0, {{'J', 'F', 'I', 'F', 0, 1, 1, 0, 0, 1, 0, 1, 0, 0}});
+    const std::vector<uint8_t> qluma = quant_spec(0, kLumaQuant, quality);
+    const std::vector<uint8_t> qchroma = quant_spec(1, kChromaQuant, quality);
+    put_segment(&out, 0xDB, {qluma, qchroma});
+    // Three components: Y sampled 2x2 with table 0, Cb and Cr 1x1 with table 1.
+    put_segment(&out, 0xC0, {{8}, be16(height), be16(width), {3, 1, 0x22, 0, 2, 0x11, 1, 3, 0x11, 1}});
+    put_segment(&out, 0xC4,
+                {huffman_spec(0x00, kDcLumaBits, kDcVals), huffman_spec(0x10, kAcLumaBits, kAcLumaVals),
+                 huffman_spec(0x01, kDcChromaBits, kDcVals), huffman_spec(0x11, kAcChromaBits, kAcChromaVals)});
+    put_segment(&out, 0xDA, {{3, 1, 0x00, 2, 0x11, 3, 0x11, 0, 63, 0}});
 
-    out.push_back(0xFF);
-    out.push_back(0xDB);
-    put16(&out, 2 + 65 * (grey ? 1 : 2));
-    out.push_back(0x00);
-    out.insert(out.end(), qluma, qluma + 64);
-    if (!grey) {
-        out.push_back(0x01);
-        out.insert(out.end(), qchroma, qchroma + 64);
-    }
-
-    out.push_back(0xFF);
-    out.push_back(0xC0);
-    put16(&out, 8 + 3 * ncomp);
-    out.push_back(8);
-    put16(&out, height);
-    put16(&out, width);
-    out.push_back(static_cast<uint8_t>(ncomp));
-    out.push_back(1);
-    out.push_back(grey ? 0x11 : 0x22);
-    out.push_back(0);
-    if (!grey) {
-        const uint8_t chroma[] = {2, 0x11, 1, 3, 0x11, 1};
-        out.insert(out.end(), chroma, chroma + sizeof chroma);
-    }
-
-    put_dht(&out, 0x00, kDcLumaBits, kDcLumaVals);
-    put_dht(&out, 0x10, kAcLumaBits, kAcLumaVals);
-    if (!grey) {
-        put_dht(&out, 0x01, kDcChromaBits, kDcChromaVals);
-        put_dht(&out, 0x11, kAcChromaBits, kAcChromaVals);
-    }
-
-    out.push_back(0xFF);
-    out.push_back(0xDA);
-    put16(&out, 6 + 2 * ncomp);
-    out.push_back(static_cast<uint8_t>(ncomp));
-    out.push_back(1);
-    out.push_back(0x00);
-    if (!grey) {
-        const uint8_t chroma[] = {2, 0x11, 3, 0x11};
-        out.insert(out.end(), chroma, chroma + sizeof chroma);
-    }
-    out.push_back(0);
-    out.push_back(63);
-    out.push_back(0);
-
-    static const HuffTable dc_luma = build_huffman(kDcLumaBits, kDcLumaVals);
+    static const HuffTable dc_luma = build_huffman(kDcLumaBits, kDcVals);
     static const HuffTable ac_luma = build_huffman(kAcLumaBits, kAcLumaVals);
-    static const HuffTable dc_chroma = build_huffman(kDcChromaBits, kDcChromaVals);
+    static const HuffTable dc_chroma = build_huffman(kDcChromaBits, kDcVals);
     static const HuffTable ac_chroma = build_huffman(kAcChromaBits, kAcChromaVals);
-    Component y{qluma, &dc_luma, &ac_luma};
-    Component cb{qchroma, &dc_chroma, &ac_chroma};
-    Component cr{qchroma, &dc_chroma, &ac_chroma};
+    Component y{qluma.data() + 1, &dc_luma, &ac_luma};
+    Component cb{qchroma.data() + 1, &dc_chroma, &ac_chroma};
+    Component cr{qchroma.data() + 1, &dc_chroma, &ac_chroma};
 
     BitWriter bw(&out);
-    float block[64];
     // Samples beyond the right or bottom edge repeat the last column or row.
-    auto clampx = [width](int x) { return x < width ? x : width - 1; };
-    auto clampy = [height](int y) { return y < height ? y : height - 1; };
-    auto luma_at = [&](int x, int y) -> float {
-        x = clampx(x);
-        y = clampy(y);
-        if (grey)
-            return pixels[static_cast<size_t>(y) * width + x];
-        const uint8_t* p = pixels + (static_cast<size_t>(y) * width + x) * 3;
-        return 0.299f * p[0] + 0.587f * p[1] + 0.114f * p[2];
+    auto pixel = [&](int x, int y) {
+        return rgb + (static_cast<size_t>(std::min(y, height - 1)) * width + std::min(x, width - 1)) * 3;
     };
-
-    if (grey) {
-        for (int by = 0; by < height; by += 8) {
-            for (int bx = 0; bx < width; bx += 8) {
-                for (int j = 0; j < 8; ++j)
-                    for (int i = 0; i < 8; ++i)
-                        block[j * 8 + i] = luma_at(bx + i, by + j) - 128.0f;
-                encode_block(block, &y, &bw);
+    // One 8x8 block whose sample (i, j) is sample(i, j) - shift.
+    float block[64];
+    auto encode = [&](Component* comp, float shift, auto sample) {
+        for (int j = 0; j < 8; ++j)
+            for (int i = 0; i < 8; ++i)
+                block[j * 8 + i] = sample(i, j) - shift;
+        encode_block(block, comp, &bw);
+    };
+    for (int my = 0; my < height; my += 16) {
+        for (int mx = 0; mx < width; mx += 16) {
+            for (int sub = 0; sub < 4; ++sub) {
+                const int bx = mx + (sub & 1) * 8, by = my + (sub >> 1) * 8;
+                encode(&y, 128.0f, [&](int i, int j) {
+                    const uint8_t* p = pixel(bx + i, by + j);
+                    return 0.299f * p[0] + 0.587f * p[1] + 0.114f * p[2];
+                });
             }
-        }
-    } else {
-        float cbblk[64], crblk[64];
-        for (int my = 0; my < height; my += 16) {
-            for (int mx = 0; mx < width; mx += 16) {
-                for (int sub = 0; sub < 4; ++sub) {
-                    const int bx = mx + (sub & 1) * 8, by = my + (sub >> 1) * 8;
-                    for (int j = 0; j < 8; ++j)
-                        for (int i = 0; i < 8; ++i)
-                            block[j * 8 + i] = luma_at(bx + i, by + j) - 128.0f;
-                    encode_block(block, &y, &bw);
-                }
-                // Chroma: each sample is the mean of a 2x2 group of pixels.
-                for (int j = 0; j < 8; ++j) {
-                    for (int i = 0; i < 8; ++i) {
-                        float sb = 0, sr = 0;
-                        for (int d = 0; d < 4; ++d) {
-                            const int x = clampx(mx + i * 2 + (d & 1)), yy = clampy(my + j * 2 + (d >> 1));
-                            const uint8_t* p = pixels + (static_cast<size_t>(yy) * width + x) * 3;
-                            sb += -0.168736f * p[0] - 0.331264f * p[1] + 0.5f * p[2];
-                            sr += 0.5f * p[0] - 0.418688f * p[1] - 0.081312f * p[2];
-                        }
-                        cbblk[j * 8 + i] = sb / 4;
-                        crblk[j * 8 + i] = sr / 4;
+            // Chroma: each sample is the mean of a 2x2 group of pixels.
+            const float kCb[3] = {-0.168736f, -0.331264f, 0.5f}, kCr[3] = {0.5f, -0.418688f, -0.081312f};
+            for (const auto& [comp, k] : {std::make_pair(&cb, kCb), std::make_pair(&cr, kCr)}) {
+                encode(comp, 0.0f, [&, k = k](int i, int j) {
+                    float sum = 0;
+                    for (int d = 0; d < 4; ++d) {
+                        const uint8_t* p = pixel(mx + i * 2 + (d & 1), my + j * 2 + (d >> 1));
+                        sum += k[0] * p[0] + k[1] * p[1] + k[2] * p[2];
                     }
-                }
-                encode_block(cbblk, &cb, &bw);
-                encode_block(crblk, &cr, &bw);
+                    return sum / 4;
+                });
             }
         }
     }
     bw.flush();
-    out.push_back(0xFF);
-    out.push_back(0xD9);
+    out.insert(out.end(), {0xFF, 0xD9});  // EOI
     return out;
 }
 
@@ -467,7 +419,7 @@ std::vector<uint8_t> MakeTestJpeg(int width, int height, uint64_t frameNo, int q
     const std::vector<uint8_t> rgb = MakeTestPattern(width, height, frameNo, detail);
     if (rgb.empty())
         return {};
-    return EncodeJpeg(rgb.data(), width, height, JpegColour::kYCbCr420, quality);
+    return EncodeJpeg(rgb.data(), width, height, quality);
 }
 
 }  // namespace otools

@@ -3,9 +3,8 @@
 
 // A small baseline JPEG encoder for the simulator tools: sequential DCT,
 // 8-bit samples, the example quantisation and Huffman tables of the JPEG
-// standard scaled by a quality factor the way the IJG library does. Colour
-// pictures are written as YCbCr with 4:2:0 subsampling, grey pictures as a
-// single component. The output is a JFIF file (SOI, APP0, DQT, SOF0, DHT,
+// standard scaled by a quality factor the way the IJG library does. Pictures
+// are written as YCbCr with 4:2:0 subsampling. The output is a JFIF file (SOI, APP0, DQT, SOF0, DHT,
 // SOS, entropy-coded data, EOI) that any decoder reads.
 //
 // Stateless and thread-safe: every call works on its own buffers.
@@ -15,13 +14,10 @@
 
 namespace otools {
 
-enum class JpegColour { kGrey, kYCbCr420 };
-
-// Encodes a width x height picture. `pixels` holds width*height bytes of
-// grey (kGrey) or width*height*3 bytes of interleaved RGB (kYCbCr420), row
-// by row. quality is clamped to 1..100. Returns an empty vector when the
-// size is outside 1..65535 or pixels is null.
-std::vector<uint8_t> EncodeJpeg(const uint8_t* pixels, int width, int height, JpegColour colour, int quality);
+// Encodes a width x height picture. `rgb` holds width*height*3 bytes of
+// interleaved RGB, row by row. quality is clamped to 1..100. Returns an
+// empty vector when the size is outside 1..65535 or rgb is null.
+std::vector<uint8_t> EncodeJpeg(const uint8_t* rgb, int width, int height, int quality);
 
 // Draws the simulator's test picture as interleaved RGB: diagonal colour
 // bands and a bright square that move with frameNo, and frameNo written in
@@ -30,7 +26,7 @@ std::vector<uint8_t> EncodeJpeg(const uint8_t* pixels, int width, int height, Jp
 // the same frameNo, so pictures are reproducible.
 std::vector<uint8_t> MakeTestPattern(int width, int height, uint64_t frameNo, int detail);
 
-// Convenience: MakeTestPattern followed by EncodeJpeg in colour.
+// Convenience: MakeTestPattern followed by EncodeJpeg.
 std::vector<uint8_t> MakeTestJpeg(int width, int height, uint64_t frameNo, int quality, int detail);
 
 }  // namespace otools

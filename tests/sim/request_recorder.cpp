@@ -2,8 +2,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 
 #include "viewer/tool_net.h"
 
@@ -49,31 +47,6 @@ int RequestRecorder::Count() const
 {
     std::lock_guard<std::mutex> lock(mu_);
     return count_;
-}
-
-std::vector<RecordedRequest> ReadRequestRecords(const std::string& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    const std::string all((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    std::vector<RecordedRequest> out;
-    size_t pos = 0;
-    while (pos < all.size()) {
-        const size_t nl = all.find('\n', pos);
-        if (nl == std::string::npos || all.compare(pos, 9, "#REQUEST ") != 0)
-            break;
-        RecordedRequest r;
-        r.header = all.substr(pos, nl - pos);
-        const size_t b = r.header.rfind(" bytes=");
-        if (b == std::string::npos)
-            break;
-        const size_t len = std::stoul(r.header.substr(b + 7));
-        if (nl + 1 + len + 1 > all.size() || all[nl + 1 + len] != '\n')
-            break;
-        r.raw = all.substr(nl + 1, len);
-        out.push_back(std::move(r));
-        pos = nl + 1 + len + 1;
-    }
-    return out;
 }
 
 }  // namespace otools

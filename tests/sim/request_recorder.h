@@ -8,14 +8,14 @@
 //   "\n"
 //
 // to a file (appended, flushed per record) and/or to standard output, so
-// that tests and operators can compare them byte for byte.
+// that tests and operators can compare them byte for byte (the tests read
+// them back with the harness, tests/harness).
 //
 // Thread-safe: Record may be called from several connection threads.
 
 #include <cstdio>
 #include <mutex>
 #include <string>
-#include <vector>
 
 namespace otools {
 
@@ -37,14 +37,6 @@ private:
     bool stdout_ = false;
     int count_ = 0;  // guarded by mu_
 };
-
-struct RecordedRequest {
-    std::string header;  // the "#REQUEST ..." line without its LF
-    std::string raw;
-};
-
-// Reads a record file back; stops at the first malformed record.
-std::vector<RecordedRequest> ReadRequestRecords(const std::string& path);
 
 }  // namespace otools
 

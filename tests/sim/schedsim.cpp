@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "tests/sim/sim_common.h"
 #include "viewer/tool_http.h"
 #include "viewer/tool_net.h"
 #include "viewer/tool_options.h"
@@ -13,18 +14,6 @@ namespace otools {
 namespace {
 
 constexpr char kSchedulePath[] = "/cgi-bin/scheduleServer.cgi";
-
-const char* reason_of(int status)
-{
-    switch (status) {
-    case 200: return "OK";
-    case 400: return "Bad Request";
-    case 404: return "Not Found";
-    case 405: return "Method Not Allowed";
-    case 500: return "Internal Server Error";
-    default: return "Status";
-    }
-}
 
 // Checks a stop request's parameters; returns what is wrong or "".
 std::string check_stop_params(const std::string& query, long long* channel)
@@ -95,7 +84,7 @@ void SchedSim::serve(int fd, const std::string& peer, int connNo)
                "channel_no=" +
                std::to_string(channel) + "\r\nresult=OK\r\n";
     } else {
-        body = std::to_string(status) + " " + reason_of(status) + ": " + note + "\r\n";
+        body = std::to_string(status) + " " + ReasonPhrase(status) + ": " + note + "\r\n";
     }
     if (cfg_.status)
         status = cfg_.status;
@@ -107,20 +96,16 @@ void SchedSim::serve(int fd, const std::string& peer, int connNo)
         ::close(fd);
         return;
     }
-    if (!cfg_.silent) {
-        std::string resp =
-            "HTTP/1.0 " + std::to_string(status) + " " + reason_of(status) + "\r\nContent-Type: text/plain\r\n";
-        if (!cfg_.noLength)
-            resp += "Content-Length: " + std::to_string(body.size()) + "\r\n";
-        resp += "Connection: close\r\n\r\n" + body;
-        SendAll(fd, resp.data(), resp.size(), 10000, stop);
-        // Half-close and wait for the client's close, so that unread bytes on
-        // our side cannot turn the close into a reset that discards the answer.
-        ::shutdown(fd, SHUT_WR);
-        std::string sink;
-        ReadUntilClose(fd, 1 << 16, 2000, stop, &sink);
+    if (cfg_.silent) {
+        ::close(fd);
+        return;
     }
-    ::close(fd);
+    AnswerAndClose(fd,
+                   "HTTP/1.0 " + std::to_string(status) + " " + ReasonPhrase(status) +
+                       "\r\nContent-Type: text/plain\r\n" +
+                       (cfg_.noLength ? "" : "Content-Length: " + std::to_string(body.size()) + "\r\n") +
+                       "Connection: close\r\n\r\n" + body,
+                   10000, stop);
 }
 
 }  // namespace otools

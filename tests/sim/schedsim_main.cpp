@@ -1,13 +1,11 @@
 // ostrel-schedsim: a simulated schedule server for operators and tests.
 
-#include <chrono>
 #include <cstdio>
-#include <getopt.h>
 #include <string>
-#include <thread>
+#include <vector>
 
 #include "tests/sim/schedsim.h"
-#include "viewer/tool_net.h"
+#include "tests/sim/sim_common.h"
 #include "viewer/tool_options.h"
 
 namespace {
@@ -41,64 +39,24 @@ const char kUsage[] = "Usage: ostrel-schedsim [--listen ADDR[:PORT]] [options]\n
 
 int main(int argc, char** argv)
 {
-    enum { kListen = 1, kRecord, kNoStdout, kStatus, kBody, kNoLength, kDelay, kSilent, kQuiet, kHelp };
-    static const option kOptions[] = {{"listen", required_argument, nullptr, kListen},
-                                      {"record", required_argument, nullptr, kRecord},
-                                      {"no-stdout", no_argument, nullptr, kNoStdout},
-                                      {"status", required_argument, nullptr, kStatus},
-                                      {"body-bytes", required_argument, nullptr, kBody},
-                                      {"no-length", no_argument, nullptr, kNoLength},
-                                      {"delay-ms", required_argument, nullptr, kDelay},
-                                      {"silent", no_argument, nullptr, kSilent},
-                                      {"quiet", no_argument, nullptr, kQuiet},
-                                      {"help", no_argument, nullptr, kHelp},
-                                      {nullptr, 0, nullptr, 0}};
-    otools::SchedSimConfig cfg;
-    int c;
-    while ((c = getopt_long(argc, argv, "", kOptions, nullptr)) != -1) {
-        const std::string arg = optarg ? optarg : "";
-        switch (c) {
-        case kListen:
-            if (!otools::ParseHostPort(arg, 80, &cfg.host, &cfg.port))
-                return otools::UsageError(kTool, "bad --listen " + arg);
-            break;
-        case kRecord: cfg.recordPath = arg; break;
-        case kNoStdout: cfg.recordStdout = false; break;
-        case kStatus:
-            if (!otools::ParseIntegerIn(optarg, 100, 999, &cfg.status))
-                return otools::UsageError(kTool, "bad --status " + arg);
-            break;
-        case kBody:
-            if (!otools::ParseIntegerIn(optarg, 0, 1 << 24, &cfg.bodyBytes))
-                return otools::UsageError(kTool, "bad --body-bytes " + arg);
-            break;
-        case kNoLength: cfg.noLength = true; break;
-        case kDelay:
-            if (!otools::ParseIntegerIn(optarg, 0, 3600000, &cfg.delayMs))
-                return otools::UsageError(kTool, "bad --delay-ms " + arg);
-            break;
-        case kSilent: cfg.silent = true; break;
-        case kQuiet: cfg.quiet = true; break;
-        case kHelp: std::fputs(kUsage, stdout); return 0;
-        default: return otools::UsageError(kTool, "unknown option");
-        }
-    }
-    if (optind < argc)
-        return otools::UsageError(kTool, std::string("unexpected argument ") + argv[optind]);
-
-    otools::InstallStopSignals();
-    otools::SchedSim sim(cfg);
-    std::string err;
-    if (!sim.Start(&err)) {
-        std::fprintf(stderr, "ostrel-schedsim: %s\n", err.c_str());
-        return 2;
-    }
-    if (!cfg.quiet)
-        std::fprintf(stderr, "schedsim: listening on %s:%d\n", cfg.host.c_str(), sim.Port());
-    while (!otools::g_stopRequested.load(std::memory_order_relaxed))
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    sim.Stop();
-    if (!cfg.quiet)
+    using namespace otools;
+    SchedSimConfig cfg;
+    const std::vector<ToolOption> table = {
+        {"listen", true, HostPortOption(80, &cfg.host, &cfg.port)},
+        {"record", true, TextOption(&cfg.recordPath)},
+        {"no-stdout", false, FlagOption(&cfg.recordStdout, false)},
+        {"status", true, IntegerOption(100, 999, &cfg.status)},
+        {"body-bytes", true, IntegerOption(0, 1 << 24, &cfg.bodyBytes)},
+        {"no-length", false, FlagOption(&cfg.noLength)},
+        {"delay-ms", true, IntegerOption(0, 3600000, &cfg.delayMs)},
+        {"silent", false, FlagOption(&cfg.silent)},
+        {"quiet", false, FlagOption(&cfg.quiet)},
+    };
+    const int end = ParseToolOptions(kTool, kUsage, argc, argv, table);
+    if (end >= 0)
+        return end;
+    SchedSim sim(cfg);
+    return RunSimulator(kTool, "schedsim", cfg.host, cfg.quiet, sim, [&] {
         std::fprintf(stderr, "schedsim: stopped: %d requests, %d stop requests\n", sim.Requests(), sim.Stops());
-    return 0;
+    });
 }
