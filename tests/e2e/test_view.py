@@ -172,7 +172,9 @@ class BrowserTest(RelayCase):
             return page if len(set(pixels)) > 100 and coloured > len(pixels) // 4 else None
         first = wait_for(test_pattern, "the page to show the test pattern", limit=60)["pixels"]
         # The banner says the channel is live (green on pale green).
-        wait_for(lambda: browser.evaluate(PAGE_JS)["banner"] == "rgb(216, 240, 216)", "the live banner")
+        # (The page reads as None while the next picture loads.)
+        wait_for(lambda: (browser.evaluate(PAGE_JS) or {}).get("banner") == "rgb(216, 240, 216)",
+                 "the live banner")
         # Without a reload the page shows later pictures: the moving square
         # and the frame number differ.
         wait_for(lambda: sum(1 for a, b in zip(first, (test_pattern() or {"pixels": first})["pixels"])
