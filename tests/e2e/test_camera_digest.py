@@ -14,11 +14,10 @@ import os
 import re
 import shutil
 import subprocess
-import time
 import unittest
 
-from harness import (CAMERA_PORT, MYIP, RelayCase, get_image, is_listening, is_real_root,
-                     login, read_records, setup_namespace, split_stamp, wait_for)
+from harness import (CAMERA_PORT, MYIP, RelayCase, get_image, is_listening, is_real_root, login, pull,
+                     read_records, setup_namespace, wait_for)
 
 LIGHTTPD = shutil.which("lighttpd", path="/usr/sbin:/usr/bin:/sbin")
 APACHE = shutil.which("apache2", path="/usr/sbin:/usr/bin:/sbin")
@@ -26,7 +25,6 @@ APACHE_MODULES = "/usr/lib/apache2/modules"
 BACKEND_PORT = 8082
 USER, PASSWORD = "viewer", "s3cret pass"
 REALM = "Camera Digest"
-REFUSAL = "camera refused the credentials (Digest realm \"%s\" algorithm %s)"
 BACKOFF = "obAXISJPEGMultiPart.Start failed"
 
 
@@ -39,57 +37,40 @@ def htdigest_line(realm, algorithm="MD5"):
     return "%s:%s:%s\n" % (USER, realm, hash_(("%s:%s:%s" % (USER, realm, PASSWORD)).encode()).hexdigest())
 
 
-class DigestCase(RelayCase):
-    def pull_pictures(self, pictures, count, limit=40.0):
-        """Pulls until count pictures came; each must be one of the camera's
-        pictures byte for byte (the stamp taken out)."""
-        got = 0
-        deadline = time.monotonic() + limit
-        while got < count:
-            if time.monotonic() > deadline:
-                raise AssertionError("gave up waiting for pictures after %d; log:\n%s"
-                                     % (got, self.log_text()[-3000:]))
-            a = get_image()
-            if a.header("Content-Type") == "image/jpeg":
-                seq, _, picture = split_stamp(a.body)
-                self.assertTrue(picture in pictures, "picture %d" % seq)
-                got += 1
-            else:
-                self.assertEqual(a.body, b"ERROR_TRANSLATOR_RECEIVE:")
-
-    def assert_refused(self, realm, algorithm):
-        self.wait_log(REFUSAL % (realm, algorithm))
-        # The back-off of every failed start applies, and nothing arrives.
-        self.wait_log("obAXISJPEGMultiPart.Start failed ::2302")
-        for _ in range(3):
-            self.assertEqual(get_image().body, b"ERROR_TRANSLATOR_RECEIVE:")
-
+class DigestTest(RelayCase):
     def use_credentials(self, password=PASSWORD):
         self.write_config(channel_authentic_switch="1", channel_authentic_user_id=USER,
                           channel_authentic_user_password=password)
 
-    def start_backend(self):
-        """The simulated camera behind the web server, without a password."""
-        return self.start_camsim("--fps", "30", port=BACKEND_PORT)[0]
+    def check_outcome(self, pictures, realm, algorithm, delivers):
+        """Pictures of the camera's come through, or the refusal is logged
+        and the back-off of every failed start applies."""
+        seen = len(self.log_text())
+        self.start_forking("1")
+        login()
+        if delivers:
+            for _, picture, _ in pull(5):
+                self.assertTrue(picture in pictures)
+            self.assertNotIn(BACKOFF, self.log_text()[seen:])
+            self.assertIn('Digest challenge (realm "%s" algorithm %s qop auth)' % (realm, algorithm),
+                          self.log_text()[seen:])
+        else:
+            wait_for(lambda: 'camera refused the credentials (Digest realm "%s" algorithm %s)'
+                     % (realm, algorithm) in self.log_text()[seen:], "the refusal")
+            self.wait_log(BACKOFF + " ::2302")
+            for _ in range(3):
+                self.assertEqual(get_image().body, b"ERROR_TRANSLATOR_RECEIVE:")
 
-    def wait_server(self, proc, what, log):
-        wait_for(lambda: proc.poll() is not None or is_listening(MYIP, CAMERA_PORT),
-                 "%s to listen" % what)
-        if proc.poll() is not None:
-            with open(log, errors="replace") as f:
-                raise AssertionError("%s ended: %s" % (what, f.read()))
-
-
-class SimulatedCameraDigestTest(DigestCase):
     def test_stale_nonce_renewed_without_back_off(self):
         # Each connection carries three pictures; each nonce serves one.
         self.use_credentials()
         pictures, record = self.start_camsim("--fps", "30", "--frames", "3", "--auth",
                                              "%s:%s" % (USER, PASSWORD), "--auth-digest", "MD5,auth",
                                              "--nonce-uses", "1")
-        pid = self.start_forking("1")
+        self.start_forking("1")
         login()
-        self.pull_pictures(pictures, 10)
+        for _, picture, _ in pull(10):
+            self.assertTrue(picture in pictures)
         self.assertNotIn(BACKOFF, self.log_text())
         requests = [raw for _, raw in read_records(record)]
         self.assertTrue(requests[0].startswith(
@@ -102,27 +83,43 @@ class SimulatedCameraDigestTest(DigestCase):
         self.assertEqual(nonces[0], nonces[1])
         self.assertNotEqual(nonces[1], nonces[2])
         self.assertEqual(nonces[2], nonces[3])
-        self.stop_daemon(pid)
 
-    def test_wrong_password_is_a_refusal_with_back_off(self):
-        self.use_credentials("wrong")
-        self.start_camsim("--fps", "30", "--auth", "%s:%s" % (USER, PASSWORD),
-                          "--auth-digest", "SHA-256-sess,auth")
-        pid = self.start_forking("1")
-        login()
-        self.assert_refused("AXIS_SIMULATOR", "SHA-256-sess")
-        self.stop_daemon(pid)
+    def test_real_web_servers_and_the_simulated_camera(self):
+        rows = [
+            # server, algorithm, password right
+            ("lighttpd", "MD5", True), ("lighttpd", "SHA-256", True), ("lighttpd", "SHA-256", False),
+            ("apache2", "MD5", True), ("apache2", "MD5", False),
+            ("simulator", "SHA-256-sess", False),
+        ]
+        for i, (server, algorithm, right) in enumerate(rows):
+            with self.row(server=server, algorithm=algorithm, right=right):
+                if server == "lighttpd" and not LIGHTTPD:
+                    self.skipTest("lighttpd is not installed (scripts/setup.sh installs it)")
+                if server == "apache2" and not (APACHE and is_real_root()):
+                    self.skipTest("apache2 is not installed (scripts/setup.sh installs it) or not root "
+                                  "(it changes to the user www-data)")
+                self.use_credentials(PASSWORD if right else "not the password")
+                if server == "simulator":
+                    pictures, _ = self.start_camsim("--fps", "30", "--auth", "%s:%s" % (USER, PASSWORD),
+                                                    "--auth-digest", algorithm + ",auth", name="cam%d" % i)
+                    self.check_outcome(pictures, "AXIS_SIMULATOR", algorithm, right)
+                    continue
+                # The simulated camera behind the web server, without a password.
+                pictures, _ = self.start_camsim("--fps", "30", port=BACKEND_PORT, name="cam%d" % i)
+                web = self.path("web%d" % i)
+                os.makedirs(os.path.join(web, "run"))
+                (self.start_lighttpd if server == "lighttpd" else self.start_apache)(web, algorithm)
+                self.check_outcome(pictures, REALM, algorithm, right)
 
+    def start_server(self, argv, what, log):
+        proc = self.spawn(argv, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        wait_for(lambda: proc.poll() is not None or is_listening(MYIP, CAMERA_PORT),
+                 "%s to listen" % what)
+        if proc.poll() is not None:
+            with open(log, errors="replace") as f:
+                raise AssertionError("%s ended: %s" % (what, f.read()))
 
-class LighttpdDigestTest(DigestCase):
-    def setUp(self):
-        if not LIGHTTPD:
-            self.skipTest("lighttpd is not installed (scripts/setup.sh installs it)")
-        super().setUp()
-
-    def start_lighttpd(self, algorithm):
-        web = self.path("lighttpd")
-        os.makedirs(web)
+    def start_lighttpd(self, web, algorithm):
         users = os.path.join(web, "htdigest")
         with open(users, "w") as f:
             f.write(htdigest_line(REALM, algorithm))
@@ -140,52 +137,12 @@ class LighttpdDigestTest(DigestCase):
                     ' "algorithm" => "%s", "require" => "valid-user" ) )\n'
                     'proxy.server = ( "/axis-cgi/" => ( ( "host" => "%s", "port" => %d ) ) )\n'
                     % (web, log, MYIP, CAMERA_PORT, users, REALM, algorithm, MYIP, BACKEND_PORT))
-        proc = self.spawn([LIGHTTPD, "-D", "-f", os.path.join(web, "lighttpd.conf")],
-                          stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        self.wait_server(proc, "lighttpd", log)
+        self.start_server([LIGHTTPD, "-D", "-f", os.path.join(web, "lighttpd.conf")], "lighttpd", log)
 
-    def deliver(self, algorithm):
-        self.use_credentials()
-        pictures = self.start_backend()
-        self.start_lighttpd(algorithm)
-        pid = self.start_forking("1")
-        login()
-        self.pull_pictures(pictures, 5)
-        self.assertNotIn(BACKOFF, self.log_text())
-        self.assertIn('Digest challenge (realm "%s" algorithm %s qop auth)' % (REALM, algorithm),
-                      self.log_text())
-        self.stop_daemon(pid)
-
-    def test_md5_delivers_the_pictures(self):
-        self.deliver("MD5")
-
-    def test_sha256_delivers_the_pictures(self):
-        self.deliver("SHA-256")
-
-    def test_wrong_password_is_refused(self):
-        self.use_credentials("not the password")
-        self.start_backend()
-        self.start_lighttpd("SHA-256")
-        pid = self.start_forking("1")
-        login()
-        self.assert_refused(REALM, "SHA-256")
-        self.stop_daemon(pid)
-
-
-class ApacheDigestTest(DigestCase):
-    def setUp(self):
-        if not APACHE:
-            self.skipTest("apache2 is not installed (scripts/setup.sh installs it)")
-        if not is_real_root():
-            self.skipTest("needs root: apache2 changes to the user www-data")
-        super().setUp()
-
-    def start_apache(self):
-        web = self.path("apache")
-        os.makedirs(os.path.join(web, "run"))
+    def start_apache(self, web, algorithm):
         users = os.path.join(web, "htdigest")
         with open(users, "w") as f:
-            f.write(htdigest_line(REALM))
+            f.write(htdigest_line(REALM, algorithm))
         # apache2's children run as www-data and read the user file.
         os.chmod(self.work, 0o755)
         os.chmod(web, 0o755)
@@ -211,28 +168,7 @@ class ApacheDigestTest(DigestCase):
                  % (MYIP, CAMERA_PORT, web, web, web, log, REALM, users, MYIP, BACKEND_PORT))
         with open(os.path.join(web, "apache2.conf"), "w") as f:
             f.write(conf)
-        proc = self.spawn([APACHE, "-f", os.path.join(web, "apache2.conf"), "-DFOREGROUND"],
-                          stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        self.wait_server(proc, "apache2", log)
-
-    def test_md5_delivers_the_pictures(self):
-        self.use_credentials()
-        pictures = self.start_backend()
-        self.start_apache()
-        pid = self.start_forking("1")
-        login()
-        self.pull_pictures(pictures, 5)
-        self.assertNotIn(BACKOFF, self.log_text())
-        self.stop_daemon(pid)
-
-    def test_wrong_password_is_refused(self):
-        self.use_credentials("not the password")
-        self.start_backend()
-        self.start_apache()
-        pid = self.start_forking("1")
-        login()
-        self.assert_refused(REALM, "MD5")
-        self.stop_daemon(pid)
+        self.start_server([APACHE, "-f", os.path.join(web, "apache2.conf"), "-DFOREGROUND"], "apache2", log)
 
 
 if __name__ == "__main__":

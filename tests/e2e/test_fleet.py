@@ -12,24 +12,19 @@ with its own configuration and a scratch storage directory; Chromium
 (Debian's chromium) is driven over its DevTools pipe and the rows' colours
 are read from the rendered page's computed styles."""
 
-import base64
 import json
 import os
 import signal
 import subprocess
-import time
 import unittest
-import urllib.error
 import urllib.parse
-import urllib.request
 
-from harness import (CAMSIM, CAMERA_PORT, CONFIG_KEYS, CONTROL_PORT, MYIP, OTHER_CAMERA_IP,
-                     SOURCE_DIR, RelayCase, connect, is_listening, read_until_close, redirect_camera,
-                     setup_namespace, wait_for)
+from harness import (CONTROL_PORT, CONFIG_KEYS, MYIP, OTHER_CAMERA_IP, SOURCE_DIR, RelayCase, http,
+                     is_listening, logout, pull, redirect_camera, request, setup_namespace, trcom_command, wait_for)
+from harness.browser import DevTools, why_no_browser
 
 PROMETHEUS = os.environ.get("OSTREL_PROMETHEUS", "/usr/bin/prometheus")
 PROMTOOL = os.path.join(os.path.dirname(PROMETHEUS), "promtool")
-CHROMIUM = os.environ.get("OSTREL_CHROMIUM", "/usr/bin/chromium")
 FLEET = os.path.join(SOURCE_DIR, "deploy", "bin", "ostrel-fleet")
 CTL = os.path.join(SOURCE_DIR, "deploy", "bin", "ostrel-ctl")
 ALERTS = os.path.join(SOURCE_DIR, "deploy", "prometheus", "ostrel-alerts.yml")
@@ -44,13 +39,10 @@ def setUpModule():
     redirect_camera(addr=OTHER_CAMERA_IP, camera_addr=OTHER_CAMERA_IP)
 
 
-def http(addr, path, timeout=20.0):
+def get(addr, path, timeout=20.0):
     """(status, body text) of one GET."""
-    try:
-        with urllib.request.urlopen("http://%s:%d%s" % (addr + (path,)), timeout=timeout) as r:
-            return r.status, r.read().decode()
-    except urllib.error.HTTPError as e:
-        return e.code, e.read().decode()
+    status, _, body = http(addr[0], addr[1], path, timeout=timeout)
+    return status, body.decode()
 
 
 class FleetCase(RelayCase):
@@ -70,19 +62,13 @@ class FleetCase(RelayCase):
             f.write("\n".join(lines) + "\n")
 
     def login(self, addr=MYIP):
-        sock = connect(MYIP, (addr, CONTROL_PORT))
-        sock.sendall(b"GET /ptippreimg.cgi?img_login=1 HTTP/1.0\r\n\r\n")
-        answer = read_until_close(sock, 10.0)
-        sock.close()
-        self.assertTrue(answer.endswith(b"LOGIN_SUCCESS:1:\r\n"), answer)
+        a = request("/ptippreimg.cgi?img_login=1", dst=(addr, CONTROL_PORT))
+        self.assertEqual(a.body, b"LOGIN_SUCCESS:1:\r\n")
 
     def start_cameras(self):
-        self.cam1 = self.spawn([CAMSIM, "--listen",
-                                "%s:%d" % (MYIP, CAMERA_PORT), "--fps", "10", "--quiet"])
-        self.spawn([CAMSIM, "--listen",
-                    "%s:%d" % (OTHER_CAMERA_IP, CAMERA_PORT), "--auth", "root:right", "--quiet"])
-        for addr in (MYIP, OTHER_CAMERA_IP):
-            wait_for(lambda: is_listening(addr, CAMERA_PORT), "the camera on %s" % addr)
+        self.start_camsim("--fps", "10", pictures=None, name="cam1")
+        self.cam1 = self.children[-1]
+        self.start_camsim("--auth", "root:right", addr=OTHER_CAMERA_IP, pictures=None, name="cam2")
 
     def start_fleet_channels(self):
         """Channels 01 (delivering) and 02 (refused), each with a viewer."""
@@ -121,26 +107,10 @@ class FiguresTest(FleetCase):
         self.assertEqual((fig["pid"], fig["channel"], fig["viewer"]), (str(pid), "1", "0"))
         self.assertEqual(fig["last_picture_age"], "")
         self.login()
-        got = 0
-        for _ in range(200):
-            sock = connect()
-            sock.sendall(b"GET /ptippreimg.cgi?get_image=1&img_user_id=1 HTTP/1.0\r\n\r\n")
-            if b"image/jpeg" in read_until_close(sock, 10.0):
-                got += 1
-            sock.close()
-            if got == 3:
-                break
-        self.assertEqual(got, 3)
-        for query in ("p_name=TrCommunicate&p_version=1&command=reset_postterm",
-                      "p_name=TrCommunicate&p_version=1&command=notice_update"):
-            sock = connect()
-            sock.sendall(b"GET /trcom.cgi?%s HTTP/1.0\r\n\r\n" % query.encode())
-            read_until_close(sock, 10.0)
-            sock.close()
-        sock = connect()
-        sock.sendall(b"GET /ptippreimg.cgi?img_logout=1&img_user_id=1 HTTP/1.0\r\n\r\n")
-        read_until_close(sock, 10.0)
-        sock.close()
+        pull(3)
+        for command in ("reset_postterm", "notice_update"):
+            trcom_command(command)
+        logout()
 
         fig = wait_for(lambda: (lambda f: f if f and f["logouts"] == "1" else None)(self.figures()),
                        "the logout in the figures")
@@ -173,16 +143,16 @@ class HealthTest(FleetCase):
         wait_for(self.figures, "the figures file")
         self.assertEqual(self.check("1"), (0, "1: logged out: no viewer logged in; "
                                                 "the camera stream is closed"))
-        self.assertEqual(http(FLEET_ADDR, "/healthz"), (200, "ok\n"))
+        self.assertEqual(get(FLEET_ADDR, "/healthz"), (200, "ok\n"))
         self.login()
         wait_for(lambda: self.check("1", "--max-age", "3")[1].startswith("1: delivering: "),
                  "the check to see pictures")
-        self.assertEqual(http(FLEET_ADDR, "/healthz"), (200, "ok\n"))
+        self.assertEqual(get(FLEET_ADDR, "/healthz"), (200, "ok\n"))
 
         camera.send_signal(signal.SIGTERM)
         camera.wait(10)
         status, text = wait_for(lambda: (lambda a: a if a[0] == 503 else None)(
-            http(FLEET_ADDR, "/healthz")), "/healthz to fail")
+            get(FLEET_ADDR, "/healthz")), "/healthz to fail")
         self.assertRegex(text, r"^01: reconnecting: no picture for [\d.]+ s; last camera error "
                                r"[\d.]+ s ago: (start|stream): connection refused or reset")
         code, line = self.check("1", "--max-age", "3")
@@ -190,7 +160,7 @@ class HealthTest(FleetCase):
         self.assertRegex(line, r"^1: reconnecting: no picture for ")
 
         self.start_camsim("--fps", "10")
-        wait_for(lambda: http(FLEET_ADDR, "/healthz") == (200, "ok\n"), "/healthz to recover",
+        wait_for(lambda: get(FLEET_ADDR, "/healthz") == (200, "ok\n"), "/healthz to recover",
                  limit=60)
         self.assertEqual(self.check("1", "--max-age", "3")[0], 0)
 
@@ -219,13 +189,13 @@ class PrometheusTest(FleetCase):
 
     def ready(self):
         try:
-            return http(PROMETHEUS_ADDR, "/-/ready", timeout=2)[0] == 200
+            return get(PROMETHEUS_ADDR, "/-/ready", timeout=2)[0] == 200
         except OSError:
             return False
 
     def query(self, expr):
         """{channel: value} of an instant query."""
-        status, text = http(PROMETHEUS_ADDR, "/api/v1/query?query=" + urllib.parse.quote(expr))
+        status, text = get(PROMETHEUS_ADDR, "/api/v1/query?query=" + urllib.parse.quote(expr))
         self.assertEqual(status, 200, text)
         result = json.loads(text)["data"]["result"]
         return {r["metric"].get("channel"): float(r["value"][1]) for r in result}
@@ -258,7 +228,7 @@ class PrometheusTest(FleetCase):
         # The shipped alert fires for the channel whose viewer has had no
         # picture for 30 s, and for it alone.
         def firing():
-            status, text = http(PROMETHEUS_ADDR, "/api/v1/alerts")
+            status, text = get(PROMETHEUS_ADDR, "/api/v1/alerts")
             return [a["labels"]["channel"] for a in json.loads(text)["data"]["alerts"]
                     if a["state"] == "firing" and
                     a["labels"]["alertname"] == "OstrelViewerWithoutPictures"]
@@ -270,11 +240,8 @@ class BrowserTest(FleetCase):
 
     def setUp(self):
         super().setUp()
-        if not os.environ.get("OSTREL_BROWSER_TEST"):
-            self.skipTest("the browser test runs in the release build only")
-        if not os.access(CHROMIUM, os.X_OK):
-            self.skipTest("Chromium is not installed at %s (scripts/setup.sh installs Debian's "
-                          "chromium where it can)" % CHROMIUM)
+        if why_no_browser():
+            self.skipTest(why_no_browser())
 
     def test_rows_and_colours_on_the_rendered_page(self):
         self.start_fleet_channels()
@@ -282,11 +249,11 @@ class BrowserTest(FleetCase):
         wait_for(lambda: (self.figures(1) or {}).get("last_picture_age"), "channel 01's pictures")
         wait_for(lambda: (self.figures(2) or {}).get("last_error_kind") == "refused_credentials",
                  "channel 02's refusal")
-        browser = DevTools(CHROMIUM, self.path("chromium"))
+        browser = DevTools(self.path("chromium"))
         self.addCleanup(browser.close)
         browser.open("http://%s:%d/" % FLEET_ADDR)
 
-        rows = wait_for(lambda: (lambda r: r if len(r) == 3 else None)(browser.rows()),
+        rows = wait_for(lambda: (lambda r: r if len(r) == 3 else None)((browser.evaluate(ROWS_JS) or [])),
                         "three rows on the page")
         self.assertEqual([(r["channel"], r["state"], hue(r["color"])) for r in rows],
                          [("01", "delivering", "green"), ("02", "refused", "red"),
@@ -302,7 +269,7 @@ class BrowserTest(FleetCase):
         self.cam1.send_signal(signal.SIGTERM)
         self.cam1.wait(10)
         row = wait_for(lambda: (lambda r: r if r and r[0]["state"] == "reconnecting" else None)(
-            browser.rows()), "the page to show the camera gone", limit=60)[0]
+            (browser.evaluate(ROWS_JS) or [])), "the page to show the camera gone", limit=60)[0]
         self.assertEqual(hue(row["color"]), "amber")
 
 
@@ -325,80 +292,6 @@ def hue(css):
     if r > 2 * g and r > 2 * b:
         return "red"
     return css
-
-
-class DevTools:
-    """Headless Chromium driven over --remote-debugging-pipe: JSON messages
-    ended by a NUL byte, written to its descriptor 3 and read from its 4."""
-
-    def __init__(self, chromium, profile):
-        to_child, self.write_fd = os.pipe()
-        self.read_fd, from_child = os.pipe()
-
-        def plumb():
-            # Moved above 4 first, so that neither lands on the other.
-            high_in = os.dup2(to_child, 100)
-            high_out = os.dup2(from_child, 101)
-            os.dup2(high_in, 3)
-            os.dup2(high_out, 4)
-        self.proc = subprocess.Popen(
-            [chromium, "--headless", "--no-sandbox", "--disable-gpu", "--remote-debugging-pipe",
-             "--user-data-dir=" + profile, "--window-size=1400,600", "about:blank"],
-            preexec_fn=plumb, close_fds=False, stdout=subprocess.DEVNULL,
-            stderr=subprocess.DEVNULL)
-        os.close(to_child)
-        os.close(from_child)
-        self.buf, self.next_id, self.session = b"", 0, None
-
-    def call(self, method, session=None, **params):
-        self.next_id += 1
-        msg = {"id": self.next_id, "method": method, "params": params}
-        if session:
-            msg["sessionId"] = session
-        os.write(self.write_fd, json.dumps(msg).encode() + b"\0")
-        deadline = time.monotonic() + 60
-        while True:
-            while b"\0" in self.buf:
-                raw, self.buf = self.buf.split(b"\0", 1)
-                reply = json.loads(raw)
-                if reply.get("id") == self.next_id:
-                    if "error" in reply:
-                        raise AssertionError("%s: %s" % (method, reply["error"]))
-                    return reply["result"]
-            if time.monotonic() > deadline:
-                raise AssertionError("Chromium did not answer %s" % method)
-            chunk = os.read(self.read_fd, 65536)
-            if not chunk:
-                raise AssertionError("Chromium closed its pipe")
-            self.buf += chunk
-
-    def open(self, url):
-        target = self.call("Target.createTarget", url=url)["targetId"]
-        self.session = self.call("Target.attachToTarget", targetId=target,
-                                 flatten=True)["sessionId"]
-
-    def rows(self):
-        result = self.call("Runtime.evaluate", self.session, expression=ROWS_JS,
-                           returnByValue=True)["result"]
-        return json.loads(result.get("value") or "[]")
-
-    def screenshot(self, path):
-        data = self.call("Page.captureScreenshot", self.session, format="png")["data"]
-        with open(path, "wb") as f:
-            f.write(base64.b64decode(data))
-
-    def close(self):
-        try:
-            self.call("Browser.close")
-        except (AssertionError, OSError):
-            pass
-        try:
-            self.proc.wait(30)
-        except subprocess.TimeoutExpired:
-            self.proc.kill()
-            self.proc.wait()
-        os.close(self.write_fd)
-        os.close(self.read_fd)
 
 
 if __name__ == "__main__":

@@ -10,12 +10,11 @@ import subprocess
 import tempfile
 import unittest
 
-from harness import CONTROL_PORT, RelayCase, is_real_root, launcher_answer, success_answer
+from harness import ALREADY_ANSWER, CONTROL_PORT, RelayCase, alive, is_real_root, success_answer
 
 CMAKE = os.environ.get("OSTREL_CMAKE", "")
 BUILD_DIR = os.environ.get("OSTREL_BUILD_DIR", "")
 START = "Command=StartUp&Name=01&NumOfControlPortThread=2"
-ALREADY = launcher_answer(b"<Response>\n  <States>Err_AlreadyWorking</States>\n</Response>\n")
 PREFIX = ""
 
 
@@ -96,25 +95,21 @@ class CtlTest(RelayCase):
         self.write_directory_conf(self.path("states"))
         self.states_file = self.path("states", "01.States")
 
-    def ctl(self, *args, user=None):
+    def ctl(self, *args, user=None, closed_pipe=False):
         """ostrel-ctl on the test's working directory, as USER (with that
-        user's own group only) when given: (exit status, output)."""
+        user's own group only) when given: (exit status, output). With
+        closed_pipe, its output goes into a pipe nobody reads any more
+        (ostrel-ctl status | head -1): (exit status, standard error)."""
         who = {} if user is None else {"user": user, "group": user, "extra_groups": []}
-        p = subprocess.run([os.path.join(PREFIX, "bin", "ostrel-ctl"), "-C", self.work] + list(args),
-                           capture_output=True, text=True, timeout=120, **who)
-        return p.returncode, p.stdout + p.stderr
-
-    def ctl_into_closed_pipe(self, *args):
-        """ostrel-ctl with its output going into a pipe nobody reads any
-        more (ostrel-ctl status | head -1): (exit status, standard error)."""
         r, w = os.pipe()
         os.close(r)
         try:
-            p = subprocess.run([os.path.join(PREFIX, "bin", "ostrel-ctl"), "-C", self.work] +
-                               list(args), stdout=w, stderr=subprocess.PIPE, text=True, timeout=120)
+            p = subprocess.run([os.path.join(PREFIX, "bin", "ostrel-ctl"), "-C", self.work] + list(args),
+                               stdout=w if closed_pipe else subprocess.PIPE, stderr=subprocess.PIPE,
+                               text=True, timeout=120, **who)
         finally:
             os.close(w)
-        return p.returncode, p.stderr
+        return p.returncode, (p.stdout or "") + p.stderr
 
     def cgi_start(self, query=START):
         env = {k: v for k, v in os.environ.items() if k not in ("CONTENT_LENGTH",)}
@@ -129,43 +124,50 @@ class CtlTest(RelayCase):
         self.wait_pid_file(pid, 1)
         return pid
 
+    def expect(self, status, args, *texts):
+        """ostrel-ctl args ends with status and says each of texts; its output."""
+        rc, out = self.ctl(*args)
+        self.assertEqual(rc, status, out)
+        for text in texts:
+            self.assertIn(text, out)
+        return out
+
     def test_status_stop_and_clean_with_a_real_daemon(self):
         pid = self.start()
-        rc, out = self.ctl("status")
-        self.assertEqual(rc, 0, out)
-        row = [line for line in out.splitlines() if line.startswith("01 ")]
-        self.assertEqual(len(row), 1, out)
+        row = [line for line in self.expect(0, ["status"]).splitlines() if line.startswith("01 ")]
+        self.assertEqual(len(row), 1)
         cols = re.split(r"\s{2,}", row[0])
-        self.assertEqual(cols[:5], ["01", "NormalOperating", str(pid), "alive, Ostrel",
-                                    str(CONTROL_PORT)])
+        self.assertEqual(cols[:5], ["01", "NormalOperating", str(pid), "alive, Ostrel", str(CONTROL_PORT)])
         self.assertIn(cols[5], self.log_text().splitlines())
 
         # A live daemon's file is never cleaned.
-        rc, out = self.ctl("clean", "01")
-        self.assertEqual(rc, 1, out)
-        self.assertIn("is running; not touched", out)
-        self.assertEqual(self.ctl("clean")[0], 0)
+        self.expect(1, ["clean", "01"], "is running; not touched")
+        self.expect(0, ["clean"])
         self.assertTrue(os.path.exists(self.states_file))
 
         # After a crash the file blocks every start until it is cleaned.
         self.stop_daemon(pid, signal.SIGKILL)
-        rc, out = self.ctl("status")
-        self.assertEqual(rc, 1, out)
-        self.assertIn("gone; stale: ostrel-ctl clean 01", out)
-        self.assertEqual(self.cgi_start(), ALREADY)
-        rc, out = self.ctl("clean")
-        self.assertEqual(rc, 0, out)
-        self.assertIn("removed the states file %s (stale: process %d is gone)" %
-                      (self.states_file, pid), out)
+        self.expect(1, ["status"], "gone; stale: ostrel-ctl clean 01")
+        self.assertEqual(self.cgi_start(), ALREADY_ANSWER)
+        self.expect(0, ["clean"], "removed the states file %s (stale: process %d is gone)" % (self.states_file, pid))
         self.assertFalse(os.path.exists(self.states_file))
 
         pid = self.start()
-        rc, out = self.ctl("stop", "01")
-        self.assertEqual(rc, 0, out)
-        self.assertIn("01: stopped (process %d ended" % pid, out)
+        self.expect(0, ["stop", "01"], "01: stopped (process %d ended" % pid)
         self.wait_gone(pid, limit=1)
         self.assertFalse(os.path.exists(self.states_file))
         self.assertIn("States file deleted", self.log_text())
+
+        # Several names, one unknown; then output nobody reads: no
+        # traceback, and the work is done all the same.
+        pid = self.start()
+        self.expect(2, ["stop", "01", "99"], "01: stopped (process %d ended" % pid, "'99' is not a channel here")
+        self.start()
+        for args in (["status"], ["stop", "--all"]):
+            with self.subTest(args):
+                self.assertEqual(self.ctl(*args, closed_pipe=True), (0, ""))
+        self.assertFalse(os.path.exists(self.states_file))
+        self.assertEqual(self.ctl("stop", "--all"), (0, "no channel is running\n"))
 
     def test_mistyped_names_leave_error_exit_files_that_clean_removes(self):
         # A launcher's typing errors: the daemon refuses the name after the
@@ -173,38 +175,22 @@ class CtlTest(RelayCase):
         for name in ("100", "ab"):
             self.cgi_start("Command=StartUp&Name=%s" % name)
             self.wait_states("ErrorExit", path=self.path("states", name + ".States"))
-        rc, out = self.ctl("stop", "100")
-        self.assertEqual(rc, 0, out)
-        self.assertIn("ostrel-ctl clean 100 removes its states file", out)
-
+        self.expect(0, ["stop", "100"], "ostrel-ctl clean 100 removes its states file")
         # Several names: a line for each, the missing one too, whose error
         # does not stop the others.
-        rc, out = self.ctl("clean", "100", "77", "ab")
-        self.assertEqual(rc, 2, out)
-        lines = out.splitlines()
-        self.assertEqual(len(lines), 3, out)
-        self.assertIn("100: removed the states file", out)
-        self.assertIn("ab: removed the states file", out)
-        self.assertIn("(a failed start: For invalid argument)", out)
-        self.assertIn("'77' is not a channel here", out)
+        out = self.expect(2, ["clean", "100", "77", "ab"], "100: removed the states file",
+                          "ab: removed the states file", "(a failed start: For invalid argument)",
+                          "'77' is not a channel here")
+        self.assertEqual(len(out.splitlines()), 3, out)
         self.assertEqual(os.listdir(self.path("states")), [])
 
         # Without names, every one; a stale and a live file beside them.
         self.cgi_start("Command=StartUp&Name=ab")
         self.wait_states("ErrorExit", path=self.path("states", "ab.States"))
         pid = self.start()
-        rc, out = self.ctl("clean")
-        self.assertEqual((rc, out.count("\n")), (0, 1), out)
+        self.assertEqual(self.expect(0, ["clean"]).count("\n"), 1)
         self.assertEqual(os.listdir(self.path("states")), ["01.States"])
-        self.assertTrue(self.is_alive(pid))
-
-    @staticmethod
-    def is_alive(pid):
-        try:
-            os.kill(pid, 0)
-        except ProcessLookupError:
-            return False
-        return True
+        self.assertTrue(alive(pid))
 
     def test_status_masks_the_camera_password(self):
         with open(self.states_file, "w") as f:
@@ -224,23 +210,6 @@ class CtlTest(RelayCase):
                 rc, out = self.ctl("status")
                 self.assertTrue(out.rstrip().endswith(shown), out)
                 self.assertNotIn("s3cr", out)
-
-    def test_several_channels_and_a_closed_pipe(self):
-        pid = self.start()
-        rc, out = self.ctl("stop", "01", "99")
-        self.assertEqual(rc, 2, out)
-        self.assertIn("01: stopped (process %d ended" % pid, out)
-        self.assertIn("'99' is not a channel here", out)
-
-        # Output nobody reads: no traceback, and the work is done all the same.
-        self.start()
-        for args in (["status"], ["stop", "--all"]):
-            with self.subTest(args):
-                rc, err = self.ctl_into_closed_pipe(*args)
-                self.assertEqual((rc, err), (0, ""))
-        self.assertFalse(os.path.exists(self.states_file))
-        rc, out = self.ctl("stop", "--all")
-        self.assertEqual((rc, out), (0, "no channel is running\n"))
 
     def test_errors_name_the_file_and_touch_nothing(self):
         bad = {"02": "<PPD.States>\n <States>Normal", "03": "<Other><States>NormalOperating</States></Other>"}
@@ -264,9 +233,7 @@ class CtlTest(RelayCase):
         ]
         for args, status, text, note in rows:
             with self.subTest(note):
-                rc, out = self.ctl(*args)
-                self.assertEqual(rc, status, out)
-                self.assertIn(text, out)
+                self.expect(status, args, text)
         self.assertEqual(sorted(os.listdir(self.path("states"))), ["02.States", "03.States"])
 
     @unittest.skipUnless(is_real_root(), "needs root to run ostrel-ctl as a user who cannot read")

@@ -11,29 +11,17 @@ import stat
 import time
 import unittest
 
-from harness import (CONTROL_PORT, MYIP, RelayCase, is_listening, launcher_answer,
-                     setup_namespace, start_failed_answer, success_answer, wait_for)
+from harness import (ALREADY_ANSWER, CONTROL_PORT, MYIP, TEMPLATE_ANSWER, RelayCase, cgi_env,
+                     is_listening, launcher_answer, setup_namespace, start_failed_answer,
+                     success_answer, wait_for)
 
-ALREADY = launcher_answer(b"<Response>\n  <States>Err_AlreadyWorking</States>\n</Response>\n")
 TIMEOUT = start_failed_answer(b"Fork response time out")
+USAGE = (b"\t-StartUp Name : PP Start (for Debug).\n\t-StartUp_NonDeamon Name : PP Start (for Debug).\n"
+         b"\t-GetConfigTemplate\n")
 
 
 def setUpModule():
     setup_namespace()
-
-
-def cgi(method, query=None, length=None):
-    env = {"REQUEST_METHOD": method}
-    if query is not None:
-        env["QUERY_STRING"] = query
-    if length is not None:
-        env["CONTENT_LENGTH"] = str(length)
-    return env
-
-
-USAGE = (b"\t-StartUp Name : PP Start (for Debug).\n\t-StartUp_NonDeamon Name : PP Start (for Debug).\n"
-         b"\t-GetConfigTemplate\n")
-TEMPLATE = launcher_answer(b"<L2Config_Template>\n\t<Sample />\n</L2Config_Template>\n")
 
 
 def invalid(comment):
@@ -43,8 +31,8 @@ def invalid(comment):
 
 class LauncherAnswerTest(RelayCase):
     def test_answers_every_request_that_starts_nothing_exactly(self):
-        get = lambda query: cgi("GET", query)  # noqa: E731
-        post = lambda length: cgi("POST", length=length)  # noqa: E731
+        get = lambda query: cgi_env("GET", query)  # noqa: E731
+        post = lambda length: cgi_env("POST", length=length)  # noqa: E731
         rows = [
             # argv after the program name, CGI environment, stdin, stdout, stderr, note
             ([], {}, b"", USAGE, b"", "no arguments"),
@@ -53,9 +41,9 @@ class LauncherAnswerTest(RelayCase):
             (["-StartUp", "5x"], {}, b"", USAGE, b"Invalid argument\n", "digit check before the name check"),
             (["-StartUp_NonDeamon", "-0"], {}, b"", b"[-0] is illigal name.\n", b"",
              "name check after the digit check"),
-            (["-GetConfigTemplate", "1"], {}, b"", TEMPLATE, b"", "template from the command line"),
+            (["-GetConfigTemplate", "1"], {}, b"", TEMPLATE_ANSWER, b"", "template from the command line"),
             (["-Stop", "1"], {}, b"", b"[-Stop] Unkown.\n" + USAGE, b"", "unknown switch"),
-            (["x", "05"], get("Command=GetConfigTemplate"), b"", TEMPLATE, b"", "template from CGI"),
+            (["x", "05"], get("Command=GetConfigTemplate"), b"", TEMPLATE_ANSWER, b"", "template from CGI"),
             (["x", "05"], get("Command=Foo"), b"", invalid(b"Unkown Command 'Foo'"), b"", "unknown command"),
             (["x", "05"], get("Command=getconfigtemplate"), b"",
              invalid(b"Unkown Command 'getconfigtemplate'"), b"", "command value compared exactly"),
@@ -74,7 +62,7 @@ class LauncherAnswerTest(RelayCase):
             (["x", "05"], get(""), b"", invalid(b"Not found CGI Argument"), b"", "empty query"),
             (["x", "05"], get("Command=a=b"), b"", invalid(b"CGI Parameter parser error"), b"",
              "query syntax"),
-            (["x", "05"], cgi("POST"), b"", invalid(b"Not found 'Content-Length' in HTTP Header"), b"",
+            (["x", "05"], cgi_env("POST"), b"", invalid(b"Not found 'Content-Length' in HTTP Header"), b"",
              "no length"),
             (["x", "05"], post(0), b"", invalid(b"Invalid value 'Content-Length':0"), b"", "zero length"),
             (["x", "05"], post(-3), b"", invalid(b"Invalid value 'Content-Length':-3"), b"",
@@ -82,44 +70,56 @@ class LauncherAnswerTest(RelayCase):
             (["x", "05"], post(65536), b"", invalid(b"CGI parametar too large."), b"", "length limit"),
             (["x", "05"], post(65535), b"", start_failed_answer(b"HTTP Body read faild"), b"",
              "largest length, empty body"),
-            (["x", "05"], post(27), b"Command=GetConfigTemplate\r\n", TEMPLATE, b"",
+            (["x", "05"], post(27), b"Command=GetConfigTemplate\r\n", TEMPLATE_ANSWER, b"",
              "body with its line end"),
             (["x", "05"], post(11), b"Command=GetConfigTemplate", invalid(b"Unkown Command 'Get'"), b"",
              "only the announced length is read"),
-            (["x", "05"], cgi("HEAD", "Command=Foo"), b"", b"Content-type: text/plain\n\n", b"", "head"),
-            (["x", "05"], cgi("put"), b"", b"[put] Unkown Command.", b"", "unknown method"),
+            (["x", "05"], cgi_env("HEAD", "Command=Foo"), b"", b"Content-type: text/plain\n\n", b"", "head"),
+            (["x", "05"], cgi_env("put"), b"", b"[put] Unkown Command.", b"", "unknown method"),
         ]
         for args, env, stdin, out, err, note in rows:
             with self.subTest(note):
                 self.assertEqual(self.run_ostrel(*args, env=env, stdin=stdin, argv0="Ostrel"), (out, err))
                 self.assertEqual(glob.glob(self.path("*States*")), [], "nothing is started")
 
-    def test_unwritable_states_directory_is_reported_to_the_launcher(self):
-        self.write_directory_conf(self.path("none"))
-        out, _ = self.run_ostrel("-StartUp", "1")
-        self.assertEqual(out, start_failed_answer(
-            b"States file does not create. Prease check a permission '%s/'" % self.path("none").encode()))
-        self.assertEqual(self.run_ostrel("-StartUp_NonDeamon", "1")[0], b"")
-
-    def test_program_name_ending_in_slash_is_refused(self):
-        out, _ = self.run_ostrel("-StartUp", "1", argv0="/usr/bin/")
-        self.assertEqual(out, start_failed_answer(b"Illegal file name in arg[0]."))
-
-    def test_stale_states_file_blocks_a_start(self):
-        # Nobody checks whether the recorded process still lives.
-        with open(self.states_path("1"), "w") as f:
-            f.write("<PPD.States>\n <States>normaloperating</States>\n"
-                    " <ProcessId>999999</ProcessId>\n</PPD.States>\n")
-        out, _ = self.run_ostrel("-StartUp", "1")
-        self.assertEqual(out, ALREADY)
-        out, _ = self.run_ostrel("-StartUp_NonDeamon", "1")
-        self.assertEqual(out, b"1 was alredy started.\n")
-        self.assertFalse(is_listening(MYIP, CONTROL_PORT))
+    def test_starts_refused_before_the_fork(self):
+        def stale_states_file():
+            # Nobody checks whether the recorded process still lives.
+            with open(self.states_path("1"), "w") as f:
+                f.write("<PPD.States>\n <States>normaloperating</States>\n"
+                        " <ProcessId>999999</ProcessId>\n</PPD.States>\n")
+        none = self.path("none").encode()
+        rows = [
+            # set-up, program name, answer to -StartUp, to -StartUp_NonDeamon
+            (lambda: None, "/usr/bin/", start_failed_answer(b"Illegal file name in arg[0]."), None),
+            (stale_states_file, None, ALREADY_ANSWER, b"1 was alredy started.\n"),
+            (lambda: self.write_directory_conf(self.path("none")), None, start_failed_answer(
+                b"States file does not create. Prease check a permission '%s/'" % none), b""),
+        ]
+        for setup, argv0, forking, foreground in rows:
+            with self.subTest(forking):
+                setup()
+                self.assertEqual(self.run_ostrel("-StartUp", "1", argv0=argv0)[0], forking)
+                if foreground is not None:
+                    self.assertEqual(self.run_ostrel("-StartUp_NonDeamon", "1")[0], foreground)
+                self.assertFalse(is_listening(MYIP, CONTROL_PORT))
 
 
 class DaemonLifeTest(RelayCase):
+    def setUp(self):
+        super().setUp()
+        # The files' mode is set explicitly, not left to the mask (the
+        # forking start clears it, the foreground one not).
+        old_mask = os.umask(0o022)
+        self.addCleanup(os.umask, old_mask)
+
+    def assert_files_mode_0666(self):
+        for parts in (("mem", "Ostrel_01.pid"), ("log", "Ostrel_01_log0.txt"), ("tmp.1.States",)):
+            self.assertEqual(stat.S_IMODE(os.stat(self.path(*parts)).st_mode), 0o666, parts)
+
     def test_forking_start_publishes_its_state_and_stops_on_sigterm(self):
         pid = self.start_forking("1")
+        self.assert_files_mode_0666()
         states = self.read_states("1")
         self.assertEqual(states["PPD_Type"], "Ostrel")
         self.assertEqual(states["PPD_Name"], "1")
@@ -136,7 +136,7 @@ class DaemonLifeTest(RelayCase):
         self.assertTrue(is_listening(MYIP, CONTROL_PORT))
 
         # A second start of the same name is refused, by either launcher.
-        self.assertEqual(self.run_ostrel("-StartUp", "1")[0], ALREADY)
+        self.assertEqual(self.run_ostrel("-StartUp", "1")[0], ALREADY_ANSWER)
         out, _ = self.run_ostrel("-StartUp_NonDeamon", "1")
         self.assertEqual(out, b"1 was alredy started.\n")
 
@@ -148,47 +148,21 @@ class DaemonLifeTest(RelayCase):
         self.assertIn("-StartUp 1 \n", log)
         self.assertIn("] End\n", log)
 
-    def test_both_starts_write_every_file_with_mode_0666(self):
-        # Under the usual mask 022 too: the mode is set explicitly, not left
-        # to the mask (the forking start clears it, the foreground one not).
-        files = (("pid file", ("mem", "Ostrel_01.pid")), ("log", ("log", "Ostrel_01_log0.txt")),
-                 ("states file", ("tmp.1.States",)))
-        old_mask = os.umask(0o022)
-        try:
-            for how in ("forking", "foreground"):
-                for _, parts in files[:2]:
-                    if os.path.exists(self.path(*parts)):
-                        os.unlink(self.path(*parts))
-                if how == "forking":
-                    pid = self.start_forking("1")
+    def test_foreground_start_stops_on_sigint_and_when_its_states_file_is_deleted(self):
+        for how in ("SIGINT", "states file deleted"):
+            with self.subTest(how):
+                proc = self.start_foreground("1")
+                self.assertEqual(int(self.read_states("1")["ProcessId"]), proc.pid)
+                self.assert_files_mode_0666()
+                if how == "SIGINT":
+                    proc.send_signal(signal.SIGINT)
                 else:
-                    proc = self.start_foreground("1")
-                for what, parts in files:
-                    with self.subTest(start=how, file=what):
-                        self.assertEqual(stat.S_IMODE(os.stat(self.path(*parts)).st_mode), 0o666)
-                if how == "forking":
-                    self.stop_daemon(pid)
-                else:
-                    proc.send_signal(signal.SIGTERM)
-                    proc.communicate(timeout=30)
-        finally:
-            os.umask(old_mask)
-
-    def test_foreground_start_stops_when_its_states_file_is_deleted(self):
-        proc = self.start_foreground("1")
-        self.assertEqual(int(self.read_states("1")["ProcessId"]), proc.pid)
-        os.unlink(self.states_path("1"))
-        out, err = proc.communicate(timeout=30)
-        self.assertEqual(proc.returncode, 0)
+                    os.unlink(self.states_path("1"))
+                proc.communicate(timeout=30)
+                self.assertEqual(proc.returncode, 0)
+                self.assertIsNone(self.read_states("1"))
+                self.assertFalse(is_listening(MYIP, CONTROL_PORT))
         self.assertIn("States file deleted\n", self.log_text())
-        self.assertFalse(is_listening(MYIP, CONTROL_PORT))
-
-    def test_foreground_start_stops_on_sigint(self):
-        proc = self.start_foreground("1")
-        proc.send_signal(signal.SIGINT)
-        proc.communicate(timeout=30)
-        self.assertEqual(proc.returncode, 0)
-        self.assertIsNone(self.read_states("1"))
 
     def test_cgi_start_clamps_the_thread_count_and_uses_the_states_directory(self):
         os.makedirs(self.path("states"))
@@ -201,9 +175,9 @@ class DaemonLifeTest(RelayCase):
                 os.unlink(pid_file)
             query = "Command=StartUp&Name=01&NumOfControlPortThread=%d" % count
             if method == "GET":
-                out, _ = self.run_ostrel("cgi", "01", env=cgi("GET", query))
+                out, _ = self.run_ostrel("cgi", "01", env=cgi_env("GET", query))
             else:
-                out, _ = self.run_ostrel("cgi", "01", env=cgi("POST", length=len(query)),
+                out, _ = self.run_ostrel("cgi", "01", env=cgi_env("POST", length=len(query)),
                                          stdin=query.encode())
             self.assertEqual(out, success_answer(CONTROL_PORT))
             pid = int(self.wait_states("NormalOperating", path=states_file)["ProcessId"])
@@ -220,31 +194,32 @@ class DaemonLifeTest(RelayCase):
         self.assertEqual(tasks[50] - tasks[0], 9, tasks)
 
     def test_a_failed_daemon_start_is_told_in_the_states_file(self):
+        start = ["-StartUp", "1"]
         rows = [
-            # how to break the start, argv, ErrorExit comment
-            ("another data type", lambda: self.write_config(translator_tarndatatype="Other"),
-             ["-StartUp", "1"], "For translator_tarndatatype matching failed"),
-            ("no camera address", lambda: self.write_config(drop=("encoder_ip",)),
-             ["-StartUp", "1"], "For failed at config file reading"),
-            ("post-term out of range", lambda: self.write_config(translator_calarm_rec_postterm="0"),
-             ["-StartUp", "1"], "For failed at config file reading"),
-            ("control port in use", self.occupy_control_port, ["-StartUp", "1"],
-             "Control Listen Port , can not open."),
+            # configuration, launcher's argv and environment, start name, ErrorExit comment
+            ({"translator_tarndatatype": "Other"}, start, {}, "1",
+             "For translator_tarndatatype matching failed"),
+            ({"drop": ("encoder_ip",)}, start, {}, "1", "For failed at config file reading"),
+            ({"translator_calarm_rec_postterm": "0"}, start, {}, "1", "For failed at config file reading"),
+            ({}, start, {}, "1", "Control Listen Port , can not open."),  # the port is taken
+            ({"channel": 100}, ["cgi", "01"], cgi_env("GET", "Command=StartUp&Name=100"), "100",
+             "For invalid argument"),
         ]
-        for note, breaker, args, comment in rows:
-            with self.subTest(note):
-                self.write_config()
-                breaker()
-                self.assert_time_out_answer(*args)
-                states = self.wait_states("ErrorExit", "1")
-                self.assertEqual(states["Comment"], comment)
-                self.release_control_port()
-                os.unlink(self.states_path("1"))
-
-    def test_three_digit_cgi_name_fails_after_the_fork(self):
-        self.write_config(channel=100)
-        self.assert_time_out_answer("cgi", "01", env=cgi("GET", "Command=StartUp&Name=100"))
-        self.assertEqual(self.wait_states("ErrorExit", "100")["Comment"], "For invalid argument")
+        for config, argv, env, name, comment in rows:
+            with self.subTest(comment, name=name), socket.socket() as blocker:
+                self.write_config(**config)
+                if not config:
+                    blocker.bind((MYIP, CONTROL_PORT))
+                    blocker.listen(1)
+                # The daemon failed after the fork and sent nothing: the
+                # launcher learns it only after its whole 2-second wait,
+                # however soon the daemon ended (the upper bound leaves
+                # room for a loaded machine).
+                t0 = time.monotonic()
+                self.assertEqual(self.run_ostrel(*argv, env=env)[0], TIMEOUT)
+                self.assertTrue(1.8 <= time.monotonic() - t0 < 8.0, time.monotonic() - t0)
+                self.assertEqual(self.wait_states("ErrorExit", name)["Comment"], comment)
+                os.unlink(self.states_path(name))
 
     def test_without_mem_directory_the_daemon_answers_then_stops(self):
         os.rmdir(self.path("mem"))
@@ -253,27 +228,6 @@ class DaemonLifeTest(RelayCase):
         wait_for(lambda: not os.path.exists(self.states_path("1")), "the states file to go")
         wait_for(lambda: not is_listening(MYIP, CONTROL_PORT), "the control port to close")
         self.assertIn("[Server_Construct] writePid", self.log_text())
-
-    def assert_time_out_answer(self, *args, **kwargs):
-        # The daemon failed after the fork and sent nothing: the launcher
-        # learns it only after its whole 2-second wait, however soon the
-        # daemon ended (the upper bound leaves room for a loaded machine).
-        start = time.monotonic()
-        out, _ = self.run_ostrel(*args, **kwargs)
-        took = time.monotonic() - start
-        self.assertEqual(out, TIMEOUT)
-        self.assertGreaterEqual(took, 1.8)
-        self.assertLess(took, 8.0)
-
-    def occupy_control_port(self):
-        self.blocker = socket.socket()
-        self.blocker.bind((MYIP, CONTROL_PORT))
-        self.blocker.listen(1)
-
-    def release_control_port(self):
-        if getattr(self, "blocker", None):
-            self.blocker.close()
-            self.blocker = None
 
 
 if __name__ == "__main__":

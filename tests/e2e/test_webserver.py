@@ -9,20 +9,16 @@ import os
 import pwd
 import shutil
 import signal
-import socket
 import subprocess
 import sys
 import unittest
 
-from harness import (BIN, CONFIG_KEYS, MYIP, SOURCE_DIR, RelayCase, is_listening, is_real_root,
-                     launcher_answer, success_answer, wait_for)
+from harness import (ALREADY_ANSWER, BIN, CONFIG_KEYS, MYIP, SOURCE_DIR, TEMPLATE_ANSWER, RelayCase, http,
+                     is_listening, is_real_root, success_answer, wait_for)
 
 LIGHTTPD = shutil.which("lighttpd", path="/usr/sbin:/usr/bin:/sbin")
 WEB_PORT = 8090
-URL = "/ostrel/ostrel.cgi"
 START = "Command=StartUp&Name=01&NumOfControlPortThread=2"
-TEMPLATE = launcher_answer(b"<L2Config_Template>\n\t<Sample />\n</L2Config_Template>\n")
-ALREADY = launcher_answer(b"<Response>\n  <States>Err_AlreadyWorking</States>\n</Response>\n")
 
 
 def setUpModule():
@@ -32,34 +28,15 @@ def setUpModule():
         raise unittest.SkipTest("lighttpd is not installed (scripts/setup.sh installs it)")
 
 
-def http(method, query="", body=b""):
-    """One HTTP/1.0 request to the web server, read until it closes the
-    connection: (status line, header lines, body). A web server held open
-    by a descriptor the daemon inherited never closes, and this fails."""
-    target = URL + ("?" + query if query else "")
-    raw = ("%s %s HTTP/1.0\r\nHost: %s\r\n" % (method, target, MYIP)).encode()
-    if body:
-        raw += b"Content-Type: application/x-www-form-urlencoded\r\n"
-        raw += b"Content-Length: %d\r\n" % len(body)
-    raw += b"\r\n" + body
-    with socket.create_connection((MYIP, WEB_PORT), timeout=30) as sock:
-        sock.sendall(raw)
-        chunks = []
-        while True:
-            data = sock.recv(65536)
-            if not data:
-                break
-            chunks.append(data)
-    head, _, rest = b"".join(chunks).partition(b"\r\n\r\n")
-    lines = head.decode("latin-1").split("\r\n")
-    headers = {}
-    for line in lines[1:]:
-        name, _, value = line.partition(":")
-        headers[name.strip().lower()] = value.strip()
-    return lines[0], headers, rest
+def cgi(method, query="", body=b""):
+    """One request for the CGI entry, read until the web server closes the
+    connection (a web server held open by a descriptor the daemon inherited
+    never closes, and this fails): (status, headers, body)."""
+    return http(MYIP, WEB_PORT, "/ostrel/ostrel.cgi" + ("?" + query if query else ""), method, body,
+                timeout=30)
 
 
-def cgi_body(answer):
+def document(answer):
     """The document of a launcher answer (what follows its blank line)."""
     return answer.split(b"\n\n", 1)[1]
 
@@ -83,6 +60,7 @@ class LighttpdTest(RelayCase):
             shutil.copy(src, os.path.join(libdir, name))
             os.chmod(os.path.join(libdir, name), 0o755)
         self.site = self.path("site")
+        self.states_file = os.path.join(self.site, "states", "01.States")
         subprocess.run([sys.executable, os.path.join(SOURCE_DIR, "deploy", "bin", "ostrel-ctl"), "init",
                         "--user", "www-data", self.site], check=True, stdout=subprocess.DEVNULL)
         config = os.path.join(self.site, "conf", "Config.txt")
@@ -134,7 +112,7 @@ class LighttpdTest(RelayCase):
             return ""
 
     def states(self):
-        return self.read_states(path=os.path.join(self.site, "states", "01.States"))
+        return self.read_states(path=self.states_file)
 
     def as_nobody(self, command):
         """Runs a shell command as the user nobody; its exit status."""
@@ -143,27 +121,26 @@ class LighttpdTest(RelayCase):
                               stderr=subprocess.DEVNULL).returncode
 
     def test_web_server_starts_a_channel_that_outlives_it(self):
-        # HEAD answers with the one header line and starts nothing.
-        status, headers, body = http("HEAD", START)
-        self.assertEqual(status, "HTTP/1.0 200 OK", self.web_log())
-        self.assertEqual(headers.get("content-type"), "text/plain")
-        self.assertEqual(body, b"")
-        self.assertIsNone(self.states())
-
-        status, headers, body = http("GET", "Command=GetConfigTemplate")
-        self.assertEqual(status, "HTTP/1.0 200 OK", self.web_log())
-        self.assertEqual(headers.get("content-length"), "53")
-        self.assertEqual(body, cgi_body(TEMPLATE))
-
-        # The start: the whole answer arrives and the connection closes
-        # while the daemon runs on.
-        status, headers, body = http("GET", START)
-        self.assertEqual(status, "HTTP/1.0 200 OK", self.web_log())
-        self.assertEqual(headers.get("content-length"), "70")
-        self.assertEqual(headers.get("content-type"), "text/plain")
-        self.assertEqual(body, cgi_body(success_answer(8080)))
-        states = self.wait_states("NormalOperating", path=os.path.join(self.site, "states",
-                                                                        "01.States"))
+        rows = [
+            # method, query, body, answer's document, Content-Length; the
+            # start itself: the whole answer arrives and the connection
+            # closes while the daemon runs on
+            ("HEAD", START, b"", b"", None),  # the one header line, nothing started
+            ("GET", "Command=GetConfigTemplate", b"", document(TEMPLATE_ANSWER), "53"),
+            ("GET", START, b"", document(success_answer(8080)), "70"),
+            ("POST", "", START.encode(), document(ALREADY_ANSWER), None),  # refused while it runs
+        ]
+        for method, query, body, doc, length in rows:
+            with self.subTest(method=method, query=query):
+                status, headers, got = cgi(method, query, body)
+                self.assertEqual((status, headers.get("content-type"), got), (200, "text/plain", doc),
+                                 self.web_log())
+                if length:
+                    self.assertEqual(headers.get("content-length"), length)
+                if method == "HEAD":
+                    self.assertIsNone(self.states())
+                elif query == START:
+                    states = self.wait_states("NormalOperating", path=self.states_file)
         pid = int(states["ProcessId"])
         self.daemon_pids.append(pid)
         self.assertEqual(states["Port"], "8080")
@@ -176,22 +153,14 @@ class LighttpdTest(RelayCase):
                 pass  # closed meanwhile: the daemon opens its log file for each line
         self.assertFalse([f for f in fds if f.startswith("pipe:")],
                          "the daemon holds none of the web server's pipes: %s" % fds)
-        self.assertTrue(os.path.exists(os.path.join(self.site, "log", "Ostrel_01_log0.txt")),
-                        "the CGI entry names the channel's log")
-
-        # POST with the same parameters: refused while the channel runs.
-        status, headers, body = http("POST", body=START.encode())
-        self.assertEqual(status, "HTTP/1.0 200 OK")
-        self.assertEqual(body, cgi_body(ALREADY))
+        log = os.path.join(self.site, "log", "Ostrel_01_log0.txt")
+        self.assertTrue(os.path.exists(log), "the CGI entry names the channel's log")
 
         # Other users reach none of the channel's files.
-        log = os.path.join(self.site, "log", "Ostrel_01_log0.txt")
-        states_file = os.path.join(self.site, "states", "01.States")
         self.assertEqual(self.as_nobody("cat /dev/null"), 0)
-        self.assertNotEqual(self.as_nobody("cat '%s'" % log), 0)
-        self.assertNotEqual(self.as_nobody(": >> '%s'" % states_file), 0)
-        self.assertNotEqual(self.as_nobody("rm -f '%s'" % states_file), 0)
-        self.assertTrue(os.path.exists(states_file))
+        for command in ("cat '%s'" % log, ": >> '%s'" % self.states_file, "rm -f '%s'" % self.states_file):
+            self.assertNotEqual(self.as_nobody(command), 0, command)
+        self.assertTrue(os.path.exists(self.states_file))
 
         # The web server's stop leaves the channel running, as www-data.
         self.lighttpd.send_signal(signal.SIGTERM)
@@ -207,7 +176,7 @@ class LighttpdTest(RelayCase):
                 self.assertNotIn("Signal:SIGTERM", f.read(), log)
 
         # Deleting the states file stops it.
-        os.unlink(os.path.join(self.site, "states", "01.States"))
+        os.unlink(self.states_file)
         self.wait_gone(pid)
         self.assertFalse(is_listening(MYIP, 8080))
 

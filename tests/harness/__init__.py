@@ -16,14 +16,14 @@ generous deadline; nothing sleeps to let something happen.
     case    RelayCase, the unittest fixture
 """
 
-from .paths import BIN, CAMSIM, SCHEDSIM, SIM_DIR, SOURCE_DIR, VIEWER  # noqa: F401
-from .wait import (START_LIMIT, STOP_LIMIT, TCP_ESTABLISHED, TCP_LISTEN, alive,  # noqa: F401
-                   established_to, is_listening, wait_for, wait_gone)
-from .wire import (CAMERA_PORT, CONTROL_PORT, FOREIGN_IP, HEAD_RE, MYIP, OPTION_RE,  # noqa: F401
-                   OTHER_CAMERA_IP, SCHED_PORT, Answer, check_head, connect, exchange, get_image,
-                   is_real_root, local_epoch_ms, login, logout, parse_answers, read_until_close,
-                   redirect_camera, request, trcom)
-from .files import (CONFIG_KEYS, launcher_answer, make_pictures, read_records,  # noqa: F401
-                    split_stamp, start_failed_answer, success_answer)
+from .paths import BIN, CAMSIM, SCHEDSIM, SOURCE_DIR, VIEWER  # noqa: F401
+from .wait import alive, established_to, is_listening, run_parallel, wait_for, wait_gone  # noqa: F401
+from .wire import (CAMERA_PORT, CONTROL_PORT, FOREIGN_IP, MYIP, OPTION_RE, OTHER_CAMERA_IP,  # noqa: F401
+                   Answer, check_head, connect, exchange, get_image, http, is_real_root, local_epoch_ms,
+                   login, logout, parse_answers, pull, read_until_close, redirect_camera, request, trcom,
+                   trcom_command)
+from .files import (ALREADY_ANSWER, CONFIG_KEYS, TEMPLATE_ANSWER, cgi_env, complete_states,  # noqa: F401
+                    launcher_answer, make_pictures, read_records, split_stamp, start_failed_answer,
+                    success_answer)
 from .procs import Processes  # noqa: F401
 from .case import RelayCase, setup_namespace  # noqa: F401

@@ -1,5 +1,6 @@
 """RelayCase: the unittest fixture of the end-to-end and reliability tests."""
 
+import contextlib
 import os
 import shutil
 import signal
@@ -9,7 +10,8 @@ import unittest
 
 from . import files, paths, procs
 from .wait import START_LIMIT, STOP_LIMIT, wait_for, wait_gone
-from .wire import CAMERA_PORT, CONTROL_PORT, MYIP, OTHER_CAMERA_IP, FOREIGN_IP, add_addresses, redirect_camera
+from .wire import (CAMERA_PORT, CONTROL_PORT, MYIP, OTHER_CAMERA_IP, FOREIGN_IP, add_addresses, login,
+                   redirect_camera)
 
 
 def setup_namespace():
@@ -98,8 +100,8 @@ class RelayCase(unittest.TestCase):
                                              pictures=pictures, sizes=sizes, name=name)
         return pics, record
 
-    def start_schedsim(self, *args):
-        record = self.path("sched.rec")
+    def start_schedsim(self, *args, name="sched"):
+        record = self.path(name + ".rec")
         procs.start_schedsim(self.procs, *args, record=record, work=self.work)
         return record
 
@@ -129,13 +131,41 @@ class RelayCase(unittest.TestCase):
         return wait_for(lambda: files.complete_states(path or self.states_path(name), state),
                         "states %s" % state, limit)
 
-    def start_forking(self, name="1"):
+    def start_forking(self, name="1", env=None):
         """-StartUp: checks the launcher answer, returns the daemon's pid."""
-        out, err = self.run_ostrel("-StartUp", name)
+        out, err = self.run_ostrel("-StartUp", name, env=env)
         self.assertEqual(out, files.success_answer(CONTROL_PORT), err)
         # The states file names the port before the threads exist; the pid
         # file is written once they run.
         return procs.adopt_forked(self.procs, self.work, self.states_path(name), name)
+
+    def start_channel(self, *cam_args, fps="30", **cam_kw):
+        """The simulated camera, a forking daemon and a viewer logged in:
+        (pid, the camera's pictures, its request record)."""
+        pictures, record = self.start_camsim("--fps", fps, *cam_args, **cam_kw)
+        pid = self.start_forking("1")
+        login()
+        return pid, pictures, record
+
+    @contextlib.contextmanager
+    def row(self, msg=None, **params):
+        """One row of a table test: a subTest after which whatever the row
+        started is stopped, so that the next row finds the ports free."""
+        with self.subTest(msg, **params):
+            try:
+                yield
+            finally:
+                self.procs.stop_all()
+
+    def stop_daemons(self):
+        """Stops every daemon the test started (between the rows of a
+        table, so that the next row finds the ports free)."""
+        while self.daemon_pids:
+            try:
+                self.stop_daemon(self.daemon_pids[0])
+            except ProcessLookupError:
+                pass  # it ended by itself: the test has said so already
+            self.daemon_pids.pop(0)
 
     def wait_pid_file(self, pid, channel):
         procs.wait_pid_file(self.work, pid, channel)

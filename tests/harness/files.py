@@ -111,6 +111,20 @@ def launcher_answer(body):
     return b"Content-Length: %d\nContent-type: text/plain\n\n%s" % (len(body), body)
 
 
+ALREADY_ANSWER = launcher_answer(b"<Response>\n  <States>Err_AlreadyWorking</States>\n</Response>\n")
+TEMPLATE_ANSWER = launcher_answer(b"<L2Config_Template>\n\t<Sample />\n</L2Config_Template>\n")
+
+
+def cgi_env(method, query=None, length=None):
+    """The environment a web server gives the program as a CGI."""
+    env = {"REQUEST_METHOD": method}
+    if query is not None:
+        env["QUERY_STRING"] = query
+    if length is not None:
+        env["CONTENT_LENGTH"] = str(length)
+    return env
+
+
 def success_answer(port):
     return launcher_answer(b"<Response>\n  <States>Success</States>\n  <Port>%d</Port>\n</Response>\n"
                            % port)

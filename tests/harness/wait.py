@@ -2,6 +2,7 @@
 deadline; nothing here sleeps to let something happen."""
 
 import socket
+import threading
 import time
 
 # Generous limits: the suites also run under sanitizers on a busy 2-core box.
@@ -20,6 +21,27 @@ def wait_for(predicate, what, limit=START_LIMIT, interval=0.02):
         if time.monotonic() > deadline:
             raise AssertionError("gave up after %.0f s waiting for %s" % (limit, what))
         time.sleep(interval)
+
+
+def run_parallel(n, fn):
+    """Runs fn(i) on n threads, all released together by a barrier; the
+    first exception of any thread is raised here."""
+    barrier = threading.Barrier(n)
+    errors = []
+
+    def body(i):
+        try:
+            barrier.wait(30)
+            fn(i)
+        except BaseException as exc:  # noqa: BLE001 - reported to the caller
+            errors.append(exc)
+    threads = [threading.Thread(target=body, args=(i,)) for i in range(n)]
+    for t in threads:
+        t.start()
+    for t in threads:
+        t.join()
+    if errors:
+        raise errors[0]
 
 
 def alive(pid):

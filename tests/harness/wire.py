@@ -16,6 +16,7 @@ import subprocess
 import time
 
 from . import paths
+from .wait import wait_for
 
 MYIP = "192.0.2.1"        # eth0: the channel's own address (myip)
 OTHER_CAMERA_IP = "192.0.2.2"  # a second camera for address changes
@@ -52,12 +53,16 @@ def is_real_root():
 _source_ports = itertools.count()
 
 
-def connect(src=MYIP, dst=(MYIP, CONTROL_PORT), timeout=10.0):
+def connect(src=MYIP, dst=(MYIP, CONTROL_PORT), timeout=10.0, rcvbuf=None):
     """A connection to the control port from src, on a source port outside
-    the range that the camera redirect rewrites."""
+    the range that the camera redirect rewrites. rcvbuf: a small receive
+    window, so that a big picture is still being sent when the client stops
+    reading or goes away."""
     for _ in range(50):
         sock = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
         sock.settimeout(timeout)
+        if rcvbuf:
+            sock.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, rcvbuf)
         port = 30000 + next(_source_ports) % 30000
         try:
             sock.bind((src, port))
@@ -73,9 +78,9 @@ def connect(src=MYIP, dst=(MYIP, CONTROL_PORT), timeout=10.0):
     raise AssertionError("no free source port on %s" % src)
 
 
-def exchange(raw, src=MYIP, timeout=10.0):
+def exchange(raw, src=MYIP, timeout=10.0, dst=(MYIP, CONTROL_PORT)):
     """Sends raw request bytes and reads until the daemon closes."""
-    sock = connect(src, timeout=timeout)
+    sock = connect(src, dst, timeout=timeout)
     try:
         if raw:
             sock.sendall(raw)
@@ -138,9 +143,9 @@ def parse_answers(data, head_only=False):
     return answers
 
 
-def request(target, method="GET", version="1.0", src=MYIP, extra=b"", body=b""):
+def request(target, method="GET", version="1.0", src=MYIP, extra=b"", body=b"", dst=(MYIP, CONTROL_PORT)):
     raw = ("%s %s HTTP/%s\r\n" % (method, target, version)).encode() + extra + b"\r\n" + body
-    data = exchange(raw, src)
+    data = exchange(raw, src, dst=dst)
     answers = parse_answers(data, head_only=(method == "HEAD"))
     if len(answers) != 1:
         raise AssertionError("expected one answer, got %r" % answers)
@@ -148,11 +153,19 @@ def request(target, method="GET", version="1.0", src=MYIP, extra=b"", body=b""):
 
 
 def login():
-    return request("/ptippreimg.cgi?img_login=1")
+    """The viewer's login, which must succeed; its answer."""
+    a = request("/ptippreimg.cgi?img_login=1")
+    if a.body != b"LOGIN_SUCCESS:1:\r\n":
+        raise AssertionError("img_login answered %r" % a)
+    return a
 
 
 def logout():
-    return request("/ptippreimg.cgi?img_logout=1&img_user_id=1")
+    """The viewer's logout, which must succeed; its answer."""
+    a = request("/ptippreimg.cgi?img_logout=1&img_user_id=1")
+    if a.body != b"LOGOUT_SUCCESS:1:IMAGE\r\n":
+        raise AssertionError("img_logout answered %r" % a)
+    return a
 
 
 def get_image(method="GET"):
@@ -161,6 +174,49 @@ def get_image(method="GET"):
 
 def trcom(query, src=MYIP):
     return request("/trcom.cgi?" + query, src=src)
+
+
+def trcom_command(command, src=MYIP):
+    return trcom("p_name=TrCommunicate&p_version=1&command=" + command, src=src)
+
+
+def pull(count=1, limit=40.0, until=None, rising=True):
+    """Polls get_image as a viewer does until count pictures came (or
+    until(pictures) holds): a list of (seq, picture without the camera
+    simulator's stamp, answer). ERROR_TRANSLATOR_RECEIVE: is "not yet";
+    any other text fails, and so does a sequence number that does not rise
+    when rising."""
+    from .files import split_stamp  # files builds on this module
+    got = []
+
+    def more():
+        a = get_image()
+        if a.header("Content-Type") == "image/jpeg":
+            seq, _, picture = split_stamp(a.body)
+            if rising and got and seq <= got[-1][0]:
+                raise AssertionError("picture %d after %d" % (seq, got[-1][0]))
+            got.append((seq, picture, a))
+        elif a.body != b"ERROR_TRANSLATOR_RECEIVE:":
+            raise AssertionError("get_image answered %r" % a.body[:200])
+        return until(got) if until else len(got) >= count
+    wait_for(more, "pictures (%d came)" % len(got), limit, interval=0)
+    return got
+
+
+def http(addr, port, target, method="GET", body=b"", src=None, version="1.0", timeout=20.0):
+    """One request to a web server, read until it closes the connection:
+    (status code, headers with lower-case names, body)."""
+    raw = ("%s %s HTTP/%s\r\nHost: %s\r\n" % (method, target, version, addr)).encode()
+    if body:
+        raw += b"Content-Type: application/x-www-form-urlencoded\r\nContent-Length: %d\r\n" % len(body)
+    with socket.create_connection((addr, port), timeout=timeout,
+                                  source_address=(src, 0) if src else None) as sock:
+        sock.sendall(raw + b"\r\n" + body)
+        data = read_until_close(sock, timeout)
+    head, _, rest = data.partition(b"\r\n\r\n")
+    lines = head.decode("latin-1").split("\r\n")
+    headers = dict((n.strip().lower(), v.strip()) for n, _, v in (l.partition(":") for l in lines[1:]))
+    return int(lines[0].split()[1]), headers, rest
 
 
 HEAD_RE = re.compile(

@@ -17,6 +17,8 @@ the end-to-end tests. Adds what a long unattended run cares about:
 Every run is bounded: each wait has a deadline and each load a count.
 """
 
+import collections
+import itertools
 import json
 import os
 import re
@@ -29,7 +31,7 @@ import time
 import xml.etree.ElementTree as ET
 
 import harness
-from harness import MYIP, CONTROL_PORT, CAMERA_PORT, FOREIGN_IP, alive, wait_for  # noqa: F401
+from harness import MYIP, CONTROL_PORT, CAMERA_PORT, FOREIGN_IP, alive, run_parallel, wait_for  # noqa: F401
 
 RESULTS = os.environ.get("OSTREL_RELIABILITY_RESULTS", "")
 # Where a test's sanitizer reports are copied for the run's caller to list
@@ -43,6 +45,10 @@ VIEWER = harness.VIEWER
 # freed pages resident. Anything beyond this is a leak over a long run.
 FD_SLACK = 2
 RSS_SLACK_KB = 16 * 1024
+LOG_LIMIT = 1048576  # a log generation's size limit
+LOG_LINE_RE = re.compile(r"^\[\d{4}/\d\d/\d\d \d\d:\d\d:\d\d\]")
+LOG_STAMP_INSIDE_RE = re.compile(r".\[\d{4}/\d\d/\d\d \d\d:\d\d:\d\d\]")
+IMAGE_REQUEST = b"GET /ptippreimg.cgi?get_image=1&img_user_id=1 HTTP/1.0\r\n\r\n"
 
 
 def _sanitized(path):
@@ -58,15 +64,6 @@ def _sanitized(path):
 
 
 SANITIZED = _sanitized(harness.BIN) if harness.BIN else False
-
-
-
-
-LOG_LINE_RE = re.compile(r"^\[\d{4}/\d\d/\d\d \d\d:\d\d:\d\d\]")
-LOG_STAMP_INSIDE_RE = re.compile(r".\[\d{4}/\d\d/\d\d \d\d:\d\d:\d\d\]")
-
-
-LOG_LIMIT = 1048576  # a log generation's size limit
 
 
 def prefill_log(path, size):
@@ -90,26 +87,22 @@ class FakeClock:
     The preload is inherited through the daemon's forks."""
 
     LIB = "/usr/lib/x86_64-linux-gnu/faketime/libfaketime.so.1"
-
     _why_not = ()
 
     @classmethod
     def why_not(cls):
         """None when the clock can be stepped, else the reason (asked once:
         the daemon is run with the preload and must work)."""
-        if cls._why_not == ():
-            cls._why_not = cls._probe()
-        return cls._why_not
-
-    @classmethod
-    def _probe(cls):
+        if cls._why_not != ():
+            return cls._why_not
+        cls._why_not = None
         if not os.path.exists(cls.LIB):
-            return "libfaketime is not installed (scripts/setup.sh installs it): wall-clock steps left out"
-        env = dict(os.environ, LD_PRELOAD=cls.LIB, FAKETIME="+0", FAKETIME_DONT_FAKE_MONOTONIC="1")
-        if SANITIZED:
-            env["ASAN_OPTIONS"] = env.get("ASAN_OPTIONS", "") + ":verify_asan_link_order=0:log_path=stderr"
+            cls._why_not = "libfaketime is not installed (scripts/setup.sh installs it): wall-clock steps left out"
+            return cls._why_not
         scratch = tempfile.mkdtemp(prefix="ostrel-faketime-")
         try:
+            env = dict(os.environ, FAKETIME="+0", **cls.env())
+            env["ASAN_OPTIONS"] = env.get("ASAN_OPTIONS", "") + ":log_path=stderr"
             p = subprocess.run([harness.BIN, "-GetConfigTemplate"], env=env, capture_output=True, timeout=60,
                                cwd=scratch)
         finally:
@@ -118,45 +111,32 @@ class FakeClock:
             # Only sanitizer builds have a runtime that may refuse it.
             if not SANITIZED:
                 raise AssertionError("the daemon does not run with libfaketime: %r" % p.stderr[:500])
-            return ("wall-clock steps left out: this sanitizer build does not run with libfaketime "
-                    "preloaded (%s)" % p.stderr.decode("latin-1").strip().splitlines()[:1])
-        return None
-
-    @classmethod
-    def usable(cls):
-        return cls.why_not() is None
+            cls._why_not = ("wall-clock steps left out: this sanitizer build does not run with libfaketime "
+                            "preloaded (%s)" % p.stderr.decode("latin-1").strip().splitlines()[:1])
+        return cls._why_not
 
     def __init__(self, case):
-        self.case = case
         self.path = case.path("faketime.offset")
         self.set(0)
 
     def set(self, seconds):
         """Moves the daemon's wall clock to the machine's plus seconds.
         Written whole and renamed: libfaketime never reads half a file."""
-        tmp = self.path + ".tmp"
-        with open(tmp, "w") as f:
+        with open(self.path + ".tmp", "w") as f:
             f.write("%+d\n" % seconds)
-        os.rename(tmp, self.path)
+        os.rename(self.path + ".tmp", self.path)
 
-    def env(self):
-        env = {"LD_PRELOAD": self.LIB, "FAKETIME_DONT_FAKE_MONOTONIC": "1",
-               "FAKETIME_TIMESTAMP_FILE": self.path, "FAKETIME_NO_CACHE": "1"}
+    def env(self=None):
+        """The daemon's environment for the clock (without an offset file
+        when called on the class)."""
+        env = {"LD_PRELOAD": FakeClock.LIB, "FAKETIME_DONT_FAKE_MONOTONIC": "1"}
+        if self is not None:
+            env.update(FAKETIME_TIMESTAMP_FILE=self.path, FAKETIME_NO_CACHE="1")
         if SANITIZED:
             # AddressSanitizer wants its runtime first among the libraries;
             # libfaketime only wraps time calls, which it does not need.
             env["ASAN_OPTIONS"] = os.environ.get("ASAN_OPTIONS", "") + ":verify_asan_link_order=0"
         return env
-
-    def start_forking(self, name="1"):
-        """-StartUp with the faked clock; returns the daemon's pid."""
-        case = self.case
-        out, err = case.run_ostrel("-StartUp", name, env=self.env())
-        case.assertEqual(out, harness.success_answer(CONTROL_PORT), err)
-        pid = int(case.wait_states("NormalOperating", name)["ProcessId"])
-        case.daemon_pids.append(pid)
-        case.wait_pid_file(pid, int(name))
-        return pid
 
 
 def fd_count(pid):
@@ -182,45 +162,24 @@ def record(what, count, outcome, before=None, after=None, note=""):
             f.write(json.dumps(row) + "\n")
 
 
-class Tally:
-    """Thread-safe counter of outcomes by name."""
+class Tally(collections.Counter):
+    """Outcomes by name, counted from several threads."""
 
     def __init__(self):
-        self._lock = threading.Lock()
-        self.counts = {}
+        super().__init__()
+        self.lock = threading.Lock()
 
     def add(self, key, n=1):
-        with self._lock:
-            self.counts[key] = self.counts.get(key, 0) + n
+        with self.lock:
+            self[key] += n
 
     def total(self):
-        with self._lock:
-            return sum(self.counts.values())
+        with self.lock:
+            return sum(self.values())
 
     def text(self):
-        with self._lock:
-            return ", ".join("%s %d" % (k, v) for k, v in sorted(self.counts.items()))
-
-
-def run_parallel(n, fn):
-    """Runs fn(i) on n threads, all released together by a barrier; the
-    first exception of any thread is raised here."""
-    barrier = threading.Barrier(n)
-    errors = []
-
-    def body(i):
-        try:
-            barrier.wait(30)
-            fn(i)
-        except BaseException as exc:  # noqa: BLE001 - reported to the caller
-            errors.append(exc)
-    threads = [threading.Thread(target=body, args=(i,)) for i in range(n)]
-    for t in threads:
-        t.start()
-    for t in threads:
-        t.join()
-    if errors:
-        raise errors[0]
+        with self.lock:
+            return ", ".join("%s %d" % kv for kv in sorted(self.items()))
 
 
 def status_of(data):
@@ -232,6 +191,64 @@ def status_of(data):
     if not m:
         raise AssertionError("not an HTTP answer: %r" % data[:200])
     return int(m.group(1))
+
+
+def raw_exchange(raw, timeout=40.0, shut_write=False):
+    """Sends raw bytes, reads to the close; returns the bytes read (b"" when
+    the daemon closed or reset without answering)."""
+    with harness.connect(timeout=timeout) as sock:
+        try:
+            sock.sendall(raw)
+            if shut_write:
+                sock.shutdown(socket.SHUT_WR)
+        except (BrokenPipeError, ConnectionResetError):
+            pass  # the daemon may answer and close before all is sent
+        chunks = []
+        while True:
+            try:
+                data = sock.recv(65536)
+            except ConnectionResetError:
+                break
+            if not data:
+                return b"".join(chunks)
+            chunks.append(data)
+        return b"".join(chunks)
+
+
+def trickle(head, pieces, every=0.5, limit=60.0, at=None):
+    """Sends head, then the pieces one every `every` s until the daemon
+    answers or closes: (bytes read, seconds taken; None for the bytes when
+    the pieces ran out first). at=(seconds, fn) calls fn once that far in."""
+    with harness.connect(timeout=limit) as sock:
+        t0 = time.monotonic()
+        sock.sendall(head)
+        sock.settimeout(every)
+        data = b""
+        for piece in pieces:
+            if time.monotonic() - t0 > limit:
+                break
+            if at and time.monotonic() - t0 > at[0]:
+                at[1]()
+                at = None
+            try:
+                sock.send(piece)
+                chunk = sock.recv(65536)
+            except socket.timeout:
+                continue
+            except OSError:
+                return data, time.monotonic() - t0
+            if not chunk:
+                return data, time.monotonic() - t0
+            data += chunk
+        return None, time.monotonic() - t0
+
+
+def trickle_body(length=1000, every=0.5, limit=60.0, at=None):
+    """A POST whose body comes a byte every `every` s: (bytes read when
+    the daemon answered or closed, seconds taken)."""
+    data, took = trickle(b"POST /trcom.cgi HTTP/1.0\r\nContent-Length: %d\r\n\r\n" % length,
+                         itertools.repeat(b"a"), every, limit, at)
+    return data or b"", took
 
 
 class ReliabilityCase(harness.RelayCase):
@@ -254,44 +271,17 @@ class ReliabilityCase(harness.RelayCase):
     def start_streaming(self, *cam_args, sizes=None, pictures=8):
         """Camera simulator plus a forking daemon with a viewer logged in and
         the first picture relayed; returns the daemon's pid."""
-        self.start_camsim("--fps", "50", *cam_args, pictures=pictures, sizes=sizes)
-        pid = self.start_forking("1")
-        self.assertEqual(harness.login().body, b"LOGIN_SUCCESS:1:\r\n")
+        pid = self.start_channel(*cam_args, fps="50", pictures=pictures, sizes=sizes)[0]
         self.wait_picture()
         return pid
 
     def wait_picture(self, limit=60.0):
-        """Pulls until a whole picture comes (the viewer's polling)."""
-        def one():
-            a = harness.get_image()
-            if a.header("Content-Type") == "image/jpeg":
-                harness.split_stamp(a.body)
-                return a
-            self.assertEqual(a.body, b"ERROR_TRANSLATOR_RECEIVE:")
-            return None
-        return wait_for(one, "a relayed picture", limit)
+        """Pulls until a whole picture comes (the viewer's polling); its answer."""
+        return harness.pull(1, limit)[0][2]
 
     def pull(self, n, limit=120.0):
-        """n whole pictures with rising sequence numbers."""
-        seqs = []
-        deadline = time.monotonic() + limit
-        while len(seqs) < n:
-            self.assertLess(time.monotonic(), deadline, "only %d of %d pictures" % (len(seqs), n))
-            seq, _, _ = harness.split_stamp(self.wait_picture().body)
-            if seqs:
-                self.assertGreater(seq, seqs[-1])
-            seqs.append(seq)
-        return seqs
-
-    def stop_daemons(self):
-        """Stops every daemon the test started: between the rows of a table,
-        so that the next row finds the ports free even after a failure."""
-        while self.daemon_pids:
-            try:
-                self.stop_daemon(self.daemon_pids[0])
-            except ProcessLookupError:
-                pass  # it ended by itself: the test has said so already
-            self.daemon_pids.pop(0)
+        """The sequence numbers of n whole pictures, rising."""
+        return [seq for seq, _, _ in harness.pull(n, limit)]
 
     def usage(self, pid):
         return fd_count(pid), rss_kb(pid)
@@ -299,19 +289,16 @@ class ReliabilityCase(harness.RelayCase):
     def settle(self, pid, before, what):
         """Waits for the descriptors to come back to their level and checks
         the memory; returns the "after" usage."""
-        def back():
-            n = fd_count(pid)
-            return n <= before[0] + FD_SLACK and n
         try:
-            wait_for(back, "descriptors back to %d after %s" % (before[0], what), limit=60.0)
+            wait_for(lambda: fd_count(pid) <= before[0] + FD_SLACK,
+                     "descriptors back to %d after %s" % (before[0], what), limit=60.0)
         except AssertionError:
             raise AssertionError("%s: descriptors %d before, %d after: %s" % (
                 what, before[0], fd_count(pid), sorted(os.listdir("/proc/%d/fd" % pid))))
         after = self.usage(pid)
-        if SANITIZED:
-            return after
-        self.assertLessEqual(after[1], before[1] + RSS_SLACK_KB,
-                             "%s: resident memory %d kB before, %d kB after" % (what, before[1], after[1]))
+        if not SANITIZED:
+            self.assertLessEqual(after[1], before[1] + RSS_SLACK_KB,
+                                 "%s: resident memory %d kB before, %d kB after" % (what, before[1], after[1]))
         return after
 
     def check_files(self, pid=None, states_expected=True, stopped=False, name="1"):
@@ -326,8 +313,7 @@ class ReliabilityCase(harness.RelayCase):
         pid_file = self.path("mem", "Ostrel_01.pid")
         if os.path.exists(pid_file):
             with open(pid_file) as f:
-                content = f.read()
-            self.assertRegex(content, r"^\d+$", "pid file %r" % content)
+                self.assertRegex(f.read(), r"^\d+$", "pid file")
         for n in (0, 1):
             path = self.path("log", "Ostrel_01_log%d.txt" % n)
             if not os.path.exists(path):
@@ -355,28 +341,3 @@ class ReliabilityCase(harness.RelayCase):
         after = self.settle(pid, before, what)
         self.check_files(pid, name=name)
         record(what, count, outcome, before, after, note)
-
-
-def raw_exchange(raw, timeout=40.0, shut_write=False):
-    """Sends raw bytes, reads to the close; returns the bytes read (b"" when
-    the daemon closed or reset without answering)."""
-    sock = harness.connect(timeout=timeout)
-    try:
-        try:
-            sock.sendall(raw)
-            if shut_write:
-                sock.shutdown(socket.SHUT_WR)
-        except (BrokenPipeError, ConnectionResetError):
-            pass  # the daemon may answer and close before all is sent
-        chunks = []
-        while True:
-            try:
-                data = sock.recv(65536)
-            except ConnectionResetError:
-                break
-            if not data:
-                break
-            chunks.append(data)
-        return b"".join(chunks)
-    finally:
-        sock.close()

@@ -4,7 +4,6 @@ through a request, more clients than control threads, viewers that vanish
 mid-picture and get_image storms while the camera streams. Every request is answered with its defined
 status or closed; the daemon keeps serving and gives back what it took."""
 
-import os
 import random
 import socket
 import struct
@@ -13,7 +12,6 @@ import unittest
 
 import harness
 import reliability as r
-from reliability import MYIP, CONTROL_PORT
 
 ROUNDS = 120  # malformed requests of each kind
 
@@ -68,23 +66,6 @@ def malformed(rng):
     ]
 
 
-def connect_small_window(rcvbuf=4096):
-    """A control-port connection whose receive buffer is small, so that a
-    big picture is still being sent when the client goes away."""
-    for _ in range(50):
-        sock = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
-        sock.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, rcvbuf)
-        sock.settimeout(20)
-        try:
-            sock.bind((MYIP, 30000 + random.randrange(30000)))
-        except OSError:
-            sock.close()
-            continue
-        sock.connect((MYIP, CONTROL_PORT))
-        return sock
-    raise AssertionError("no free source port")
-
-
 class ControlPortLoadTest(r.ReliabilityCase):
     def test_malformed_and_oversized_requests(self):
         pid = self.start_streaming()
@@ -127,15 +108,12 @@ class ControlPortLoadTest(r.ReliabilityCase):
                 # A CGI Name has at least two characters.
                 name = "01" if start == "CGI" else "1"
                 if start == "CGI":
-                    out, err = self.run_ostrel("cgi", "01", env={
-                        "REQUEST_METHOD": "GET", "QUERY_STRING": "Command=StartUp&Name=01"})
-                    self.assertIn(b"<States>Success</States>", out, err)
-                    pid = int(self.wait_states("NormalOperating", name)["ProcessId"])
-                    self.daemon_pids.append(pid)
-                    self.wait_pid_file(pid, 1)
+                    out, err = self.run_ostrel("cgi", "01", env=harness.cgi_env("GET", "Command=StartUp&Name=01"))
+                    self.assertEqual(out, harness.success_answer(harness.CONTROL_PORT), err)
+                    pid = harness.procs.adopt_forked(self.procs, self.work, self.states_path(name), name)
                 else:
                     pid = self.start_forking(name)
-                self.assertEqual(harness.login().body, b"LOGIN_SUCCESS:1:\r\n")
+                harness.login()
                 self.wait_picture()
                 before = self.usage(pid)
                 start_t = time.monotonic()
@@ -160,7 +138,7 @@ class ControlPortLoadTest(r.ReliabilityCase):
                     else:
                         self.assertEqual(r.status_of(data), 400)
                         self.assertTrue(data.endswith(answer), data)
-                self.assertEqual(harness.login().body, b"LOGIN_SUCCESS:1:\r\n")
+                harness.login()
                 self.wait_picture()
                 kind = "half-sent body" if answer else ("half-sent head" if partial else "connection")
                 self.finish(pid, "control: %s silent %s, %s start" % (threads, kind, start), int(threads),
@@ -176,36 +154,16 @@ class ControlPortLoadTest(r.ReliabilityCase):
         results = []
 
         def trickle(i):
-            s = harness.connect(timeout=60)
-            start = time.monotonic()
-            sent = 0
-            try:
-                for b in head:
-                    s.send(bytes([b]))
-                    sent += 1
-                    # Waiting for the close is the pacing: a recv that
-                    # times out means the daemon still reads.
-                    s.settimeout(0.5)
-                    try:
-                        data = s.recv(4096)
-                    except socket.timeout:
-                        continue
-                    results.append((data, sent, time.monotonic() - start))
-                    return
-            except (BrokenPipeError, ConnectionResetError):
-                results.append((b"", sent, time.monotonic() - start))
-                return
-            finally:
-                s.close()
-            results.append((None, sent, time.monotonic() - start))
+            # The whole head would take two minutes.
+            results.append(r.trickle(b"", (head[k:k + 1] for k in range(len(head)))))
         r.run_parallel(int(self.threads), trickle)
-        for data, sent, secs in results:
-            self.assertIsNotNone(data, "the daemon read %d bytes over %.0f s" % (sent, secs))
+        for data, secs in results:
+            self.assertIsNotNone(data, "the daemon read the whole head over %.0f s" % secs)
             self.assertEqual(data, b"", "a cut-off head got an answer")
         self.pull(3)
         self.finish(pid, "control: clients trickling a byte every 0.5 s", len(results),
                     "closed without answer after the read limit", before,
-                    note="closed after %s bytes" % "/".join(str(x[1]) for x in results))
+                    note="closed after %s s" % "/".join("%.1f" % x[1] for x in results))
 
     def test_log_rotation_under_concurrent_writers(self):
         # Every unknown path writes a log line; enough of them from several
@@ -221,118 +179,74 @@ class ControlPortLoadTest(r.ReliabilityCase):
                 self.assertEqual(a.status, 404)
                 tally.add("404")
         r.run_parallel(4, client)
-        sizes = []
-        for g in (0, 1):
-            p = self.path("log", "Ostrel_01_log%d.txt" % g)
-            self.assertTrue(os.path.exists(p), "log generation %d never written" % g)
-            sizes.append(os.path.getsize(p))
-            self.assertLess(sizes[-1], 1024 * 1024 + 4096, "log %d grew past its limit" % g)
+        sizes = r.log_sizes(self)
+        self.assertTrue(all(0 < size < r.LOG_LIMIT + 4096 for size in sizes), sizes)
         self.finish(pid, "control: log files rotated by 4 writers", tally.total(),
                     "both generations within 1 MiB, every line whole", before,
                     note="log sizes %s bytes" % "/".join(map(str, sizes)))
-
-    def test_more_clients_than_threads(self):
-        pid = self.start_streaming()
-        before = self.usage(pid)
-        tally = r.Tally()
-
-        def client(i):
-            for _ in range(25):
-                if i % 2:
-                    a = harness.trcom("p_name=TrCommunicate&p_version=1&command=reset_postterm")
-                    self.assertEqual(a.header("Query_Result"), "1:1")
-                    tally.add("trcom")
-                else:
-                    a = harness.get_image()
-                    self.assertEqual(a.status, 200)
-                    tally.add("image" if a.header("Content-Type") == "image/jpeg" else "not yet")
-        r.run_parallel(20, client)
-        self.finish(pid, "control: 20 clients at once on %s threads" % self.threads, tally.total(),
-                    "all answered: " + tally.text(), before)
 
     def test_viewer_gone_mid_picture(self):
         pid = self.start_streaming(sizes=[700000], pictures=4)
         before = self.usage(pid)
         tally = r.Tally()
         for i in range(60):
-            s = connect_small_window()
-            try:
-                s.sendall(b"GET /ptippreimg.cgi?get_image=1&img_user_id=1 HTTP/1.0\r\n\r\n")
+            with harness.connect(timeout=20, rcvbuf=4096) as s:
+                s.sendall(r.IMAGE_REQUEST)
                 head = s.recv(2048)
                 self.assertTrue(head.startswith(b"HTTP/1.0 200"), head[:100])
                 if i % 2:
                     # a reset instead of an orderly close
                     s.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
                 tally.add("image" if b"image/jpeg" in head else "not yet")
-            finally:
-                s.close()
         self.pull(3)
         self.finish(pid, "control: viewer gone mid-picture (700 kB pictures)", 60,
                     "later pictures whole: " + tally.text(), before)
 
-    def test_login_logout_churn(self):
-        # Each login opens the camera stream and each logout closes it, with
-        # a frame half written: the camera thread starts, stops and cancels
-        # over and over while other clients pull.
+    def test_storms_while_streaming(self):
+        def image():
+            a = harness.get_image()
+            if a.header("Content-Type") == "image/jpeg":
+                harness.split_stamp(a.body)
+                self.assertEqual((a.body[:2], a.body[-2:]), (b"\xff\xd8", b"\xff\xd9"))
+                return "image"
+            self.assertEqual(a.body, b"ERROR_TRANSLATOR_RECEIVE:")
+            return "not yet"
+
+        def trcom(command):
+            self.assertEqual(harness.trcom_command(command).header("Query_Result"), "1:1")
+            return command
+
+        def churn():
+            # Each login opens the camera stream and each logout closes it,
+            # with a frame half written: the camera thread starts, stops and
+            # cancels over and over while other clients pull.
+            harness.login()
+            harness.get_image()  # another client may have logged the viewer out meanwhile
+            harness.logout()
+            return "logins"
+        rows = [
+            # what, clients, requests each, request of client i
+            ("20 clients at once on 2 threads", 20, 25, lambda i: trcom("reset_postterm") if i % 2 else image()),
+            # Every notice_update re-reads the file and makes the camera
+            # thread drop its stream and reconnect.
+            ("notice_update storm", 4, 100, lambda i: trcom("notice_update") if i % 2 else image()),
+            ("get_image storm, 8 clients", 8, 250, lambda i: image()),
+            ("login/logout churn, 4 clients", 4, 60, lambda i: churn()),
+        ]
         pid = self.start_streaming()
-        before = self.usage(pid)
-        tally = r.Tally()
-
-        def client(i):
-            for _ in range(60):
-                self.assertEqual(harness.login().body, b"LOGIN_SUCCESS:1:\r\n")
-                a = harness.get_image()
-                tally.add("image" if a.header("Content-Type") == "image/jpeg" else "not yet")
-                self.assertEqual(harness.logout().body, b"LOGOUT_SUCCESS:1:IMAGE\r\n")
-                tally.add("logins")
-        r.run_parallel(4, client)
-        # Logged out: the camera connection is closed again.
-        self.settle(pid, (before[0] - 1, before[1]), "the last logout")
-        self.assertEqual(harness.login().body, b"LOGIN_SUCCESS:1:\r\n")
-        self.pull(3)
-        self.finish(pid, "control: login/logout churn, 4 clients while streaming", tally.total(),
-                    "survived; stream reopened: " + tally.text(), before)
-
-    def test_notice_update_storm_while_streaming(self):
-        # Every notice_update re-reads the file and makes the camera thread
-        # drop its stream and reconnect.
-        pid = self.start_streaming()
-        before = self.usage(pid)
-        tally = r.Tally()
-
-        def client(i):
-            for _ in range(100):
-                if i % 2:
-                    a = harness.trcom("p_name=TrCommunicate&p_version=1&command=notice_update")
-                    self.assertEqual(a.header("Query_Result"), "1:1")
-                    tally.add("notice_update")
-                else:
-                    a = harness.get_image()
-                    tally.add("image" if a.header("Content-Type") == "image/jpeg" else "not yet")
-        r.run_parallel(4, client)
-        self.pull(3)
-        self.finish(pid, "control: notice_update storm while streaming", tally.total(),
-                    "all 1:1; pictures after: " + tally.text(), before)
-
-    def test_get_image_storm(self):
-        pid = self.start_streaming()
-        before = self.usage(pid)
-        tally = r.Tally()
-
-        def client(i):
-            for _ in range(250):
-                a = harness.get_image()
-                if a.header("Content-Type") == "image/jpeg":
-                    harness.split_stamp(a.body)
-                    self.assertEqual(a.body[:2], b"\xff\xd8")
-                    self.assertEqual(a.body[-2:], b"\xff\xd9")
-                    tally.add("image")
-                else:
-                    self.assertEqual(a.body, b"ERROR_TRANSLATOR_RECEIVE:")
-                    tally.add("not yet")
-        r.run_parallel(8, client)
-        self.finish(pid, "control: get_image storm, 8 clients while streaming", tally.total(),
-                    "pictures whole: " + tally.text(), before)
+        for what, clients, rounds, request in rows:
+            with self.subTest(what):
+                before = self.usage(pid)
+                tally = r.Tally()
+                r.run_parallel(clients, lambda i: [tally.add(request(i)) for _ in range(rounds)])
+                if request is rows[-1][3]:
+                    # Logged out: the camera connection is closed again.
+                    self.settle(pid, (before[0] - 1, before[1]), "the last logout")
+                # Logged in again after the churn: the camera stream reopens.
+                harness.login()
+                self.pull(3)
+                self.finish(pid, "control: %s while streaming" % what, tally.total(),
+                            "all answered: " + tally.text(), before)
 
 
 if __name__ == "__main__":

@@ -1,13 +1,12 @@
 """The daemon's life cycle under load: stopped by SIGTERM and by deleting its
 states file while pictures are being served, told notice_update while another
 process rewrites the configuration file under the shared semaphore, and
-started a second time while it runs. What it leaves behind must be whole."""
+stopped while every thread is blocked or the camera thread backs off. What it
+leaves behind must be whole."""
 
 import ctypes
 import os
-import random
 import signal
-import socket
 import threading
 import time
 import unittest
@@ -17,7 +16,6 @@ import reliability as r
 
 STOPS = 3          # stops of each kind
 UPDATES = 200      # notice_update requests during the rewrites
-SECOND_STARTS = 20
 
 CONFIG_SEM_KEY = 3223110  # the configuration file's System V semaphore
 
@@ -61,158 +59,111 @@ class ConfigSemaphore:
         self._op(1)
 
 
-def connect_no_reading():
-    """A viewer connection with a small receive window that it never reads."""
-    for _ in range(50):
-        port = random.randrange(30000, 60000)
-        sock = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
-        sock.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
-        try:
-            sock.bind((harness.MYIP, port))
-        except OSError:
-            sock.close()
-            continue
-        sock.connect((harness.MYIP, harness.CONTROL_PORT))
-        return sock
-    raise AssertionError("no free source port")
-
-
 def stalled_viewer():
-    """A viewer that asked for a picture, read its head and stopped reading:
-    the daemon is left sending the rest. None when no picture was there."""
-    sock = connect_no_reading()
-    sock.sendall(b"GET /ptippreimg.cgi?get_image=1&img_user_id=1 HTTP/1.0\r\n\r\n")
-    head = sock.recv(1024)
-    if b"image/jpeg" in head:
+    """A viewer that asked for a picture, read its head and stopped reading
+    (its receive window is small): the daemon is left sending the rest.
+    None when no picture was there."""
+    sock = harness.connect(timeout=20, rcvbuf=4096)
+    sock.sendall(r.IMAGE_REQUEST)
+    if b"image/jpeg" in sock.recv(1024):
         return sock
     sock.close()
     return None
 
 
-class ServingClients:
-    """Viewers pulling pictures until the daemon goes away; counts what they
-    got. A stop may cut a picture being sent: that ends in a close."""
-
-    def __init__(self, n):
-        self.tally = r.Tally()
-        self.stop = threading.Event()
-        self.started = threading.Barrier(n + 1)
-        self.threads = [threading.Thread(target=self._run) for _ in range(n)]
-        for t in self.threads:
-            t.start()
-        self.started.wait(30)
-
-    def _run(self):
-        self.started.wait(30)
-        while not self.stop.is_set():
-            try:
-                data = harness.exchange(b"GET /ptippreimg.cgi?get_image=1&img_user_id=1 HTTP/1.0\r\n\r\n")
-            except ConnectionRefusedError:
-                self.tally.add("refused")
-                return
-            except OSError:
-                self.tally.add("reset")
-                continue
-            if not data:
-                self.tally.add("closed unanswered")
-                continue
-            try:
-                a = harness.parse_answers(data)[0]
-            except AssertionError:
-                self.tally.add("cut by the stop")
-                continue
-            if a.header("Content-Type") == "image/jpeg":
-                harness.split_stamp(a.body)
-                self.tally.add("image")
-            else:
-                self.tally.add("answered")
-
-    def join(self):
-        for t in self.threads:
-            t.join(120)
-        self.stop.set()
+def pull_until_gone(tally, done):
+    """A viewer pulling pictures until the daemon goes away (or done is
+    set), counting what it got. A stop may cut a picture being sent: that
+    ends in a close."""
+    while not done.is_set():
+        try:
+            data = harness.exchange(r.IMAGE_REQUEST)
+        except ConnectionRefusedError:
+            tally.add("refused")
+            return
+        except OSError:
+            tally.add("reset")
+            continue
+        try:
+            a = harness.parse_answers(data)[0] if data else None
+        except AssertionError:
+            tally.add("cut by the stop")
+            continue
+        if a is None:
+            tally.add("closed unanswered")
+        elif a.header("Content-Type") == "image/jpeg":
+            harness.split_stamp(a.body)
+            tally.add("image")
+        else:
+            tally.add("answered")
 
 
 class LifecycleTest(r.ReliabilityCase):
-    def stop_while_serving(self, how):
-        tally = r.Tally()
-        for _ in range(STOPS):
-            pid = self.start_streaming()
-            clients = ServingClients(4)
-            harness.wait_for(lambda: clients.tally.counts.get("image", 0) >= 20, "pictures being served")
-            if how == "SIGTERM":
-                os.kill(pid, signal.SIGTERM)
-            else:
-                os.unlink(self.states_path())
-            self.wait_gone(pid)
-            self.daemon_pids.remove(pid)
-            clients.join()
-            tally.add("stopped")
-            for k, v in clients.tally.counts.items():
-                tally.add(k, v)
-            # Clean shutdown: the states file is gone, the pid file stays
-            # whole, the log ends on a whole line.
-            self.assertIsNone(self.read_states())
-            self.check_files(states_expected=False, stopped=True)
-            self.children[-1].terminate()
-            self.children[-1].wait(10)
-        r.record("life cycle: %s while pictures are served" % how, STOPS,
-                 "stopped cleanly; files whole; viewers: " + tally.text())
+    def stop(self, pid, how):
+        """Stops the daemon by SIGTERM or by deleting its states file; the
+        seconds it took. Afterwards the states file is gone, the pid file
+        whole and the log ends on a whole line."""
+        if how == "SIGTERM":
+            os.kill(pid, signal.SIGTERM)
+        else:
+            os.unlink(self.states_path())
+        t0 = time.monotonic()
+        self.wait_gone(pid)
+        took = time.monotonic() - t0
+        self.daemon_pids.remove(pid)
+        self.assertIsNone(self.read_states())
+        self.check_files(states_expected=False, stopped=True)
+        return took
 
-    def test_sigterm_while_serving(self):
-        self.stop_while_serving("SIGTERM")
-
-    def test_states_file_deleted_while_serving(self):
-        self.stop_while_serving("states file deleted")
+    def test_stop_while_serving(self):
+        for how in ("SIGTERM", "states file deleted"):
+            with self.subTest(how):
+                tally = r.Tally()
+                for _ in range(STOPS):
+                    pid = self.start_streaming()
+                    seen, done = r.Tally(), threading.Event()
+                    clients = threading.Thread(target=r.run_parallel,
+                                               args=(4, lambda i: pull_until_gone(seen, done)))
+                    clients.start()
+                    harness.wait_for(lambda: seen["image"] >= 20, "pictures being served")
+                    self.stop(pid, how)
+                    clients.join(120)
+                    done.set()
+                    tally.update(seen)
+                    tally.add("stopped")
+                    self.procs.stop_all()
+                r.record("life cycle: %s while pictures are served" % how, STOPS,
+                         "stopped cleanly; files whole; viewers: " + tally.text())
 
     def test_stop_while_every_thread_is_blocked(self):
         # Both control threads blocked: one reading a silent client, one
         # sending a big picture to a viewer that does not read. A stop must
         # interrupt them (well before the 15 s read limit) and must not free
-        # the frame memory under the send.
-        tally = r.Tally()
+        # the frame memory under the send (5 s main-loop poll for the
+        # deleted file, 2 s per pool).
         durations = []
         for how in ("SIGTERM", "states file deleted") * 2:
             pid = self.start_streaming(sizes=[700000], pictures=4)
-            stuck = harness.wait_for(stalled_viewer, "a picture being sent to a stalled viewer")
-            silent = harness.connect(timeout=60)
-            if how == "SIGTERM":
-                os.kill(pid, signal.SIGTERM)
-            else:
-                os.unlink(self.states_path())
-            start = time.monotonic()
-            self.wait_gone(pid)
-            took = time.monotonic() - start
-            self.daemon_pids.remove(pid)
-            # 5 s main-loop poll for the deleted file, 2 s per pool.
+            with harness.wait_for(stalled_viewer, "a picture being sent to a stalled viewer"), \
+                    harness.connect(timeout=60):
+                took = self.stop(pid, how)
             self.assertLess(took, 14.0, "%s took %.1f s: a blocked thread was not interrupted" % (how, took))
-            silent.close()
-            stuck.close()
-            self.check_files(states_expected=False, stopped=True)
-            self.children[-1].terminate()
-            self.children[-1].wait(10)
-            tally.add(how)
+            self.procs.stop_all()
             durations.append("%.1f" % took)
         r.record("life cycle: stop while a thread reads a silent client and one sends to a stalled viewer",
-                 tally.total(), "stopped cleanly: " + tally.text(),
-                 note="stopped after %s s" % "/".join(durations))
+                 len(durations), "stopped cleanly", note="stopped after %s s" % "/".join(durations))
 
     def test_stop_during_camera_back_off(self):
         # No camera at all: the camera thread sleeps ever longer between
         # starts (up to 16 s). A stop during that sleep must still be quick
         # and orderly.
         pid = self.start_forking("1")
-        self.assertEqual(harness.login().body, b"LOGIN_SUCCESS:1:\r\n")
+        harness.login()
         # The fifth failed start is followed by the 16 s sleep.
         harness.wait_for(lambda: self.log_text().count("obAXISJPEGMultiPart.Start failed") >= 5,
-                     "five failed starts", limit=120.0)
-        os.kill(pid, signal.SIGTERM)
-        start = time.monotonic()
-        self.wait_gone(pid)
-        took = time.monotonic() - start
-        self.daemon_pids.remove(pid)
+                         "five failed starts", limit=120.0)
+        took = self.stop(pid, "SIGTERM")
         self.assertLess(took, 14.0, "the stop waited %.1f s for the back-off" % took)
-        self.check_files(states_expected=False, stopped=True)
         r.record("life cycle: SIGTERM while the camera thread backs off 16 s", 1,
                  "stopped cleanly", note="stopped after %.1f s" % took)
 
@@ -240,7 +191,7 @@ class LifecycleTest(r.ReliabilityCase):
         writer.start()
         try:
             for _ in range(UPDATES):
-                a = harness.trcom("p_name=TrCommunicate&p_version=1&command=notice_update")
+                a = harness.trcom_command("notice_update")
                 self.assertEqual(a.header("Query_Result"), "1:1", a)
         finally:
             done.set()
@@ -249,22 +200,6 @@ class LifecycleTest(r.ReliabilityCase):
         self.finish(pid, "life cycle: notice_update while the config file is rewritten under its lock",
                     UPDATES, "all 1:1; daemon kept running", before,
                     note="%d rewrites meanwhile" % rewrites.total())
-
-    def test_second_start_refused(self):
-        pid = self.start_streaming()
-        before = self.usage(pid)
-        for i in range(SECOND_STARTS):
-            if i % 2:
-                out, _ = self.run_ostrel("-StartUp", "1")
-                self.assertEqual(out, harness.launcher_answer(
-                    b"<Response>\n  <States>Err_AlreadyWorking</States>\n</Response>\n"))
-            else:
-                out, _ = self.run_ostrel("-StartUp_NonDeamon", "1")
-                self.assertIn(b"1 was alredy started.\n", out)
-        self.assertEqual(self.read_states()["ProcessId"], str(pid))
-        self.pull(3)
-        self.finish(pid, "life cycle: second start while running", SECOND_STARTS,
-                    "refused (Err_AlreadyWorking / already started); first daemon unaffected", before)
 
 
 if __name__ == "__main__":
