@@ -63,10 +63,9 @@ CClient_AXISJPEGMultiPart::~CClient_AXISJPEGMultiPart() = default;
 
 int CClient_AXISJPEGMultiPart::Initialize(int nHTTPBodySize)
 {
-    int ret = m_obClient_HTTP_MultiPart.Initialize(nHTTPBodySize);
+    const int ret = Log().Checked(m_obClient_HTTP_MultiPart.Initialize(nHTTPBodySize), "Initialize",
+                                  "m_obClient_HTTP_MultiPart.Initialize");
     if (ret != SUCCESS) {
-        TimePrint(m_pDB, m_nLogLevel,
-                  "[CClient_AXISJPEGMultiPart::Initialize()] m_obClient_HTTP_MultiPart.Initialize failed ::%d\n", ret);
         return ret;
     }
     memset(m_strCameraNo, 0, sizeof m_strCameraNo);
@@ -90,42 +89,25 @@ int CClient_AXISJPEGMultiPart::SetLog(DbPrintf_Class* pDB, int nLevel)
 
 int CClient_AXISJPEGMultiPart::SetMyself(const char* pMyselfIP)
 {
-    if (pMyselfIP == nullptr) {
-        TimePrint(m_pDB, m_nLogLevel, "[CClient_AXISJPEGMultiPart::SetMyself()] pMyselfIP == NULL\n");
+    if (!Log().Given(pMyselfIP, "SetMyself", "pMyselfIP")) {
         return INVALID_ARGUMENT;
     }
-    int ret = m_obClient_HTTP_MultiPart.SetMyself(pMyselfIP);
-    if (ret != SUCCESS) {
-        TimePrint(m_pDB, m_nLogLevel,
-                  "[CClient_AXISJPEGMultiPart::SetMyself()] m_obClient_HTTP_MultiPart.SetMyself(%s) failed ::%d\n",
-                  pMyselfIP, ret);
-        return ret;
-    }
-    return SUCCESS;
+    return Log().Checked(m_obClient_HTTP_MultiPart.SetMyself(pMyselfIP), "SetMyself",
+                         "m_obClient_HTTP_MultiPart.SetMyself(%s)", pMyselfIP);
 }
 
 int CClient_AXISJPEGMultiPart::SetTarget(const char* pTargetIp, int port, const char* pCameraNo)
 {
-    if (pTargetIp == nullptr) {
-        TimePrint(m_pDB, m_nLogLevel, "[CClient_AXISJPEGMultiPart::SetTarget()] pTargetIp == NULL\n");
+    if (!Log().Given(pTargetIp, "SetTarget", "pTargetIp") || !Log().Given(pCameraNo, "SetTarget", "pCameraNo")) {
         return INVALID_ARGUMENT;
     }
-    if (pCameraNo == nullptr) {
-        TimePrint(m_pDB, m_nLogLevel, "[CClient_AXISJPEGMultiPart::SetTarget()] pCameraNo == NULL\n");
-        return INVALID_ARGUMENT;
+    int ret = Log().Checked(m_obClient_HTTP_MultiPart.SetTargetIp(pTargetIp), "SetTarget",
+                            "m_obClient_HTTP_MultiPart.SetTargetIp(%s)", pTargetIp);
+    if (ret == SUCCESS) {
+        ret = Log().Checked(m_obClient_HTTP_MultiPart.SetTargetPort(port), "SetTarget",
+                            "m_obClient_HTTP_MultiPart.SetTargetPort(%d)", port);
     }
-    int ret = m_obClient_HTTP_MultiPart.SetTargetIp(pTargetIp);
     if (ret != SUCCESS) {
-        TimePrint(m_pDB, m_nLogLevel,
-                  "[CClient_AXISJPEGMultiPart::SetTarget()] m_obClient_HTTP_MultiPart.SetTargetIp(%s) failed ::%d\n",
-                  pTargetIp, ret);
-        return ret;
-    }
-    ret = m_obClient_HTTP_MultiPart.SetTargetPort(port);
-    if (ret != SUCCESS) {
-        TimePrint(m_pDB, m_nLogLevel,
-                  "[CClient_AXISJPEGMultiPart::SetTarget()] m_obClient_HTTP_MultiPart.SetTargetPort(%d) failed ::%d\n",
-                  port, ret);
         return ret;
     }
     // A number of 16 characters or more would fill the field without a
@@ -142,64 +124,32 @@ int CClient_AXISJPEGMultiPart::SetTargetAuth(int nAuthOnOff, const char* pUserNa
                   nAuthOnOff);
         return INVALID_ARGUMENT;
     }
-    if (nAuthOnOff == 1) {
-        if (pUserName == nullptr) {
-            TimePrint(m_pDB, m_nLogLevel, "[CClient_AXISJPEGMultiPart::SetTargetAuth()] pUserName == NULL\n");
-            return INVALID_ARGUMENT;
-        }
-        if (pPassword == nullptr) {
-            TimePrint(m_pDB, m_nLogLevel, "[CClient_AXISJPEGMultiPart::SetTargetAuth()] pPassword == NULL\n");
-            return INVALID_ARGUMENT;
-        }
+    if (nAuthOnOff == 1 && (!Log().Given(pUserName, "SetTargetAuth", "pUserName") ||
+                            !Log().Given(pPassword, "SetTargetAuth", "pPassword"))) {
+        return INVALID_ARGUMENT;
     }
-    int ret = m_obClient_HTTP_MultiPart.SetAuth(nAuthOnOff);
-    if (ret != SUCCESS) {
-        TimePrint(m_pDB, m_nLogLevel,
-                  "[CClient_AXISJPEGMultiPart::SetTargetAuth()] m_obClient_HTTP_MultiPart.SetAuth(%d) failed ::%d\n",
-                  nAuthOnOff, ret);
-        return ret;
+    int ret = Log().Checked(m_obClient_HTTP_MultiPart.SetAuth(nAuthOnOff), "SetTargetAuth",
+                            "m_obClient_HTTP_MultiPart.SetAuth(%d)", nAuthOnOff);
+    if (ret == SUCCESS && nAuthOnOff == 1) {
+        ret = Log().Checked(m_obClient_HTTP_MultiPart.SetAuthString(pUserName, pPassword), "SetTargetAuth",
+                            "m_obClient_HTTP_MultiPart.SetAuthString");
     }
-    if (nAuthOnOff == 1) {
-        ret = m_obClient_HTTP_MultiPart.SetAuthString(pUserName, pPassword);
-        if (ret != SUCCESS) {
-            TimePrint(
-                m_pDB, m_nLogLevel,
-                "[CClient_AXISJPEGMultiPart::SetTargetAuth()] m_obClient_HTTP_MultiPart.SetAuthString failed ::%d\n",
-                ret);
-            return ret;
-        }
-    }
-    return SUCCESS;
+    return ret;
 }
 
 int CClient_AXISJPEGMultiPart::SetSocketTimeout(int nTimeoutMsec)
 {
-    int ret = m_obClient_HTTP_MultiPart.SetSocketTimeout(nTimeoutMsec);
-    if (ret != SUCCESS) {
-        TimePrint(m_pDB, m_nLogLevel,
-                  "[CClient_AXISJPEGMultiPart::SetSocketTimeout()] m_obClient_HTTP_MultiPart.SetSocketTimeout(%d) "
-                  "failed ::%d\n",
-                  nTimeoutMsec, ret);
-        return ret;
-    }
-    return SUCCESS;
+    return Log().Checked(m_obClient_HTTP_MultiPart.SetSocketTimeout(nTimeoutMsec), "SetSocketTimeout",
+                         "m_obClient_HTTP_MultiPart.SetSocketTimeout(%d)", nTimeoutMsec);
 }
 
 int CClient_AXISJPEGMultiPart::SetSocketExitFlag(SockExitFlag* pExitFlag)
 {
-    if (pExitFlag == nullptr) {
-        TimePrint(m_pDB, m_nLogLevel, "[CClient_AXISJPEGMultiPart::SetSocketExitFlag()] pExitFlag == NULL\n");
+    if (!Log().Given(pExitFlag, "SetSocketExitFlag", "pExitFlag")) {
         return INVALID_ARGUMENT;
     }
-    int ret = m_obClient_HTTP_MultiPart.SetSocketExitFlag(pExitFlag);
-    if (ret != SUCCESS) {
-        TimePrint(m_pDB, m_nLogLevel,
-                  "[CClient_AXISJPEGMultiPart::SetSocketExitFlag()] m_obClient_HTTP_MultiPart.SetSocketExitFlag failed "
-                  "::%d\n",
-                  ret);
-        return ret;
-    }
-    return SUCCESS;
+    return Log().Checked(m_obClient_HTTP_MultiPart.SetSocketExitFlag(pExitFlag), "SetSocketExitFlag",
+                         "m_obClient_HTTP_MultiPart.SetSocketExitFlag");
 }
 
 int CClient_AXISJPEGMultiPart::Start()
@@ -212,13 +162,7 @@ int CClient_AXISJPEGMultiPart::Start()
     m_obClient_HTTP_MultiPart.SetTargetPath(path);
     m_obClient_HTTP_MultiPart.AddTag("User-Agent", "Tarnmoor");
 
-    int ret = m_obClient_HTTP_MultiPart.Get();
-    if (ret != SUCCESS) {
-        TimePrint(m_pDB, m_nLogLevel,
-                  "[CClient_AXISJPEGMultiPart::Start()] m_obClient_HTTP_MultiPart.Get failed ::%d\n", ret);
-        return ret;
-    }
-    return SUCCESS;
+    return Log().Checked(m_obClient_HTTP_MultiPart.Get(), "Start", "m_obClient_HTTP_MultiPart.Get");
 }
 
 int CClient_AXISJPEGMultiPart::Stop()

@@ -3,6 +3,7 @@
 
 #include <sys/time.h>
 
+#include "camera/client_log.h"
 #include "http/client_http_multipart.h"
 
 class DbPrintf_Class;
@@ -83,6 +84,8 @@ public:
     const char* GetRequestText() const { return m_obClient_HTTP_MultiPart.GetRequestText(); }
 
 private:
+    ClientLog Log() const { return ClientLog{m_pDB, m_nLogLevel, "CClient_AXISJPEGMultiPart"}; }
+
     CClient_HTTP_MultiPart m_obClient_HTTP_MultiPart;
     DbPrintf_Class* m_pDB = nullptr;
     int m_nLogLevel = 0;

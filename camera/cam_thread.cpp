@@ -73,6 +73,7 @@ public:
 
 private:
     void StopAxis();
+    void StartSlot();
     void CancelFrame();
 
     SockExitFlag* m_pCommand;
@@ -105,6 +106,19 @@ void CamLoop::StopAxis()
     if (ret != SUCCESS) {
         TimePrint(g_pDB, 1, "[Class_CamThread::ThreadMain] obAXISJPEGMultiPart.Stop failed ::%d\n", ret);
         printf("obAXISJPEGMultiPart.Stop failed\n");
+    }
+}
+
+// Opens the FIFO slot the next picture is received into; a FIFO that cannot
+// open one ends the process.
+void CamLoop::StartSlot()
+{
+    const int ret = g_Fifo.InputDataStart();
+    if (ret != SUCCESS) {
+        StopAxis();
+        TimePrint(g_pDB, 1, "[Class_CamThread::ThreadMain] g_Fifo.InputDataStart failed ::%d\n", ret);
+        printf("g_Fifo.InputDataStart failed\n");
+        end_process();
     }
 }
 
@@ -202,13 +216,7 @@ bool CamLoop::Connect()
         return false;
     }
     m_nBackOff = 0;
-    ret = g_Fifo.InputDataStart();
-    if (ret != SUCCESS) {
-        StopAxis();
-        TimePrint(g_pDB, 1, "[Class_CamThread::ThreadMain] g_Fifo.InputDataStart failed ::%d\n", ret);
-        printf("g_Fifo.InputDataStart failed\n");
-        end_process();
-    }
+    StartSlot();
     m_nState = kStateStreaming;
     g_ConnectState.store(1, std::memory_order_relaxed);
     g_Figures.CameraConnected();
@@ -264,13 +272,7 @@ void CamLoop::OneFrame()
         printf("g_Fifo.InputDataFinish failed\n");
         end_process();
     }
-    ret = g_Fifo.InputDataStart();
-    if (ret != SUCCESS) {
-        StopAxis();
-        TimePrint(g_pDB, 1, "[Class_CamThread::ThreadMain] g_Fifo.InputDataStart failed ::%d\n", ret);
-        printf("g_Fifo.InputDataStart failed\n");
-        end_process();
-    }
+    StartSlot();
     g_ConnectState.store(1, std::memory_order_relaxed);
     g_Figures.Picture(size);
 }

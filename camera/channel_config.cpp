@@ -129,18 +129,25 @@ int configInfoIO_Class::mutex_ReadParamFromConfigFile_WithChNum(int channel, con
         return CHANNEL_CONFIG_TYPE_MISMATCH;
     }
 
-    rc = read_required("encoder_ip_%04d", channel, out->encoder_ip, kFieldSize, pDB);
-    if (rc != SUCCESS)
-        return rc;
-    rc = read_port("encoder_port_%04d", channel, &out->encoder_port, pDB);
-    if (rc != SUCCESS)
-        return rc;
-    rc = read_required("translator_connect_ip_%04d", channel, out->translator_connect_ip, kFieldSize, pDB);
-    if (rc != SUCCESS)
-        return rc;
-    rc = read_port("translator_connect_port_%04d", channel, &out->translator_connect_port, pDB);
-    if (rc != SUCCESS)
-        return rc;
+    // The camera's address and port, then the ones it is reached through.
+    const struct {
+        const char* ipKey;
+        char* ip;
+        const char* portKey;
+        unsigned short* port;
+    } addresses[] = {
+        {"encoder_ip_%04d", out->encoder_ip, "encoder_port_%04d", &out->encoder_port},
+        {"translator_connect_ip_%04d", out->translator_connect_ip, "translator_connect_port_%04d",
+         &out->translator_connect_port},
+    };
+    for (const auto& a : addresses) {
+        rc = read_required(a.ipKey, channel, a.ip, kFieldSize, pDB);
+        if (rc != SUCCESS)
+            return rc;
+        rc = read_port(a.portKey, channel, a.port, pDB);
+        if (rc != SUCCESS)
+            return rc;
+    }
 
     rc = co_getipaddr("eth0", out->eth0_ip, nullptr, pDB);
     if (rc != SUCCESS) {

@@ -17,13 +17,7 @@ CClient_ScheduleServer::~CClient_ScheduleServer() = default;
 
 int CClient_ScheduleServer::Initialize(int nHTTPBodySize)
 {
-    int ret = m_obClient_HTTP.Initialize(nHTTPBodySize);
-    if (ret != SUCCESS) {
-        TimePrint(m_pDB, m_nLogLevel, "[CClient_ScheduleServer::Initialize()] m_obClient_HTTP.Initialize failed ::%d\n",
-                  ret);
-        return ret;
-    }
-    return SUCCESS;
+    return Log().Checked(m_obClient_HTTP.Initialize(nHTTPBodySize), "Initialize", "m_obClient_HTTP.Initialize");
 }
 
 int CClient_ScheduleServer::Release()
@@ -42,66 +36,38 @@ int CClient_ScheduleServer::SetLog(DbPrintf_Class* pDB, int nLevel)
 
 int CClient_ScheduleServer::SetMyself(const char* pMyselfIp)
 {
-    if (pMyselfIp == nullptr) {
-        TimePrint(m_pDB, m_nLogLevel, "[CClient_ScheduleServer::SetMyself()] pMyselfIp == NULL\n");
+    if (!Log().Given(pMyselfIp, "SetMyself", "pMyselfIp")) {
         return INVALID_ARGUMENT;
     }
-    int ret = m_obClient_HTTP.SetMyself(pMyselfIp);
-    if (ret != SUCCESS) {
-        TimePrint(m_pDB, m_nLogLevel,
-                  "[CClient_ScheduleServer::SetMyself()] m_obClient_HTTP.SetMyself(%s) failed ::%d\n", pMyselfIp, ret);
-        return ret;
-    }
-    return SUCCESS;
+    return Log().Checked(m_obClient_HTTP.SetMyself(pMyselfIp), "SetMyself", "m_obClient_HTTP.SetMyself(%s)", pMyselfIp);
 }
 
 int CClient_ScheduleServer::SetTarget(const char* pTargetIp, int port)
 {
-    if (pTargetIp == nullptr) {
-        TimePrint(m_pDB, m_nLogLevel, "[CClient_ScheduleServer::SetTarget()] pTargetIp == NULL\n");
+    if (!Log().Given(pTargetIp, "SetTarget", "pTargetIp")) {
         return INVALID_ARGUMENT;
     }
-    int ret = m_obClient_HTTP.SetTargetIp(pTargetIp);
+    int ret = Log().Checked(m_obClient_HTTP.SetTargetIp(pTargetIp), "SetTarget", "m_obClient_HTTP.SetTargetIp(%s)",
+                            pTargetIp);
     if (ret != SUCCESS) {
-        TimePrint(m_pDB, m_nLogLevel,
-                  "[CClient_ScheduleServer::SetTarget()] m_obClient_HTTP.SetTargetIp(%s) failed ::%d\n", pTargetIp,
-                  ret);
         return ret;
     }
-    ret = m_obClient_HTTP.SetTargetPort(port);
-    if (ret != SUCCESS) {
-        TimePrint(m_pDB, m_nLogLevel,
-                  "[CClient_ScheduleServer::SetTarget()] m_obClient_HTTP.SetTargetPort(%d) failed ::%d\n", port, ret);
-        return ret;
-    }
-    return SUCCESS;
+    return Log().Checked(m_obClient_HTTP.SetTargetPort(port), "SetTarget", "m_obClient_HTTP.SetTargetPort(%d)", port);
 }
 
 int CClient_ScheduleServer::SetSocketTimeout(int nTimeoutMsec)
 {
-    int ret = m_obClient_HTTP.SetSocketTimeout(nTimeoutMsec);
-    if (ret != SUCCESS) {
-        TimePrint(m_pDB, m_nLogLevel,
-                  "[CClient_ScheduleServer::SetSocketTimeout()] m_obClient_HTTP.SetSocketTimeout(%d) failed ::%d\n",
-                  nTimeoutMsec, ret);
-        return ret;
-    }
-    return SUCCESS;
+    return Log().Checked(m_obClient_HTTP.SetSocketTimeout(nTimeoutMsec), "SetSocketTimeout",
+                         "m_obClient_HTTP.SetSocketTimeout(%d)", nTimeoutMsec);
 }
 
 int CClient_ScheduleServer::SetSocketExitFlag(SockExitFlag* pExitFlag)
 {
-    if (pExitFlag == nullptr) {
-        TimePrint(m_pDB, m_nLogLevel, "[CClient_ScheduleServer::SetSocketExitFlag()] pExitFlag == NULL\n");
+    if (!Log().Given(pExitFlag, "SetSocketExitFlag", "pExitFlag")) {
         return INVALID_ARGUMENT;
     }
-    int ret = m_obClient_HTTP.SetSocketExitFlag(pExitFlag);
-    if (ret != SUCCESS) {
-        TimePrint(m_pDB, m_nLogLevel,
-                  "[CClient_ScheduleServer::SetSocketExitFlag()] m_obClient_HTTP.SetSocketExitFlag failed ::%d\n", ret);
-        return ret;
-    }
-    return SUCCESS;
+    return Log().Checked(m_obClient_HTTP.SetSocketExitFlag(pExitFlag), "SetSocketExitFlag",
+                         "m_obClient_HTTP.SetSocketExitFlag");
 }
 
 int CClient_ScheduleServer::SendStop()
@@ -119,9 +85,5 @@ int CClient_ScheduleServer::SendStop()
     int received = 0;
     int ret = m_obClient_HTTP.Get(0, m_strAnswer, sizeof m_strAnswer, &received);
     g_Figures.StopRequestSent(ret);
-    if (ret != SUCCESS) {
-        TimePrint(m_pDB, m_nLogLevel, "[CClient_ScheduleServer::Stop()] m_obClient_HTTP.Get failed ::%d\n", ret);
-        return ret;
-    }
-    return SUCCESS;
+    return Log().Checked(ret, "Stop", "m_obClient_HTTP.Get");
 }

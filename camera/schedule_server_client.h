@@ -1,6 +1,7 @@
 #ifndef OSTREL_CAMERA_SCHEDULE_SERVER_CLIENT_H
 #define OSTREL_CAMERA_SCHEDULE_SERVER_CLIENT_H
 
+#include "camera/client_log.h"
 #include "http/client_http.h"
 
 class DbPrintf_Class;
@@ -42,6 +43,8 @@ public:
     const char* GetRequestText() const { return m_obClient_HTTP.GetRequestText(); }
 
 private:
+    ClientLog Log() const { return ClientLog{m_pDB, m_nLogLevel, "CClient_ScheduleServer"}; }
+
     CClient_HTTP m_obClient_HTTP;
     DbPrintf_Class* m_pDB = nullptr;
     int m_nLogLevel = 0;

@@ -6,29 +6,22 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "common/byte_class.h"
 #include "common/cfg_file.h"
 #include "common/return_codes.h"
 
-// Row layout: 16 bytes per row, the row's first byte value in the comment.
-const unsigned char AsciiFile_Char[256] = {
-    0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 1, 0, 0, 1, 0, 0,  // 0x00: TAB, LF, CR only
-    0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0,  // 0x10: control bytes
-    1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1,  // 0x20: blank ! " # ... /
-    1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1,  // 0x30: 0-9 : ; < = > ?
-    1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1,  // 0x40: @ A-O
-    1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1,  // 0x50: P-Z [ \ ] ^ _
-    0, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1,  // 0x60: backquote refused, a-o
-    1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 0,  // 0x70: p-z { | } ~, DEL refused
-    0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0,  // 0x80
-    0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0,  // 0x90
-    0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0,  // 0xA0
-    0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0,  // 0xB0
-    0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0,  // 0xC0
-    0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0,  // 0xD0
-    0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0,  // 0xE0
-    0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0,  // 0xF0
-};
+namespace {
 
+// Tab, LF, CR, 0x20..0x5F and 0x61..0x7E: the backquote is refused on purpose,
+// as are DEL and every byte of 0x80 and above.
+constexpr bool ascii_file(int c)
+{
+    return c == 0x09 || c == 0x0A || c == 0x0D || byte_class::in(c, 0x20, 0x5F) || byte_class::in(c, 0x61, 0x7E);
+}
+
+}  // namespace
+
+const unsigned char AsciiFile_Char[256] = {OSTREL_BYTE_CLASS(ascii_file)};
 namespace {
 
 // Images are below this size, so every span fits a token.

@@ -7,6 +7,7 @@
 #include <new>
 
 #include "common/debug_log.h"
+#include "common/ptr_arr.h"
 #include "common/return_codes.h"
 #include "common/string_buf.h"
 
@@ -238,15 +239,9 @@ int append_entry(T*** arr, int* count, int* capacity, T* item, DbPrintf_Class* p
         TimePrint(pDB, 1, "[%s] array not allocated ::%d\n", who, MEM_MAP_ERROR);
         return MEM_MAP_ERROR;
     }
-    if (*count == *capacity) {
-        T** grown = static_cast<T**>(realloc(*arr, sizeof(T*) * static_cast<size_t>(*capacity + kArrStep)));
-        if (grown == nullptr) {
-            TimePrint(pDB, 1, "[%s] realloc failed ::%d\n", who, MALLOC_ERROR);
-            return MALLOC_ERROR;
-        }
-        memset(grown + *capacity, 0, sizeof(T*) * kArrStep);
-        *arr = grown;
-        *capacity += kArrStep;
+    if (PtrArr_MakeRoom(arr, *count, capacity, kArrStep) != SUCCESS) {
+        TimePrint(pDB, 1, "[%s] realloc failed ::%d\n", who, MALLOC_ERROR);
+        return MALLOC_ERROR;
     }
     (*arr)[(*count)++] = item;
     return SUCCESS;
@@ -425,32 +420,36 @@ int StaticArr_NameValToken_Class::Clear(DbPrintf_Class* pDB)
     return SUCCESS;
 }
 
-int StaticArr_NameValToken_Class::Set_NameValToken_OnlyPointer(const unsigned char* name, int nameLen,
-                                                               const unsigned char* val, int valLen,
-                                                               DbPrintf_Class* pDB)
+int StaticArr_NameValToken_Class::SetNext(const unsigned char* name, int nameLen, const unsigned char* val, int valLen,
+                                          bool alloc, DbPrintf_Class* pDB)
 {
     if (m_ppArr == nullptr || m_nCount >= m_nCapacity) {
         return NOT_FOUND_FREE_BUF;
     }
     NameValToken_Class* pair = m_ppArr[m_nCount];
-    pair->m_Name.Copy_OnlyPointer(name, nameLen, pDB);
-    pair->m_Val.Copy_OnlyPointer(val, valLen, pDB);
+    if (alloc) {
+        pair->m_Name.Copy_WithMemAlloc(name, nameLen, pDB);
+        pair->m_Val.Copy_WithMemAlloc(val, valLen, pDB);
+    } else {
+        pair->m_Name.Copy_OnlyPointer(name, nameLen, pDB);
+        pair->m_Val.Copy_OnlyPointer(val, valLen, pDB);
+    }
     ++m_nCount;
     return SUCCESS;
+}
+
+int StaticArr_NameValToken_Class::Set_NameValToken_OnlyPointer(const unsigned char* name, int nameLen,
+                                                               const unsigned char* val, int valLen,
+                                                               DbPrintf_Class* pDB)
+{
+    return SetNext(name, nameLen, val, valLen, false, pDB);
 }
 
 int StaticArr_NameValToken_Class::Set_NameValToken_WithMemAlloc(const unsigned char* name, int nameLen,
                                                                 const unsigned char* val, int valLen,
                                                                 DbPrintf_Class* pDB)
 {
-    if (m_ppArr == nullptr || m_nCount >= m_nCapacity) {
-        return NOT_FOUND_FREE_BUF;
-    }
-    NameValToken_Class* pair = m_ppArr[m_nCount];
-    pair->m_Name.Copy_WithMemAlloc(name, nameLen, pDB);
-    pair->m_Val.Copy_WithMemAlloc(val, valLen, pDB);
-    ++m_nCount;
-    return SUCCESS;
+    return SetNext(name, nameLen, val, valLen, true, pDB);
 }
 
 int StaticArr_NameValToken_Class::Search_NameToVal(const char* name, OneToken_Class** val, DbPrintf_Class* pDB) const

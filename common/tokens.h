@@ -169,6 +169,10 @@ public:
     NameValToken_Class* Get(int i) const { return (i >= 0 && i < m_nCount) ? m_ppArr[i] : nullptr; }
 
 private:
+    // The next free pair takes name and value, as owned copies or borrowed.
+    int SetNext(const unsigned char* name, int nameLen, const unsigned char* val, int valLen, bool alloc,
+                DbPrintf_Class* pDB);
+
     int m_nCount = 0;
     NameValToken_Class** m_ppArr = nullptr;
     int m_nCapacity = 0;

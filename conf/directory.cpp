@@ -50,17 +50,10 @@ int PPD_Directory_Class::Parsing_FromFile(const char* path, DbPrintf_Class* pDB)
 {
     Clear(pDB);
     XmlParser_Class parser;
-    int rc = parser.Construct_FromFileOpen(path, pDB);
+    const XmlElement_Class* root = nullptr;
+    int rc = XmlParser_ReadRoot(&parser, path, "Directory.Conf", &root, pDB);
     if (rc != SUCCESS) {
         return rc;
-    }
-    rc = parser.ParserMain(pDB);
-    if (rc != SUCCESS) {
-        return rc;
-    }
-    const XmlElement_Class* root = parser.GetRootElement();
-    if (root == nullptr || root->GetName().Compare("Directory.Conf", pDB) != SUCCESS) {
-        return XMLPARSER_PARSER_ERROR;
     }
     m_nUnixDomainSockDir_State = read_directory(root, "UnixDomainSockDir", m_szUnixDomainSockDir,
                                                 static_cast<int>(sizeof m_szUnixDomainSockDir), pDB);

@@ -5,6 +5,7 @@
 
 #include <arpa/inet.h>
 
+#include "common/ptr_arr.h"
 #include "common/return_codes.h"
 #include "common/string_buf.h"
 
@@ -49,13 +50,8 @@ int Arr_IpAddr::Add(struct in_addr* addr, DbPrintf_Class* pDB)
         return DEBUG_WARNING;
     if (m_ppArr == nullptr)
         return MEM_MAP_ERROR;
-    if (m_nCount == m_nCapacity) {
-        void* grown = std::realloc(m_ppArr, sizeof *m_ppArr * static_cast<size_t>(m_nCapacity + kGrowth));
-        if (grown == nullptr)
-            return MALLOC_ERROR;
-        m_ppArr = static_cast<struct in_addr**>(grown);
-        m_nCapacity += kGrowth;
-    }
+    if (PtrArr_MakeRoom(&m_ppArr, m_nCount, &m_nCapacity, kGrowth) != SUCCESS)
+        return MALLOC_ERROR;
     m_ppArr[m_nCount++] = addr;
     return SUCCESS;
 }

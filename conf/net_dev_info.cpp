@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "common/name_val_file.h"
+#include "common/ptr_arr.h"
 #include "common/return_codes.h"
 #include "common/string_buf.h"
 
@@ -118,13 +119,8 @@ int NetDevInfo_Class::DeviceAdd(const char* device, const unsigned char* ip, int
 {
     if (m_ppArr == nullptr)
         return MEM_MAP_ERROR;
-    if (m_nCount == m_nCapacity) {
-        void* grown = std::realloc(m_ppArr, sizeof *m_ppArr * static_cast<size_t>(m_nCapacity + kGrowth));
-        if (grown == nullptr)
-            return MALLOC_ERROR;
-        m_ppArr = static_cast<NetDevInfo_OneElement_Class**>(grown);
-        m_nCapacity += kGrowth;
-    }
+    if (PtrArr_MakeRoom(&m_ppArr, m_nCount, &m_nCapacity, kGrowth) != SUCCESS)
+        return MALLOC_ERROR;
     NetDevInfo_OneElement_Class* entry = new NetDevInfo_OneElement_Class;
     int rc = entry->m_DevName.Copy_WithMemAlloc(device, pDB);
     if (rc == SUCCESS)

@@ -88,21 +88,28 @@ int PPDConfigXmlTree_Get_IPorDevice(const XmlElement_Class* entry, OneToken_Clas
     return SUCCESS;
 }
 
+namespace {
+
+// The part both address-and-port entries share, back to "not read".
+void clear_port_entry(int* state, OneToken_Class* ip, struct in_addr* addr, int* port)
+{
+    *state = -1;
+    ip->Clear();
+    std::memset(addr, 0, sizeof *addr);
+    *port = 0;
+}
+
+}  // namespace
+
 void PPDServerPC_PortEntry_Class::Clear()
 {
-    m_nState = -1;
-    m_IPString.Clear();
-    std::memset(&m_Addr, 0, sizeof m_Addr);
-    m_nPort = 0;
+    clear_port_entry(&m_nState, &m_IPString, &m_Addr, &m_nPort);
 }
 
 void PPDServerPC_MasterEntry_Class::Clear()
 {
-    m_nState = -1;
     m_ExistencePC.Clear();
-    m_IPString.Clear();
-    std::memset(&m_Addr, 0, sizeof m_Addr);
-    m_nPort = 0;
+    clear_port_entry(&m_nState, &m_IPString, &m_Addr, &m_nPort);
 }
 
 void PPDServerPC_AddrEntry_Class::Clear()

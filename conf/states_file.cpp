@@ -127,17 +127,10 @@ int PPDStatesFile_Class::StatesWrite_WithComment(const char* state, const char* 
 int PPDStatesFile_Class::StatesRead(DbPrintf_Class* pDB)
 {
     XmlParser_Class parser;
-    int rc = parser.Construct_FromFileOpen(m_szPath, pDB);
+    const XmlElement_Class* root = nullptr;
+    int rc = XmlParser_ReadRoot(&parser, m_szPath, "PPD.States", &root, pDB);
     if (rc != SUCCESS) {
         return rc;
-    }
-    rc = parser.ParserMain(pDB);
-    if (rc != SUCCESS) {
-        return rc;
-    }
-    const XmlElement_Class* root = parser.GetRootElement();
-    if (root == nullptr || root->GetName().Compare("PPD.States", pDB) != SUCCESS) {
-        return XMLPARSER_PARSER_ERROR;
     }
     m_States.Clear(pDB);
     rc = root->Get_ChildElementString("States", &m_States, 0, pDB);

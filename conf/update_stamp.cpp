@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 
+#include "common/ptr_arr.h"
 #include "common/return_codes.h"
 #include "common/time_utils.h"
 
@@ -76,26 +77,18 @@ int Arr_PPDUpdateFileInfo::Update_ConfUpdateInfo(const OneToken_Class* name, con
     if (name == nullptr || time == nullptr)
         return DEBUG_WARNING;
     pthread_mutex_lock(&m_Mutex);
-    int rc = SUCCESS;
     PPD_ConfUpdateInfo* entry = nullptr;
     for (int i = 0; i < m_nCount && entry == nullptr; ++i) {
         if (m_ppArr[i]->m_FileName.Compare(name, pDB) == SUCCESS)
             entry = m_ppArr[i];
     }
+    int rc;
     if (entry != nullptr) {
         rc = entry->Set(name, time, seq, pDB);
     } else if (m_ppArr == nullptr) {
         rc = MEM_MAP_ERROR;
     } else {
-        if (m_nCount == m_nCapacity) {
-            void* grown = std::realloc(m_ppArr, sizeof *m_ppArr * static_cast<size_t>(m_nCapacity + kGrowth));
-            if (grown == nullptr) {
-                rc = MALLOC_ERROR;
-            } else {
-                m_ppArr = static_cast<PPD_ConfUpdateInfo**>(grown);
-                m_nCapacity += kGrowth;
-            }
-        }
+        rc = PtrArr_MakeRoom(&m_ppArr, m_nCount, &m_nCapacity, kGrowth);
         if (rc == SUCCESS) {
             entry = new PPD_ConfUpdateInfo;
             rc = entry->Set(name, time, seq, pDB);

@@ -13,26 +13,13 @@
 
 namespace {
 
-// Reads exactly len bytes; false on error or a short file.
-bool read_all(int fd, char* buf, size_t len)
-{
-    size_t got = 0;
-    while (got < len) {
-        ssize_t n = read(fd, buf + got, len - got);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            return false;
-        got += static_cast<size_t>(n);
-    }
-    return true;
-}
-
-bool write_all(int fd, const char* buf, size_t len)
+// Moves exactly len bytes with op (read or write), going on after EINTR;
+// false on an error or a short file.
+template <typename Op, typename Buf> bool move_all(Op op, int fd, Buf* buf, size_t len)
 {
     size_t done = 0;
     while (done < len) {
-        ssize_t n = write(fd, buf + done, len - done);
+        ssize_t n = op(fd, buf + done, len - done);
         if (n < 0 && errno == EINTR)
             continue;
         if (n <= 0)
@@ -51,7 +38,7 @@ int same_content(const char* path, const char* text, size_t len)
     int result = -1;
     int fd = open(path, O_RDONLY);
     if (fd != -1) {
-        if (read_all(fd, old, len))
+        if (move_all(read, fd, old, len))
             result = std::memcmp(old, text, len) == 0 ? 1 : 0;
         close(fd);
     }
@@ -85,7 +72,7 @@ int FileIsNewCheck_AndWrite(const char* path, StringBuf_Class* content, DbPrintf
     int fd = open(path, O_WRONLY | O_CREAT, 0666);
     if (fd == -1)
         return SYS_FUNC_ERROR;
-    bool ok = write_all(fd, text, len);
+    bool ok = move_all(write, fd, text, len);
     if (close(fd) == -1)
         ok = false;
     if (!ok || chmod(path, 0666) == -1)

@@ -40,6 +40,28 @@ void compose_image_headers(const char* option, char* out, int outSize)
     snprintf(out, outSize, "TarnDataType: %s\r\n%sOFFSET_TIME: 0\r\n", "Ostrel", imageId);
 }
 
+// The answer to a login or a logout: format with the user id as the whole
+// body, status 200, then the connection closes.
+int answer_user(ControlPort_Connection& conn, const char* format, int userId, DbPrintf_Class* pDB)
+{
+    char text[64];
+    snprintf(text, sizeof text, format, userId);
+    conn.AnswerText(text, pDB);
+    return HTTP_CONNECTIONCLOSE;
+}
+
+// The request's img_user_id into *userId. When it is missing the refusal is
+// logged for the command, "ERROR_SYSTEM:" answered and false returned.
+bool read_user_id(ControlPort_Connection& conn, const char* command, int* userId, DbPrintf_Class* pDB)
+{
+    if (request_param_int(conn.Request(), "img_user_id=", userId)) {
+        return true;
+    }
+    TimePrint(pDB, 1, "ControlPort_ServerThread:ptippreimg.cgi %s Error.Not found img_user_id=[200]\n", command);
+    conn.AnswerText("ERROR_SYSTEM:", pDB);
+    return false;
+}
+
 }  // namespace
 
 int PreImage_Protocol::Handle(ControlPort_Connection& conn, DbPrintf_Class* pDB)
@@ -96,11 +118,7 @@ int PreImage_Protocol::DoCommand_Ptipimg__img_login(DbPrintf_Class* pDB)
     NotifyCamThread();
     g_Figures.Login();
 
-    m_Conn.Header().clear();
-    m_Conn.Body().clear();
-    m_Conn.Body().add("LOGIN_SUCCESS:%d:\r\n", kUserId);
-    m_Conn.ResponceSend_ConnectionClose(200, pDB);
-    return HTTP_CONNECTIONCLOSE;
+    return answer_user(m_Conn, "LOGIN_SUCCESS:%d:\r\n", kUserId, pDB);
 }
 
 int PreImage_Protocol::DoCommand_Ptipimg__get_image(DbPrintf_Class* pDB)
@@ -124,9 +142,7 @@ int PreImage_Protocol::DoCommand_Ptipimg__get_image(DbPrintf_Class* pDB)
 bool PreImage_Protocol::ImageRequestValid(DbPrintf_Class* pDB)
 {
     int userId = 0;
-    if (!request_param_int(m_Conn.Request(), "img_user_id=", &userId)) {
-        TimePrint(pDB, 1, "ControlPort_ServerThread:ptippreimg.cgi get_image Error.Not found img_user_id=[200]\n");
-        m_Conn.AnswerText("ERROR_SYSTEM:", pDB);
+    if (!read_user_id(m_Conn, "get_image", &userId, pDB)) {
         return false;
     }
     if (userId != kUserId || g_flagLoginUserExist.load(std::memory_order_relaxed) != 1) {
@@ -201,8 +217,7 @@ bool PreImage_Protocol::BorrowNextFrame(char** ppVideo, char* option, _StrOutInf
 }
 
 // Sends the borrowed picture with its option text in the extra headers.
-void PreImage_Protocol::SendImage(const char* pVideo, const char* option, const _StrOutInfo& info,
-                                         DbPrintf_Class* pDB)
+void PreImage_Protocol::SendImage(const char* pVideo, const char* option, const _StrOutInfo& info, DbPrintf_Class* pDB)
 {
     char extra[kExtraHeadersMax + 1];
     compose_image_headers(option, extra, sizeof(extra));
@@ -231,9 +246,7 @@ void PreImage_Protocol::SendImage(const char* pVideo, const char* option, const 
 int PreImage_Protocol::DoCommand_Ptipimg__img_logout(DbPrintf_Class* pDB)
 {
     int userId = 0;
-    if (!request_param_int(m_Conn.Request(), "img_user_id=", &userId)) {
-        TimePrint(pDB, 1, "ControlPort_ServerThread:ptippreimg.cgi img_logout Error.Not found img_user_id=[200]\n");
-        m_Conn.AnswerText("ERROR_SYSTEM:", pDB);
+    if (!read_user_id(m_Conn, "img_logout", &userId, pDB)) {
         return HTTP_CONNECTIONCLOSE;
     }
     if (userId != kUserId) {
@@ -244,9 +257,5 @@ int PreImage_Protocol::DoCommand_Ptipimg__img_logout(DbPrintf_Class* pDB)
     }
     g_flagLoginUserExist.store(0, std::memory_order_relaxed);
     g_Figures.Logout();
-    m_Conn.Header().clear();
-    m_Conn.Body().clear();
-    m_Conn.Body().add("LOGOUT_SUCCESS:%d:IMAGE\r\n", kUserId);
-    m_Conn.ResponceSend_ConnectionClose(200, pDB);
-    return HTTP_CONNECTIONCLOSE;
+    return answer_user(m_Conn, "LOGOUT_SUCCESS:%d:IMAGE\r\n", kUserId, pDB);
 }

@@ -3,6 +3,7 @@
 
 #include <sys/time.h>
 
+#include "common/return_codes.h"
 #include "http/byte_source.h"
 #include "net/socket_io.h"
 
@@ -58,6 +59,17 @@ struct Scan {
     bool leading;
     int Next(const unsigned char* buf, int filled);
 };
+
+// The start of a head-read pass over a buffer holding filled of capacity
+// bytes: DATA_LARGE_THEN_BUF when it is full, LOOP_INTERRUPTED when the exit
+// flag asks to stop; else SUCCESS with *before set to the pass's start.
+int PassStart(int filled, int capacity, const SockExitFlag* exitFlag, timeval* before);
+
+// What a pass's receive (rc, *got bytes) means for the head read: SUCCESS
+// to go on (a signal that is not the stop request counts as a pass without
+// data: *got becomes 0), LOOP_INTERRUPTED for the stop request, SOCK_CLOSE
+// for a peer that closed, or rc itself for a failed receive.
+int PassReceived(int rc, int* got, const SockExitFlag* exitFlag);
 
 // The socket layer's receive-pass accounting (Sock_RecvPassTimeUp) for a
 // head-read pass that began at before and was not silent (a silent wait
@@ -153,6 +165,37 @@ protected:
     // report it: SOCK_TIMEOUT stays (status 408); anything else becomes
     // HTTP_HEADER_READ_FAILD (413 when the head did not fit, else 400).
     int HeadReadFailed(int rc);
+    // The same, logged first as "[who] HttpRead_Header(sockfd %d) failed ::%d".
+    int HeadReadFailed(const char* who, int fd, int rc, DbPrintf_Class* pDB);
+    // A failed head parse: logged as "[who] step failed ::%d", the parser's
+    // status and text taken over (SetFailure); HTTP_INVALID_SYNTAX.
+    int HeadParseFailed(const char* who, const char* step, int rc, int status, const char* text, DbPrintf_Class* pDB);
+    // The body of "Content-Length:" bytes (CheckContentLength against the
+    // room after the head, then HttpRead_Body), each failure logged under who
+    // ("[who] <the check's text> ::%d", "[who] HttpRead_Body(sockfd
+    // %d,ContentLength %d) failed ::%d") and reported as those steps do
+    // (a failed read through BodyReadFailed). SUCCESS.
+    int ReadCountedBody(int fd, int timeout_ms, SockExitFlag* exitFlag, const StaticArr_NameValToken_Class& headers,
+                        const char* who, DbPrintf_Class* pDB);
+    // How HttpRead (and the multipart HttpReadFirst) begin: PrepareNextMessage,
+    // the head read, then parser->Parsing over the head, each failure as
+    // above. errorText is the parser's text to report (the request parser
+    // keeps its own apart from the shared scanner's). SUCCESS.
+    template <typename Parser>
+    int ReadParsedHead(int fd, int timeout_ms, SockExitFlag* exitFlag, Parser* parser, const char* errorText,
+                       const char* who, DbPrintf_Class* pDB)
+    {
+        PrepareNextMessage(pDB);
+        int rc = HttpRead_Header(fd, timeout_ms, exitFlag, pDB);
+        if (rc != SUCCESS) {
+            return HeadReadFailed(who, fd, rc, pDB);
+        }
+        rc = parser->Parsing(m_pBuffer + m_nHeaderStart, m_nHeaderLength, pDB);
+        if (rc != SUCCESS) {
+            return HeadParseFailed(who, "Parser.Parsing", rc, parser->m_nStatus, errorText, pDB);
+        }
+        return SUCCESS;
+    }
     // A failed body read: HTTP_BODY_READ_FAILD, status 408 for SOCK_TIMEOUT
     // (HttpRead_Body never passes one through, so 400 in practice).
     int BodyReadFailed(int rc);

@@ -99,94 +99,77 @@ int CClient_HTTP_Common::SetLog(DbPrintf_Class* pDB, int nLevel)
     return SUCCESS;
 }
 
-int CClient_HTTP_Common::SetMyself(const char* pMyselfIp)
+bool CClient_HTTP_Common::Given(bool given, const char* op, const char* arg)
 {
-    if (pMyselfIp == nullptr) {
-        TimePrint(m_pDB, m_nLogLevel, "[%s::SetMyself()] pMyselfIp == NULL\n", m_pClassName);
+    if (!given) {
+        TimePrint(m_pDB, m_nLogLevel, "[%s::%s()] %s == NULL\n", m_pClassName, op, arg);
+    }
+    return given;
+}
+
+int CClient_HTTP_Common::SetText(char* field, int size, const char* text, const char* setter, const char* arg)
+{
+    if (!Given(text != nullptr, setter, arg)) {
         return INVALID_ARGUMENT;
     }
-    copy_text(m_pMyselfIp, sizeof(m_pMyselfIp), pMyselfIp);
+    copy_text(field, size, text);
     return SUCCESS;
+}
+
+int CClient_HTTP_Common::SetNumber(int* field, int value, bool valid, const char* setter, const char* arg)
+{
+    if (!valid) {
+        TimePrint(m_pDB, m_nLogLevel, "[%s::%s()] %s(%d) invalid\n", m_pClassName, setter, arg, value);
+        return INVALID_ARGUMENT;
+    }
+    *field = value;
+    return SUCCESS;
+}
+
+int CClient_HTTP_Common::SetMyself(const char* pMyselfIp)
+{
+    return SetText(m_pMyselfIp, sizeof(m_pMyselfIp), pMyselfIp, "SetMyself", "pMyselfIp");
 }
 
 int CClient_HTTP_Common::SetTargetIp(const char* pTargetIp)
 {
-    if (pTargetIp == nullptr) {
-        TimePrint(m_pDB, m_nLogLevel, "[%s::SetTargetIp()] pTargetIp == NULL\n", m_pClassName);
-        return INVALID_ARGUMENT;
-    }
-    copy_text(m_pTargetIp, sizeof(m_pTargetIp), pTargetIp);
-    return SUCCESS;
+    return SetText(m_pTargetIp, sizeof(m_pTargetIp), pTargetIp, "SetTargetIp", "pTargetIp");
 }
 
 int CClient_HTTP_Common::SetTargetPort(int nPort)
 {
-    if (!valid_port(nPort)) {
-        TimePrint(m_pDB, m_nLogLevel, "[%s::SetTargetPort()] nTargetPort(%d) invalid\n", m_pClassName, nPort);
-        return INVALID_ARGUMENT;
-    }
-    m_nTargetPort = nPort;
-    return SUCCESS;
+    return SetNumber(&m_nTargetPort, nPort, valid_port(nPort), "SetTargetPort", "nTargetPort");
 }
 
 int CClient_HTTP_Common::SetProxy(int nProxy)
 {
-    if (nProxy != 0 && nProxy != 1) {
-        TimePrint(m_pDB, m_nLogLevel, "[%s::SetProxy()] nProxy(%d) invalid\n", m_pClassName, nProxy);
-        return INVALID_ARGUMENT;
-    }
-    m_nProxy = nProxy;
-    return SUCCESS;
+    return SetNumber(&m_nProxy, nProxy, nProxy == 0 || nProxy == 1, "SetProxy", "nProxy");
 }
 
 int CClient_HTTP_Common::SetProxyIp(const char* pProxyIp)
 {
-    if (pProxyIp == nullptr) {
-        TimePrint(m_pDB, m_nLogLevel, "[%s::SetProxyIp()] pProxyIp == NULL\n", m_pClassName);
-        return INVALID_ARGUMENT;
-    }
-    copy_text(m_pProxyIp, sizeof(m_pProxyIp), pProxyIp);
-    return SUCCESS;
+    return SetText(m_pProxyIp, sizeof(m_pProxyIp), pProxyIp, "SetProxyIp", "pProxyIp");
 }
 
 int CClient_HTTP_Common::SetProxyPort(int nPort)
 {
-    if (!valid_port(nPort)) {
-        TimePrint(m_pDB, m_nLogLevel, "[%s::SetProxyPort()] nProxyPort(%d) invalid\n", m_pClassName, nPort);
-        return INVALID_ARGUMENT;
-    }
-    m_nProxyPort = nPort;
-    return SUCCESS;
+    return SetNumber(&m_nProxyPort, nPort, valid_port(nPort), "SetProxyPort", "nProxyPort");
 }
 
 int CClient_HTTP_Common::SetTargetPath(const char* pTargetPath)
 {
-    if (pTargetPath == nullptr) {
-        TimePrint(m_pDB, m_nLogLevel, "[%s::SetTargetPath()] pTargetPath == NULL\n", m_pClassName);
-        return INVALID_ARGUMENT;
-    }
-    copy_text(m_strTargetPath, sizeof(m_strTargetPath), pTargetPath);
-    return SUCCESS;
+    return SetText(m_strTargetPath, sizeof(m_strTargetPath), pTargetPath, "SetTargetPath", "pTargetPath");
 }
 
 int CClient_HTTP_Common::SetAuth(int nAuth)
 {
-    if (nAuth != 0 && nAuth != 1) {
-        TimePrint(m_pDB, m_nLogLevel, "[%s::SetAuth()] nAuth(%d) invalid\n", m_pClassName, nAuth);
-        return INVALID_ARGUMENT;
-    }
-    m_nAuth = nAuth;
-    return SUCCESS;
+    return SetNumber(&m_nAuth, nAuth, nAuth == 0 || nAuth == 1, "SetAuth", "nAuth");
 }
 
 int CClient_HTTP_Common::SetAuthString(const char* pUserName, const char* pPassword)
 {
-    if (pUserName == nullptr) {
-        TimePrint(m_pDB, m_nLogLevel, "[%s::SetAuthString()] pUserName == NULL\n", m_pClassName);
-        return INVALID_ARGUMENT;
-    }
-    if (pPassword == nullptr) {
-        TimePrint(m_pDB, m_nLogLevel, "[%s::SetAuthString()] pPassword == NULL\n", m_pClassName);
+    if (!Given(pUserName != nullptr, "SetAuthString", "pUserName") ||
+        !Given(pPassword != nullptr, "SetAuthString", "pPassword")) {
         return INVALID_ARGUMENT;
     }
     if (m_nAuth != 1) {
@@ -283,8 +266,7 @@ int CClient_HTTP_Common::SetSocketTimeout(int nTimeoutMsec)
 
 int CClient_HTTP_Common::SetSocketExitFlag(SockExitFlag* pExitFlag)
 {
-    if (pExitFlag == nullptr) {
-        TimePrint(m_pDB, m_nLogLevel, "[%s::SetSocketExitFlag()] pExitFlag == NULL\n", m_pClassName);
+    if (!Given(pExitFlag != nullptr, "SetSocketExitFlag", "pExitFlag")) {
         return INVALID_ARGUMENT;
     }
     m_pExitFlag = pExitFlag;
@@ -293,12 +275,7 @@ int CClient_HTTP_Common::SetSocketExitFlag(SockExitFlag* pExitFlag)
 
 int CClient_HTTP_Common::AddTag(const char* pName, const char* pValue)
 {
-    if (pName == nullptr) {
-        TimePrint(m_pDB, m_nLogLevel, "[%s::AddTag()] pName == NULL\n", m_pClassName);
-        return INVALID_ARGUMENT;
-    }
-    if (pValue == nullptr) {
-        TimePrint(m_pDB, m_nLogLevel, "[%s::AddTag()] pValue == NULL\n", m_pClassName);
+    if (!Given(pName != nullptr, "AddTag", "pName") || !Given(pValue != nullptr, "AddTag", "pValue")) {
         return INVALID_ARGUMENT;
     }
     // Only whole lines go in: a cut line would end the request head early.
@@ -322,12 +299,8 @@ int CClient_HTTP_Common::ClearAllTag()
 
 int CClient_HTTP_Common::GetHeaderItemValue(const char* pName, char* pValue, int nSize)
 {
-    if (pName == nullptr) {
-        TimePrint(m_pDB, m_nLogLevel, "[%s::GetHeaderItemValue()] pName == NULL\n", m_pClassName);
-        return INVALID_ARGUMENT;
-    }
-    if (pValue == nullptr || nSize < 1) {
-        TimePrint(m_pDB, m_nLogLevel, "[%s::GetHeaderItemValue()] pValue == NULL\n", m_pClassName);
+    if (!Given(pName != nullptr, "GetHeaderItemValue", "pName") ||
+        !Given(pValue != nullptr && nSize >= 1, "GetHeaderItemValue", "pValue")) {
         return INVALID_ARGUMENT;
     }
     memset(pValue, 0, static_cast<size_t>(nSize));
@@ -373,27 +346,18 @@ int CClient_HTTP_Common::CreateSock()
         return CLIENT_INCOMPLETE_SETUP;
     }
     DestroySock();
-    int ret;
-    if (m_nProxy == 1) {
-        ret = Sock_OpenConnect_String(m_pMyselfIp, m_pProxyIp, static_cast<unsigned short>(m_nProxyPort), &m_nSockfd,
-                                      m_nSocketTimeout, m_pDB);
-        if (ret != SUCCESS) {
-            DestroySock();
-            TimePrint(
-                m_pDB, m_nLogLevel,
-                "[%s::CreateSock()] Sock_OpenConnect_String(m_pMyselfIp %s,m_pProxyIp %s,m_nProxyPort %d) failed ::%d\n",
-                m_pClassName, m_pMyselfIp, m_pProxyIp, m_nProxyPort, ret);
-        }
-    } else {
-        ret = Sock_OpenConnect_String(m_pMyselfIp, m_pTargetIp, static_cast<unsigned short>(m_nTargetPort), &m_nSockfd,
-                                      m_nSocketTimeout, m_pDB);
-        if (ret != SUCCESS) {
-            DestroySock();
-            TimePrint(
-                m_pDB, m_nLogLevel,
-                "[%s::CreateSock()] Sock_OpenConnect_String(m_pMyselfIp %s,m_pTargetIp %s,m_nTargetPort %d) failed ::%d\n",
-                m_pClassName, m_pMyselfIp, m_pTargetIp, m_nTargetPort, ret);
-        }
+    // Through the proxy when it is switched on, else straight to the target.
+    const bool proxy = m_nProxy == 1;
+    const char* ip = proxy ? m_pProxyIp : m_pTargetIp;
+    const int port = proxy ? m_nProxyPort : m_nTargetPort;
+    const int ret = Sock_OpenConnect_String(m_pMyselfIp, ip, static_cast<unsigned short>(port), &m_nSockfd,
+                                            m_nSocketTimeout, m_pDB);
+    if (ret != SUCCESS) {
+        DestroySock();
+        TimePrint(m_pDB, m_nLogLevel,
+                  "[%s::CreateSock()] Sock_OpenConnect_String(m_pMyselfIp %s,%s %s,%s %d) failed ::%d\n", m_pClassName,
+                  m_pMyselfIp, proxy ? "m_pProxyIp" : "m_pTargetIp", ip, proxy ? "m_nProxyPort" : "m_nTargetPort", port,
+                  ret);
     }
     return ret;
 }

@@ -156,6 +156,17 @@ protected:
 
 private:
     void SetInitialValues();
+    // False, with "[<class>::<op>()] <arg> == NULL" logged, when given is
+    // false (a null argument).
+    bool Given(bool given, const char* op, const char* arg);
+    // What the text setters share: a null text is logged as Given does and
+    // refused (INVALID_ARGUMENT); otherwise it is copied (cut to the field).
+    // SUCCESS.
+    int SetText(char* field, int size, const char* text, const char* setter, const char* arg);
+    // What the number setters share: a value that is not valid is logged as
+    // "[<class>::<setter>()] <arg>(<value>) invalid" and refused; otherwise
+    // it is stored. SUCCESS.
+    int SetNumber(int* field, int value, bool valid, const char* setter, const char* arg);
     // The "Authorization: Digest" line for the next request, with the next
     // nonce count and a fresh client nonce. SUCCESS or the builder's code.
     int BuildDigestLine(const char* method);

@@ -56,21 +56,10 @@ int HTTPMultiPartResponseBuffer_Class::ClearBuf(DbPrintf_Class* pDB)
 int HTTPMultiPartResponseBuffer_Class::HttpReadFirst(int fd, int timeout_ms, SockExitFlag* exitFlag,
                                                      DbPrintf_Class* pDB)
 {
-    PrepareNextMessage(pDB);
-
-    int rc = HttpRead_Header(fd, timeout_ms, exitFlag, pDB);
+    int rc = ReadParsedHead(fd, timeout_ms, exitFlag, &Parser, Parser.m_strError,
+                            "HTTPMultiPartResponseBuffer_Class::HttpReadFirst()", pDB);
     if (rc != SUCCESS) {
-        TimePrint(pDB, 1,
-                  "[HTTPMultiPartResponseBuffer_Class::HttpReadFirst()] HttpRead_Header(sockfd %d) failed ::%d\n", fd,
-                  rc);
-        return HeadReadFailed(rc);
-    }
-
-    rc = Parser.Parsing(m_pBuffer + m_nHeaderStart, m_nHeaderLength, pDB);
-    if (rc != SUCCESS) {
-        TimePrint(pDB, 1, "[HTTPMultiPartResponseBuffer_Class::HttpReadFirst()] Parser.Parsing failed ::%d\n", rc);
-        SetFailure(Parser.m_nStatus, Parser.m_strError);
-        return HTTP_INVALID_SYNTAX;
+        return rc;
     }
 
     OneToken_Class* contentType = nullptr;
@@ -105,18 +94,14 @@ int HTTPMultiPartResponseBuffer_Class::HttpReadFirst(int fd, int timeout_ms, Soc
 
 int HTTPMultiPartResponseBuffer_Class::CheckPartHead(int fd, int readRc, DbPrintf_Class* pDB)
 {
+    static const char kWho[] = "HTTPMultiPartResponseBuffer_Class::HttpReadMulti()";
     if (readRc != SUCCESS) {
-        TimePrint(pDB, 1,
-                  "[HTTPMultiPartResponseBuffer_Class::HttpReadMulti()] HttpRead_Header(sockfd %d) failed ::%d\n", fd,
-                  readRc);
-        return HeadReadFailed(readRc);
+        return HeadReadFailed(kWho, fd, readRc, pDB);
     }
 
     int rc = Parser.ParsingMulti(m_pBuffer + m_nHeaderStart, m_nHeaderLength, pDB);
     if (rc != SUCCESS) {
-        TimePrint(pDB, 1, "[HTTPMultiPartResponseBuffer_Class::HttpReadMulti()] Parser.ParsingMulti failed ::%d\n", rc);
-        SetFailure(Parser.m_nStatus, Parser.m_strError);
-        return HTTP_INVALID_SYNTAX;
+        return HeadParseFailed(kWho, "Parser.ParsingMulti", rc, Parser.m_nStatus, Parser.m_strError, pDB);
     }
 
     // The part's data are followed by CR LF, read with them.

@@ -28,27 +28,18 @@ int read_part_head_exact(HTTPMultiPartResponseBuffer_Class& b, int fd, int timeo
 
     int end = scan.Next(b.m_pBuffer, b.m_nFilled);
     while (end < 0) {
-        if (b.m_nFilled >= b.m_nCapacity) {
-            return DATA_LARGE_THEN_BUF;
-        }
-        if (Sock_ExitRequested(exitFlag)) {
-            return LOOP_INTERRUPTED;
-        }
         timeval before{};
-        GetMonotonicTime(&before);
+        const int start = http_head::PassStart(b.m_nFilled, b.m_nCapacity, exitFlag, &before);
+        if (start != SUCCESS) {
+            return start;
+        }
 
         int peeked = 0;
         int rc = b.RecvOnce(fd, b.m_pBuffer + b.m_nFilled, b.m_nCapacity - b.m_nFilled, &peeked, timeout_ms,
                             SOCK_FIXED_FLAGS | MSG_PEEK, pDB);
-        if (rc == SOCK_INTERRUPT) {
-            if (Sock_ExitRequested(exitFlag)) {
-                return LOOP_INTERRUPTED;
-            }
-            peeked = 0;
-        } else if (rc != SUCCESS) {
+        rc = http_head::PassReceived(rc, &peeked, exitFlag);
+        if (rc != SUCCESS) {
             return rc;
-        } else if (peeked == 0) {
-            return SOCK_CLOSE;
         }
 
         if (peeked > 0) {

@@ -16,21 +16,12 @@ int HTTPRequestBuffer_Class::ClearBuf(DbPrintf_Class* pDB)
 
 int HTTPRequestBuffer_Class::HttpRead(int fd, int timeout_ms, SockExitFlag* exitFlag, DbPrintf_Class* pDB)
 {
-    PrepareNextMessage(pDB);
-
-    int rc = HttpRead_Header(fd, timeout_ms, exitFlag, pDB);
+    // Only the request parser's own text is reported: a fault inside the
+    // header lines reaches the client with its status and an empty text.
+    const int rc = ReadParsedHead(fd, timeout_ms, exitFlag, &Parser, Parser.m_strRequestError,
+                                  "HTTPRequestBuffer_Class::HttpRead()", pDB);
     if (rc != SUCCESS) {
-        TimePrint(pDB, 1, "[HTTPRequestBuffer_Class::HttpRead()] HttpRead_Header(sockfd %d) failed ::%d\n", fd, rc);
-        return HeadReadFailed(rc);
-    }
-
-    rc = Parser.Parsing(m_pBuffer + m_nHeaderStart, m_nHeaderLength, pDB);
-    if (rc != SUCCESS) {
-        TimePrint(pDB, 1, "[HTTPRequestBuffer_Class::HttpRead()] Parser.Parsing failed ::%d\n", rc);
-        // Only the request parser's own text is reported: a fault inside the
-        // header lines reaches the client with its status and an empty text.
-        SetFailure(Parser.m_nStatus, Parser.m_strRequestError);
-        return HTTP_INVALID_SYNTAX;
+        return rc;
     }
 
     switch (Parser.Flag_Num) {
@@ -54,17 +45,9 @@ int HTTPRequestBuffer_Class::HttpRead(int fd, int timeout_ms, SockExitFlag* exit
 int HTTPRequestBuffer_Class::ReadPostParams(int fd, int timeout_ms, SockExitFlag* exitFlag, DbPrintf_Class* pDB)
 {
     const StaticArr_NameValToken_Class& headers = Parser.m_HeaderLines;
-    int rc = CheckContentLength(headers, m_nCapacity - m_nBodyStart);
+    int rc = ReadCountedBody(fd, timeout_ms, exitFlag, headers, "HTTPRequestBuffer_Class::HttpRead()", pDB);
     if (rc != SUCCESS) {
-        TimePrint(pDB, 1, "[HTTPRequestBuffer_Class::HttpRead()] %s ::%d\n", m_strError, rc);
         return rc;
-    }
-    rc = HttpRead_Body(fd, m_nContentLength, timeout_ms, exitFlag, pDB);
-    if (rc != SUCCESS) {
-        TimePrint(pDB, 1,
-                  "[HTTPRequestBuffer_Class::HttpRead()] HttpRead_Body(sockfd %d,ContentLength %d) failed ::%d\n", fd,
-                  m_nContentLength, rc);
-        return BodyReadFailed(rc);
     }
 
     const unsigned char* body = m_pBuffer + m_nBodyStart;

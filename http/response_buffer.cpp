@@ -15,36 +15,15 @@ int HTTPResponseBuffer_Class::ClearBuf(DbPrintf_Class* pDB)
 
 int HTTPResponseBuffer_Class::HttpRead(int fd, int timeout_ms, SockExitFlag* exitFlag, DbPrintf_Class* pDB)
 {
-    PrepareNextMessage(pDB);
-
-    int rc = HttpRead_Header(fd, timeout_ms, exitFlag, pDB);
+    int rc = ReadParsedHead(fd, timeout_ms, exitFlag, &Parser, Parser.m_strError,
+                            "HTTPResponseBuffer_Class::HttpRead()", pDB);
     if (rc != SUCCESS) {
-        TimePrint(pDB, 1, "[HTTPResponseBuffer_Class::HttpRead()] HttpRead_Header(sockfd %d) failed ::%d\n", fd, rc);
-        return HeadReadFailed(rc);
-    }
-
-    rc = Parser.Parsing(m_pBuffer + m_nHeaderStart, m_nHeaderLength, pDB);
-    if (rc != SUCCESS) {
-        TimePrint(pDB, 1, "[HTTPResponseBuffer_Class::HttpRead()] Parser.Parsing failed ::%d\n", rc);
-        SetFailure(Parser.m_nStatus, Parser.m_strError);
-        return HTTP_INVALID_SYNTAX;
-    }
-
-    rc = CheckContentLength(Parser.m_HeaderLines, m_nCapacity - m_nBodyStart);
-    if (rc != SUCCESS) {
-        TimePrint(pDB, 1, "[HTTPResponseBuffer_Class::HttpRead()] %s ::%d\n", m_strError, rc);
         return rc;
     }
 
-    rc = HttpRead_Body(fd, m_nContentLength, timeout_ms, exitFlag, pDB);
+    rc = ReadCountedBody(fd, timeout_ms, exitFlag, Parser.m_HeaderLines, "HTTPResponseBuffer_Class::HttpRead()", pDB);
     if (rc != SUCCESS) {
-        TimePrint(pDB, 1,
-                  "[HTTPResponseBuffer_Class::HttpRead()] HttpRead_Body(sockfd %d,ContentLength %d) failed ::%d\n", fd,
-                  m_nContentLength, rc);
-        // HttpRead_Body reports a time-out as HTTP_BODY_READ_FAILD too, so
-        // this is 400 in practice; the test is kept for a reader that
-        // passes SOCK_TIMEOUT through.
-        return BodyReadFailed(rc);
+        return rc;
     }
     m_nStatus = 200;
     return SUCCESS;

@@ -172,6 +172,48 @@ int get_inet_name(int fd, bool peer, in_addr* addr, unsigned short* port)
     return SUCCESS;
 }
 
+// Whether a receive (or read) that returned r with errno err delivered:
+// then *got (when given) holds the count. A result that is not negative is
+// a success whatever errno holds: errno is only meaningful after a failure,
+// and a signal handler or a sanitizer's interceptor may leave a stale value
+// behind a success. A reset peer is treated like one that closed in order
+// (a count of 0).
+bool recv_done(ssize_t r, int err, int* got)
+{
+    if (r < 0 && err != ECONNRESET) {
+        return false;
+    }
+    if (got != nullptr) {
+        *got = r >= 0 ? static_cast<int>(r) : 0;
+    }
+    return true;
+}
+
+// Runs one-block transfers (step(done so far, &count)) until len bytes have
+// gone or a step moves none (the peer closed); then *done is the total. A
+// failing step's code is returned as it is, a time-out with *done set first
+// when timeoutKeepsCount.
+template <typename Step> int repeat_blocks(int len, int* done, bool timeoutKeepsCount, Step&& step)
+{
+    int total = 0;
+    while (total < len) {
+        int n = 0;
+        const int rc = step(total, &n);
+        if (rc == SOCK_TIMEOUT && timeoutKeepsCount) {
+            *done = total;
+        }
+        if (rc != SUCCESS) {
+            return rc;
+        }
+        if (n == 0) {
+            break;
+        }
+        total += n;
+    }
+    *done = total;
+    return SUCCESS;
+}
+
 }  // namespace
 
 bool Sock_ExitRequested(const SockExitFlag* exitFlag)
@@ -352,20 +394,7 @@ int Sock_Recv_OneBlock(int fd, void* buf, int len, int* got, int timeout_ms, int
         r = recv(fd, buf, static_cast<size_t>(len < 0 ? 0 : len), flags);
         err = errno;
     }
-    // A result that is not negative is a successful receive whatever errno
-    // holds: errno is only meaningful after a failure, and a signal handler
-    // or a sanitizer's interceptor may leave a stale value behind a success.
-    if (r >= 0) {
-        if (got != nullptr) {
-            *got = static_cast<int>(r);
-        }
-        return SUCCESS;
-    }
-    if (err == ECONNRESET) {
-        // A reset peer is treated like one that closed in order.
-        if (got != nullptr) {
-            *got = 0;
-        }
+    if (recv_done(r, err, got)) {
         return SUCCESS;
     }
     if (err == EINTR) {
@@ -441,24 +470,10 @@ int Sock_Read(int fd, void* buf, int len, int* got, DbPrintf_Class* /*pDB*/)
         return DEBUG_WARNING;
     }
     char* p = static_cast<char*>(buf);
-    int total = 0;
-    while (total < len) {
-        int n = 0;
-        const int rc = Sock_Recv_OneBlock(fd, p + total, len - total, &n, kSimplePassMs, SOCK_FIXED_FLAGS);
-        if (rc == SOCK_TIMEOUT) {
-            *got = total;
-            return SOCK_TIMEOUT;
-        }
-        if (rc != SUCCESS) {
-            return rc;
-        }
-        if (n == 0) {
-            break;
-        }
-        total += n;
-    }
-    *got = total;
-    return SUCCESS;
+    // A time-out reports what was read before it.
+    return repeat_blocks(len, got, true, [fd, p, len](int total, int* n) {
+        return Sock_Recv_OneBlock(fd, p + total, len - total, n, kSimplePassMs, SOCK_FIXED_FLAGS);
+    });
 }
 
 int Sock_Read_OneBlock(int fd, void* buf, int len, int* got, int timeout_ms, DbPrintf_Class* /*pDB*/)
@@ -468,19 +483,7 @@ int Sock_Read_OneBlock(int fd, void* buf, int len, int* got, int timeout_ms, DbP
     }
     errno = 0;
     const ssize_t r = read(fd, buf, static_cast<size_t>(len < 0 ? 0 : len));
-    if (r >= 0) {
-        if (got != nullptr) {
-            *got = static_cast<int>(r);
-        }
-        return SUCCESS;
-    }
-    if (errno == ECONNRESET) {
-        if (got != nullptr) {
-            *got = 0;
-        }
-        return SUCCESS;
-    }
-    return SOCK_READ_FAIL;
+    return recv_done(r, errno, got) ? SUCCESS : SOCK_READ_FAIL;
 }
 
 // ---- Sending -----------------------------------------------------------------
@@ -567,20 +570,9 @@ int Sock_Write(int fd, const void* buf, int len, int* sent, DbPrintf_Class* /*pD
         return DEBUG_WARNING;
     }
     const char* p = static_cast<const char*>(buf);
-    int total = 0;
-    while (total < len) {
-        int n = 0;
-        const int rc = Sock_Send_OneBlock(fd, p + total, len - total, &n, kSimplePassMs, SOCK_FIXED_FLAGS);
-        if (rc != SUCCESS) {
-            return rc;
-        }
-        if (n == 0) {
-            break;
-        }
-        total += n;
-    }
-    *sent = total;
-    return SUCCESS;
+    return repeat_blocks(len, sent, false, [fd, p, len](int total, int* n) {
+        return Sock_Send_OneBlock(fd, p + total, len - total, n, kSimplePassMs, SOCK_FIXED_FLAGS);
+    });
 }
 
 int Sock_Write_OneBlock(int fd, const void* buf, int len, int* sent, int timeout_ms, DbPrintf_Class* /*pDB*/)

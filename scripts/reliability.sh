@@ -94,6 +94,13 @@ sweep() {
     done
     [ -n "$left" ] || return 0
     printf "\n   still running in its network namespace, killed:%s\n" "$left"
+    # What each one was, for the log: its command line, state and parent.
+    for p in $left; do
+        printf '   %s: %s (%s, parent %s)\n' "$p" \
+            "$(tr '\0' ' ' < "/proc/$p/cmdline" 2>/dev/null)" \
+            "$(awk '/^State:/ { print $2, $3 }' "/proc/$p/status" 2>/dev/null)" \
+            "$(awk '/^PPid:/ { print $2 }' "/proc/$p/status" 2>/dev/null)"
+    done
     # shellcheck disable=SC2086
     kill -KILL $left 2>/dev/null || true
     return 1

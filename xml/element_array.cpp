@@ -2,6 +2,7 @@
 
 #include <stdlib.h>
 
+#include "common/ptr_arr.h"
 #include "common/return_codes.h"
 #include "xml/xml_element.h"
 
@@ -45,13 +46,8 @@ int Arr_XmlElement_Class::Add_XmlElement_Class(XmlElement_Class* elem, DbPrintf_
     if (m_ppArr == nullptr) {
         return MEM_MAP_ERROR;
     }
-    if (m_nCount == m_nCapacity) {
-        void* grown = realloc(m_ppArr, sizeof(XmlElement_Class*) * (m_nCapacity + ARRAY_STEP));
-        if (grown == nullptr) {
-            return MALLOC_ERROR;
-        }
-        m_ppArr = static_cast<XmlElement_Class**>(grown);
-        m_nCapacity += ARRAY_STEP;
+    if (PtrArr_MakeRoom(&m_ppArr, m_nCount, &m_nCapacity, ARRAY_STEP) != SUCCESS) {
+        return MALLOC_ERROR;
     }
     m_ppArr[m_nCount++] = elem;
     return SUCCESS;

@@ -672,3 +672,21 @@ int XmlParser_Class::Output_XMLTree(StringBuf_Class* buf, DbPrintf_Class* pDB) c
     }
     return m_pRoot->OutputBuffer(buf, pDB);
 }
+
+int XmlParser_ReadRoot(XmlParser_Class* parser, const char* path, const char* rootName, const XmlElement_Class** root,
+                       DbPrintf_Class* pDB)
+{
+    int rc = parser->Construct_FromFileOpen(path, pDB);
+    if (rc != SUCCESS) {
+        return rc;
+    }
+    rc = parser->ParserMain(pDB);
+    if (rc != SUCCESS) {
+        return rc;
+    }
+    *root = parser->GetRootElement();
+    if (*root == nullptr || (*root)->GetName().Compare(rootName, pDB) != SUCCESS) {
+        return XMLPARSER_PARSER_ERROR;
+    }
+    return SUCCESS;
+}

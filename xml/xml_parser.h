@@ -96,4 +96,11 @@ private:
     InFileAddress_Class m_LastEnd;
 };
 
+// Loads the file at path into parser, parses it and hands out its root
+// element when the root is named rootName (the element is owned by parser).
+// The load's or the parse's own code when either fails;
+// XMLPARSER_PARSER_ERROR when there is no root or it has another name.
+int XmlParser_ReadRoot(XmlParser_Class* parser, const char* path, const char* rootName, const XmlElement_Class** root,
+                       DbPrintf_Class* pDB = nullptr);
+
 #endif

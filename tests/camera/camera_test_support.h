@@ -9,10 +9,9 @@
 #include <cstdio>
 #include <fstream>
 #include <map>
-#include <optional>
 #include <string>
 
-#include "temp_dir.h"
+#include "common/test_files.h"
 #include "test_sockets.h"
 
 // The camera tests' own pieces: a camera's stream head, part heads and
@@ -61,15 +60,14 @@ inline Keys ValidChannelKeys()
     };
 }
 
-class ConfDirTest : public ::testing::Test {
+class ConfDirTest : public test_files::ScratchDir {
 protected:
+    ConfDirTest() : ScratchDir(TempDir::Cwd::Enter) {}
     void SetUp() override
     {
-        m_scratch.emplace("ostrel_camera", TempDir::Cwd::Enter);
-        m_dir = m_scratch->Path();
+        ScratchDir::SetUp();
         ASSERT_EQ(mkdir("conf", 0777), 0);
     }
-    void TearDown() override { m_scratch.reset(); }
     static void WriteChannels(const std::map<int, Keys>& channels)
     {
         std::ofstream out("conf/Config.txt", std::ios::trunc);
@@ -84,11 +82,6 @@ protected:
             }
         }
     }
-
-    std::string m_dir;
-
-private:
-    std::optional<TempDir> m_scratch;
 };
 
 #endif

@@ -4,13 +4,12 @@
 
 #include <atomic>
 #include <cstring>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <thread>
 
 #include "camera/camera_test_support.h"
 #include "common/return_codes.h"
+#include "common/test_files.h"
 
 namespace {
 
@@ -20,7 +19,7 @@ protected:
     void SetUp() override
     {
         ConfDirTest::SetUp();
-        log_ = new DbPrintf_Class((m_dir + "/log.txt").c_str(), 1);
+        log_ = new DbPrintf_Class((dir_ + "/log.txt").c_str(), 1);
     }
     void TearDown() override
     {
@@ -30,12 +29,7 @@ protected:
     // The single-channel form adds a valid channel 7, so that a wrong key
     // suffix would be caught.
     void writeConfig(const Keys& keys) { WriteChannels({{7, ValidChannelKeys()}, {1, keys}}); }
-    std::string logText()
-    {
-        std::ostringstream ss;
-        ss << std::ifstream(m_dir + "/log.txt").rdbuf();
-        return ss.str();
-    }
+    std::string logText() { return test_files::ReadFile(dir_ + "/log.txt"); }
 
     DbPrintf_Class* log_ = nullptr;
 };

@@ -41,13 +41,14 @@ inline std::string TokenText(const OneToken_Class& t)
 }
 
 // Fixture base: dir_ is a fresh directory (tests/support's TempDir) for each
-// test, removed with everything in it afterwards. A derived SetUp calls
-// ScratchDir::SetUp first.
+// test, removed with everything in it afterwards; with Cwd::Enter the test
+// runs in it. A derived SetUp calls ScratchDir::SetUp first.
 class ScratchDir : public ::testing::Test {
 protected:
+    explicit ScratchDir(TempDir::Cwd cwd = TempDir::Cwd::Stay) : cwd_(cwd) {}
     void SetUp() override
     {
-        scratch_.emplace("ostrel_test");
+        scratch_.emplace("ostrel_test", cwd_);
         dir_ = scratch_->Path();
     }
     void TearDown() override { scratch_.reset(); }
@@ -55,6 +56,7 @@ protected:
     std::string dir_;
 
 private:
+    TempDir::Cwd cwd_;
     std::optional<TempDir> scratch_;
 };
 

@@ -2,31 +2,24 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
-#include <string.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include "common/return_codes.h"
+#include "test_sockets.h"
 
 namespace {
-
-sockaddr_in Address(const char* addr, int port)
-{
-    sockaddr_in sa;
-    memset(&sa, 0, sizeof sa);
-    sa.sin_family = AF_INET;
-    sa.sin_port = htons(static_cast<uint16_t>(port));
-    inet_pton(AF_INET, addr, &sa.sin_addr);
-    return sa;
-}
 
 // A plain listening socket (no SO_REUSEADDR) that keeps a port busy.
 struct PortHolder {
     PortHolder(const char* addr, int port) : fd(socket(AF_INET, SOCK_STREAM, 0))
     {
-        sockaddr_in sa = Address(addr, port);
+        sockaddr_in sa{};
+        sa.sin_family = AF_INET;
+        sa.sin_port = htons(static_cast<uint16_t>(port));
+        inet_pton(AF_INET, addr, &sa.sin_addr);
         ok = bind(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa) == 0 && listen(fd, 1) == 0;
     }
     ~PortHolder() { close(fd); }
@@ -38,14 +31,12 @@ struct PortHolder {
 // its recorded descriptor).
 bool Connects(const char* addr, int port, const PPD_ListenPort_Class* lp)
 {
-    int c = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in sa = Address(addr, port);
-    bool ok = connect(c, reinterpret_cast<sockaddr*>(&sa), sizeof sa) == 0;
+    const int c = ConnectTo(addr, port);
+    bool ok = c >= 0;
     if (ok && lp != nullptr) {
-        int a = accept(lp->GetSocket(), nullptr, nullptr);
+        const int a = accept(lp->GetSocket(), nullptr, nullptr);
         ok = a >= 0;
-        if (ok)
-            close(a);
+        close(a);
     }
     close(c);
     return ok;

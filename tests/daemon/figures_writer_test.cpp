@@ -1,5 +1,6 @@
-// The figures file: rates over the last writings, the text, the whole-file
-// write, and the writer thread that keeps the file while it runs.
+// The figures file: rates over the last writings, the text and the
+// whole-file write. The writer thread that keeps the file while the daemon
+// runs, and removes it at the stop, is the fleet's end-to-end test.
 #include "daemon/figures_writer.h"
 
 #include <gtest/gtest.h>
@@ -14,7 +15,6 @@
 #include "common/figures.h"
 #include "common/return_codes.h"
 #include "common/test_files.h"
-#include "net/process_utils.h"
 
 namespace {
 
@@ -128,30 +128,6 @@ TEST_F(FiguresFile, WrittenWholeAndReplaced)
     const std::string missing = dir_ + "/no-such-dir/Ostrel_01.figures";
     EXPECT_EQ(WriteFileWhole(missing.c_str(), "a=1\n", 4), CANNOT_FILEOPEN);
     EXPECT_EQ(WriteFileWhole(nullptr, "a=1\n", 4), DEBUG_WARNING);
-}
-
-TEST_F(FiguresFile, WriterKeepsTheFileWhileItRunsAndRemovesItAtTheStop)
-{
-    // The stop's SIGUSR1 only wakes the thread, as in the daemon.
-    ASSERT_EQ(SIGUSER1_Ignores(), SUCCESS);
-    char cwd[4096];
-    ASSERT_NE(getcwd(cwd, sizeof cwd), nullptr);
-    ASSERT_EQ(mkdir((dir_ + "/mem").c_str(), 0755), 0);
-    ASSERT_EQ(chdir(dir_.c_str()), 0);
-    const std::string path = dir_ + "/mem/Ostrel_03.figures";
-    {
-        FiguresWriter_ControlClass pool;
-        ASSERT_EQ(pool.Add_Writer(3), SUCCESS);
-        // Written at once when the thread starts, then once a second.
-        for (int i = 0; i < 2000 && access(path.c_str(), F_OK) != 0; ++i)
-            usleep(10000);
-        auto lines = Lines(ReadFile(path));
-        EXPECT_EQ(lines["pid"], std::to_string(getpid()));
-        EXPECT_EQ(pool.All_ThreadDestruct(2000), SUCCESS);
-    }
-    EXPECT_NE(access(path.c_str(), F_OK), 0);
-    EXPECT_NE(access((path + ".tmp").c_str(), F_OK), 0);
-    ASSERT_EQ(chdir(cwd), 0);
 }
 
 }  // namespace

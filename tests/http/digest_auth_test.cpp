@@ -19,20 +19,6 @@ namespace {
 
 // ---- MD5 and SHA-256 -------------------------------------------------------
 
-std::string md5(const std::string& s)
-{
-    char out[MD5_HEX_SIZE];
-    Md5Hex(s.data(), s.size(), out);
-    return out;
-}
-
-std::string sha256(const std::string& s)
-{
-    char out[SHA256_HEX_SIZE];
-    Sha256Hex(s.data(), s.size(), out);
-    return out;
-}
-
 TEST(MessageDigest, Rfc1321AndFips180Vectors)
 {
     struct Row {
@@ -268,37 +254,32 @@ TEST(DigestChallenge, RejectTable)
         std::vector<std::string> values;
         int code;
         const char* reason;
-        const char* note;
     } rows[] = {
         {{"Digest realm=\"" + std::string(201, 'r') + "\", nonce=\"n\""}, DATASIZE_LARGE,
-         "[Offset 13]:realm longer than 200 characters (201)", "realm over the limit"},
+         "[Offset 13]:realm longer than 200 characters (201)"},
         {{"Digest realm=\"r\", nonce=" + std::string(201, 'n')}, DATASIZE_LARGE,
-         "[Offset 24]:nonce longer than 200 characters (201)", "token nonce over the limit"},
+         "[Offset 24]:nonce longer than 200 characters (201)"},
         {{"Digest opaque=\"" + std::string(300, 'o') + "\""}, DATASIZE_LARGE,
-         "[Offset 14]:opaque longer than 200 characters (300)", "opaque over the limit"},
-        {{nine}, OVER_PARAM, "[Offset 136]:more than 8 challenges", "nine challenges on one line"},
+         "[Offset 14]:opaque longer than 200 characters (300)"},
+        {{nine}, OVER_PARAM, "[Offset 136]:more than 8 challenges"},
         {{"Basic a=b, Basic a=b, Basic a=b, Basic a=b", "Basic a=b, Basic a=b, Basic a=b, Basic a=b", "Basic a=b"},
-         OVER_PARAM, "[Offset 0]:more than 8 challenges", "nine over three lines"},
-        {{"Digest realm=\"r"}, HTTP_INVALID_SYNTAX, "[Offset 13]:quoted string not closed", "open quote"},
-        {{"Digest realm=\"r\\"}, HTTP_INVALID_SYNTAX, "[Offset 13]:quoted string not closed", "escape at the end"},
-        {{"Digest realm=\"a\001b\""}, HTTP_INVALID_SYNTAX, "[Offset 15]:control character 0x01 in quoted string",
-         "control character"},
-        {{"Digest realm=\"r\" nonce=\"n\""}, HTTP_INVALID_SYNTAX, "[Offset 17]:expected ',' before 0x6e",
-         "missing comma"},
-        {{"Digest realm=\"r\", nonce="}, HTTP_INVALID_SYNTAX, "[Offset 24]:parameter without a value",
-         "no value at the end"},
-        {{"Digest realm=\"r\", nonce=;"}, HTTP_INVALID_SYNTAX, "[Offset 24]:parameter without a value",
-         "separator for a value"},
-        {{"Digest\"x\""}, HTTP_INVALID_SYNTAX, "[Offset 6]:no blank after the scheme", "quote after the scheme"},
-        {{"=Digest"}, HTTP_INVALID_SYNTAX, "[Offset 0]:no scheme at 0x3d", "no scheme"},
+         OVER_PARAM, "[Offset 0]:more than 8 challenges"},
+        {{"Digest realm=\"r"}, HTTP_INVALID_SYNTAX, "[Offset 13]:quoted string not closed"},
+        {{"Digest realm=\"r\\"}, HTTP_INVALID_SYNTAX, "[Offset 13]:quoted string not closed"},
+        {{"Digest realm=\"a\001b\""}, HTTP_INVALID_SYNTAX, "[Offset 15]:control character 0x01 in quoted string"},
+        {{"Digest realm=\"r\" nonce=\"n\""}, HTTP_INVALID_SYNTAX, "[Offset 17]:expected ',' before 0x6e"},
+        {{"Digest realm=\"r\", nonce="}, HTTP_INVALID_SYNTAX, "[Offset 24]:parameter without a value"},
+        {{"Digest realm=\"r\", nonce=;"}, HTTP_INVALID_SYNTAX, "[Offset 24]:parameter without a value"},
+        {{"Digest\"x\""}, HTTP_INVALID_SYNTAX, "[Offset 6]:no blank after the scheme"},
+        {{"=Digest"}, HTTP_INVALID_SYNTAX, "[Offset 0]:no scheme at 0x3d"},
         {{"Digest realm=\"r\", nonce=\"n\", qop=\"" + std::string(40, 'q') + "\""}, DATASIZE_LARGE,
-         "[Offset 33]:qop longer than 30 characters (40)", "qop list over its limit"},
+         "[Offset 33]:qop longer than 30 characters (40)"},
     };
     for (const Row& r : rows) {
         AuthChallenges set;
         char reason[AUTH_REASON_SIZE];
-        EXPECT_EQ(r.code, parse(r.values, &set, reason)) << r.note;
-        EXPECT_STREQ(r.reason, reason) << r.note;
+        EXPECT_EQ(r.code, parse(r.values, &set, reason)) << r.reason;
+        EXPECT_STREQ(r.reason, reason);
     }
 }
 

@@ -6,6 +6,7 @@
 
 #include "common/return_codes.h"
 #include "common/tokens.h"
+#include "http/message_digest.h"
 
 // Parsers borrow their bytes: each run gets an exactly sized heap copy so
 // that AddressSanitizer reports any read past the end.
@@ -34,6 +35,22 @@ inline std::string pairs(const StaticArr_NameValToken_Class& table)
         out += span(table.Get(i)->m_Name) + (val == std::string(1, '\0') ? std::string("\\0") : val);
     }
     return out;
+}
+
+// The digests in lower-case hex, as the Digest answers carry them.
+template <size_t N> std::string HexDigest(void (*digest)(const void*, size_t, char (&)[N]), const std::string& s)
+{
+    char out[N];
+    digest(s.data(), s.size(), out);
+    return out;
+}
+inline std::string md5(const std::string& s)
+{
+    return HexDigest(Md5Hex, s);
+}
+inline std::string sha256(const std::string& s)
+{
+    return HexDigest(Sha256Hex, s);
 }
 
 #endif

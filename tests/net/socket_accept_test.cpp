@@ -11,18 +11,11 @@
 #include "common/test_files.h"
 #include "common/time_utils.h"
 #include "net/socket_listen.h"
+#include "test_sockets.h"
 
 namespace {
 
 class AcceptTest : public test_files::ScratchDir {};
-
-int connect_to(const sockaddr_in& addr)
-{
-    const int fd = socket(AF_INET, SOCK_STREAM, 0);
-    EXPECT_GE(fd, 0);
-    EXPECT_EQ(0, connect(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof addr));
-    return fd;
-}
 
 int lowest_free_fd()
 {
@@ -65,7 +58,7 @@ TEST_F(AcceptTest, OutOfDescriptorsPausesLogsOncePerEpisodeAndRecovers)
 
     {
         // The first accept takes the descriptor kept in reserve for the log.
-        const int client = connect_to(addr);
+        const int client = ConnectTo("127.0.0.1", ntohs(addr.sin_port));
         sockaddr_in peer{};
         int fd = -1;
         ASSERT_EQ(SUCCESS, Sock_Accept(listenFd, &fd, &peer, &log));
@@ -75,7 +68,7 @@ TEST_F(AcceptTest, OutOfDescriptorsPausesLogsOncePerEpisodeAndRecovers)
     rlimit saved{};
     ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &saved));
     for (int episode = 1; episode <= 2; ++episode) {
-        const int client = connect_to(addr);
+        const int client = ConnectTo("127.0.0.1", ntohs(addr.sin_port));
         rlimit low = saved;
         low.rlim_cur = static_cast<rlim_t>(lowest_free_fd());
         ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &low));

@@ -64,25 +64,15 @@ int PieceSource::RecvOnce(void* buf, int len, int* got, int, int flags, DbPrintf
 
 int PieceSource::RecvFill(void* buf, int len, int* got, int timeout_ms, SockExitFlag* exitFlag, DbPrintf_Class* pDB)
 {
-    int total = 0;
-    while (total < len) {
-        if (Sock_ExitRequested(exitFlag)) {
-            *got = total;
-            return LOOP_INTERRUPTED;
-        }
-        int n = 0;
-        int rc = RecvOnce(static_cast<char*>(buf) + total, len - total, &n, timeout_ms, SOCK_FIXED_FLAGS, pDB);
-        if (rc != SUCCESS) {
-            *got = total;
-            return rc;
-        }
-        if (n == 0) {
-            break;
-        }
-        total += n;
+    int rc = SUCCESS;
+    int n = 1;
+    for (*got = 0; rc == SUCCESS && n > 0 && *got < len; *got += n) {
+        n = 0;
+        rc = Sock_ExitRequested(exitFlag)
+                 ? LOOP_INTERRUPTED
+                 : RecvOnce(static_cast<char*>(buf) + *got, len - *got, &n, timeout_ms, SOCK_FIXED_FLAGS, pDB);
     }
-    *got = total;
-    return SUCCESS;
+    return rc;
 }
 
 std::vector<std::string> SplitAt(const std::string& s, size_t cut)
