@@ -88,6 +88,13 @@ class DescriptorTest(r.ReliabilityCase):
             # Nothing more can be opened: every accept fails with EMFILE.
             # Silent clients queue first, then the viewer.
             resource.prlimit(pid, resource.RLIMIT_NOFILE, (lowest_free_fd(pid), limits[1]))
+            # A control thread blocked in accept() holds the number of the
+            # descriptor it will return, taken before the limit came down.
+            # One quick request per thread (two from the command line) uses
+            # those up, so every accept from here on meets the shortage.
+            for _ in range(2):
+                self.assertIn(b" 404 ", harness.exchange(b"GET /none HTTP/1.0\r\n\r\n")[:16])
+            recovered = self.log_text().count(RECOVERY_LINE)
             queued = [harness.connect(timeout=60) for _ in range(8)]
             answers = []
             viewer = threading.Thread(target=lambda: answers.extend(harness.parse_answers(harness.exchange(
@@ -110,6 +117,8 @@ class DescriptorTest(r.ReliabilityCase):
             viewer.join(60)
             self.assertTrue(answers, "the queued viewer was not served")
             self.assertEqual(answers[0].status, 200)
+            # Accepts did fail, and the daemon says it has descriptors again.
+            r.wait_for(lambda: self.log_text().count(RECOVERY_LINE) > recovered, "the recovery line")
             a = harness.get_image()
             served = time.monotonic() - t0
             self.assertEqual(a.status, 200)
